@@ -1,0 +1,1541 @@
+#ifndef RM_H
+#define RM_H
+
+/**
+ * @file rm.h
+ * @brief The resource manager: one portable layer between a multi-process database server and the
+ *        operating system.
+ *
+ * The processes of a server call this interface instead of the operating system. It owns their
+ * tagged memory, their table of managed files, their sync objects, their system log and the way
+ * out when a resource fails beyond repair. Everything is plain functions over tables that belong
+ * to the process; the tables are made on first use, so nothing needs to be initialised.
+ *
+ * The rules of this page hold for every call and are not repeated there.
+ *
+ * @section rm_widths Widths and characters
+ *
+ * - Widths are those of `<stdint.h>`: handles, tags and statuses are signed 16-bit, sizes, offsets
+ *   and time-outs unsigned 32-bit. An unsigned 32-bit -1 is 0xFFFFFFFF.
+ * - Sizes and offsets count bytes. A managed file works up to 4 GiB - 2.
+ * - Texts are bytes that end with a zero; a size of a text buffer includes that zero. Letters,
+ *   digits and white space are those of ASCII, whatever locale the host has set, and the bytes 0x80
+ *   to 0xFF belong to no class.
+ * - Pointers must not be null unless the comment says that they may be.
+ * - A handle or tag outside the range of its table is treated as one that is not in use.
+ *
+ * @section rm_ownership Ownership
+ *
+ * - What a caller passes stays the caller's. It is read during the call and never modified, so a
+ *   literal is always safe. Two calls differ and say so: rm_syncCreate() keeps the pointer to its
+ *   name, StrToArgv() writes into its text.
+ * - Memory that a call returns belongs to the caller, under the tag that the **Memory** line names.
+ *   rm_freeMemory() with the same tag gives it back, and so does every release of the whole tag.
+ * - Handles belong to the process that made them. A process keeps its own tables of tags, files and
+ *   sync objects; a child starts with a copy of its parent's.
+ *
+ * @section rm_timeouts Time-outs
+ *
+ * A time-out is given in milliseconds and takes effect in whole seconds, rounded up: 1 to 1000 are
+ * one second, 1500 are two. **A time-out of 0 does not mean a single attempt: it waits without
+ * limit.** So do ::RM_WAIT_FOREVER and every other value from 0x7FFFFC19 up, since adding 999 to
+ * it overflows a signed 32-bit number. A timed wait uses the alarm clock and the SIGALRM handler of
+ * the process and restores neither; when a signal ends rm_syncWait(), the alarm is still to come.
+ *
+ * @section rm_fatal Fatal errors
+ *
+ * A resource that fails beyond repair is not reported by a status: the call does not come back.
+ * The library logs what happened, logs a banner of seven lines (once per process), and then
+ *
+ * - logs "Exiting to shutdown processing" and jumps to the target that the host registered with
+ *   rm_errorJump(), where **setjmp returns 1**; or,
+ * - without a target, logs "Exiting to operating system" and calls rm_exit(0). The process ends
+ *   with **exit status 0**: register a target if its parent has to notice.
+ *
+ * For the frames of the host between the target and the failing call this means:
+ *
+ * - They are abandoned. **No destructors run**, and no clean-up code does. In C++, no object with a
+ *   destructor that matters may be alive in a frame that calls a function which may be fatal.
+ * - Memory that only they knew stays in its tag until the tag is released: one tag per task makes
+ *   that a single rm_freeTagMemory() at the target.
+ * - The locks of the library that they held are given back, and their file operations count as
+ *   ended. Sync objects that the host itself had entered stay entered.
+ * - The function that called setjmp must still be active, and those of its local variables that
+ *   changed since are lost unless they are volatile: the language's own rules for longjmp.
+ *
+ * The library stays usable after the jump. Each function says in its **Fatal** line which of these
+ * can end it:
+ *
+ * | Word    | The call does not come back when                                                    |
+ * |---------|-------------------------------------------------------------------------------------|
+ * | never   | it always comes back                                                                |
+ * | memory  | no memory is left, or the tag that it allocates from is not in use                  |
+ * | lock    | a lock of the file layer was not free within 14 seconds                             |
+ * | syscall | a call on a sync object failed or its handle is bad, or a file could not be grown   |
+ * | mode    | the file was opened with ::FILE_FATAL, and opening, reading or writing it failed    |
+ * | always  | the call is the fatal path itself                                                   |
+ *
+ * @section rm_loglines Log lines
+ *
+ * The **Log** line quotes what a failure writes into the system log, as printf formats. Two kinds
+ * of fatal errors share a frame, and there only the text within the frame is quoted:
+ *
+ * - syscall: "**** %s() %s, errno=%d (%s)" with the failing function, the quoted text, and the
+ *   error. Only the first such failure of a process is logged; each is printed to standard output.
+ * - lock: "***Fatal resource manager error***", then "    Specific problem: %s" with the quoted
+ *   text.
+ *
+ * @section rm_fork Fork rules
+ *
+ * Server processes are single-threaded and are made with fork. Five rules make sharing work:
+ *
+ * 1. **Create sync objects before the fork.** The children inherit the handles and share the
+ *    semaphores. Creating adds 1 to a semaphore, so a process that creates an object which others
+ *    already use raises it to 2, and the lock lets two in.
+ * 2. **That includes the two locks of the file layer.** A parent whose children use managed files
+ *    sets `fileSem = rm_syncCreate("fileSem")` and `growSem = rm_syncCreate("growSem")` first,
+ *    unless it has opened and grown files itself. Otherwise each child would make its own.
+ * 3. **Workers end with `_exit`.** rm_exit() in any process removes the sync objects for all of
+ *    them, and the next operation of the others is fatal. So is a fatal error in a worker without
+ *    a target of its own: it ends in rm_exit(0).
+ * 4. **Workers open their files after the fork.** An inherited descriptor shares its offset with
+ *    the parent's: a seek in one process moves the other. Whoever does use an inherited handle
+ *    holds a lock of the host around every operation on it, in every process.
+ * 5. **An inherited log stream may be written by all.** It appends, as long as nobody's copy of it
+ *    is parked: open the log with ::FILE_PINNED.
+ *
+ * @section rm_locks Lock order
+ *
+ * - OK: locks of the host, then #fileSem, then #growSem.
+ * - OK: locks of the host, then a file's own lock, then #growSem.
+ * - ERROR: #fileSem inside a file's own lock. The library leaves it first.
+ * - ERROR: a call on a managed file while the host has entered #fileSem or #growSem itself. Hosts
+ *   create those two and never enter them.
+ *
+ * The **Locks** line names what a call enters; it is missing where a call enters nothing. No call
+ * comes back with a lock of the library entered.
+ */
+
+#include <setjmp.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#ifdef __cplusplus
+/** Marks the calls that never come back. */
+#define RM_NORETURN [[noreturn]]
+/** Opens the declarations: C linkage, in C++ too. */
+#define RM_BEGIN_DECLS extern "C" {
+/** Closes what #RM_BEGIN_DECLS opened. */
+#define RM_END_DECLS }
+#else
+/** Marks the calls that never come back. */
+#define RM_NORETURN _Noreturn
+/** Opens the declarations: C linkage, in C++ too. */
+#define RM_BEGIN_DECLS
+/** Closes what #RM_BEGIN_DECLS opened. */
+#define RM_END_DECLS
+#endif
+
+#if defined(__GNUC__)
+/** Marks what the shared library exports. */
+#define RM_API __attribute__((visibility("default")))
+/** Lets the compiler check the arguments from the `first` one on against the format `text`. */
+#define RM_PRINTF(text, first) __attribute__((__format__(__printf__, text, first)))
+#else
+/** Marks what the shared library exports. */
+#define RM_API
+/** Lets the compiler check the arguments from the `first` one on against the format `text`. */
+#define RM_PRINTF(text, first)
+#endif
+
+/**
+ * @defgroup rm_status Status values
+ * Success is 0 in every call that has a status. The other codes, with the calls that return them:
+ * @{
+ */
+#define RM_SUCCESS 0              /**< success: every call with a status */
+#define RM_TIMEOUT 1              /**< timed out: rm_syncEnterExcl(), rm_syncWait() */
+#define RM_NO_ELEMENT 1           /**< no element, end of an iteration */
+#define RM_NOT_FOUND 2            /**< not found */
+#define RM_FULL 5                 /**< full */
+#define RM_NONE (-1)              /**< no entry; no handle: rm_fileOpen(), rm_syncOpen() */
+#define RM_CANNOT_OPEN (-46)      /**< a file cannot be opened */
+#define RM_MISSING_ARGUMENT (-52) /**< an argument is missing */
+#define RM_INVALID (-56)          /**< invalid tag; damaged container */
+#define RM_UNKNOWN_MODULE (-1006) /**< unknown module */
+#define RM_COPY_FAILED (-1018)    /**< copy failed */
+#define RM_RENAME_FAILED (-1019)  /**< remove or rename failed */
+#define RM_OUT_OF_MEMORY (-2011)  /**< out of memory: StrToArgv() */
+/** @} */
+
+RM_BEGIN_DECLS
+
+/**
+ * @defgroup rm_frame Error and exit frame
+ *
+ * Where control goes when a resource fails beyond repair, and how a process ends in order. A host
+ * registers two targets, usually at the top of main: one for fatal errors, from which it shuts
+ * itself down, and one at which rm_exit() arrives. Both are plain setjmp buffers, and the function
+ * that called setjmp must stay active for as long as the target may be used. See @ref rm_fatal.
+ *
+ * @par Example
+ * @include errorframe.c
+ * @{
+ */
+
+/**
+ * Registers the target for fatal errors, where setjmp then returns 1.
+ * The registration is permanent; a later call replaces the target, and nothing removes it.
+ *
+ * @param env buffer that the caller filled with setjmp; copied whole
+ * @fatal never
+ */
+RM_API void rm_errorJump(jmp_buf env);
+
+/**
+ * Registers the target at which rm_exit() arrives, where setjmp then returns the exit code.
+ * The registration is permanent; a later call replaces the target, and nothing removes it.
+ *
+ * @param env buffer that the caller filled with setjmp; copied whole
+ * @fatal never
+ */
+RM_API void rm_exitJump(jmp_buf env);
+
+/**
+ * Takes the fatal path because a system call failed.
+ * The line below is logged for the first failure of the process only, and printed to standard
+ * output each time.
+ *
+ * @param function name of the caller, without parentheses
+ * @param message what failed, for instance "semop() failure"
+ * @param error errno value; 0 when no system call was involved
+ * @fatal always
+ * @log "**** %s() %s, errno=%d (%s)", the last from strerror; then as rm_errorExit()
+ */
+RM_NORETURN RM_API void internalErrorExit(const char* function, const char* message, int32_t error);
+
+/**
+ * Takes the fatal path because of a condition that the caller found itself.
+ *
+ * @param message what went wrong
+ * @fatal always
+ * @log "***Fatal resource manager error***" and "    Specific problem: %s"; then as rm_errorExit()
+ */
+RM_NORETURN RM_API void fatalRMExit(const char* message);
+
+/**
+ * Takes the fatal path without a line of its own: the common end of all fatal errors.
+ * A process with a target that is not the foreground process sets #rmanTerm to 2 first, so that
+ * the code at the target can tell a worker's unwinding from the foreground's.
+ *
+ * @fatal always
+ * @log seven banner lines of 35 characters, once per process; then "Exiting to shutdown processing"
+ *      when a target is registered, else "Exiting to operating system"
+ */
+RM_NORETURN RM_API void rm_errorExit(void);
+
+/**
+ * Ends the process in order: closes the log file, sets #rmanTerm to 3, and removes the sync objects
+ * (rm_syncTerminate()) and all tagged memory (rm_freeall()), each step at most once per process.
+ * Then it jumps to the exit target, or calls exit(code) when there is none.
+ *
+ * Sync objects are removed **for every process that shares them**: workers end with `_exit`. When
+ * control arrives at the exit target every tagged pointer and every file handle of the process has
+ * become invalid.
+ *
+ * @param code what setjmp returns at the exit target, or the exit status (of which the platform
+ *             keeps the low 8 bits). **A jump with code 0 arrives as 1**: setjmp cannot return 0
+ *             from a jump.
+ * @fatal always, in that it never comes back
+ * @locks #fileSem, to close the log file
+ * @log as rm_syncTerminate(), when the teardown fails
+ */
+RM_NORETURN RM_API void rm_exit(int16_t code);
+
+/**
+ * Saves the name and session of the current user, for rm_userGet().
+ *
+ * @param name user name; at most 14 bytes are kept, the rest is cut
+ * @param session session number, any value
+ * @fatal never
+ */
+RM_API void rm_userSave(const char* name, uint16_t session);
+
+/**
+ * Gives back what rm_userSave() saved last; an empty name and session 0 before the first save.
+ *
+ * @param[out] name buffer of at least 15 bytes, or null when the name is not wanted
+ * @param[out] session where the session goes, or null when it is not wanted
+ * @fatal never
+ */
+RM_API void rm_userGet(char* name, uint16_t* session);
+
+/** @} */
+
+/**
+ * @defgroup rm_log System log
+ *
+ * One writer for every diagnostic of the library and its host. A line is the local time as
+ * `[07-Mar-96 14:05:09]`, two blanks, and the message. It goes to standard error at every level,
+ * with standard output flushed before and after, so that both interleave in order on a terminal;
+ * and at level 2 or more also to the log file, when one is set.
+ *
+ * @par Example
+ * @include systemlog.c
+ * @{
+ */
+
+/** Log level: 0 off, 1 on, 2 or more on and copied to the log file. Initially 0; set by
+ * rm_systemLog(), and to 0 by rm_systemLogClose(). */
+extern RM_API int16_t syslogon;
+
+/**
+ * Managed file that receives a copy of each line at level 2 or more; -1, initially, for none.
+ * It must have been opened with ::FILE_STREAM. Whoever sets it hands the file over: it is closed,
+ * and this reset to -1, by rm_systemLogClose(), rm_exit(), rm_freeall() and a failed growth.
+ */
+extern RM_API int16_t sysfile;
+
+/**
+ * Sets the log level.
+ *
+ * @param level 0 off, 1 on, 2 or more on and copied to the log file
+ * @return the previous level
+ * @fatal never
+ */
+RM_API int16_t rm_systemLog(int16_t level);
+
+/**
+ * Writes one line to the log: to standard error even at level 0, and to the log file at level 2.
+ * A line that the log file's own failure causes goes to standard error only.
+ *
+ * @param format printf format of the message, without a newline at its end; of the expanded
+ *               message 259 bytes are written, the rest is cut
+ * @param ... the arguments of the format
+ * @fatal never without a log file; with one, lock, syscall and mode, as rm_filePrintf()
+ * @locks #fileSem, when the line goes to the log file
+ */
+RM_API void rm_systemLogWrite(const char* format, ...) RM_PRINTF(1, 2);
+
+/**
+ * Writes one line to the log unless the level is 0: for chatty messages.
+ * **The expanded text is expanded a second time**, as a format without arguments: a `%` that
+ * survives the first expansion is a conversion again and prints the zero of its type, and `%n` does
+ * nothing. Write `%%%%` for one percent sign.
+ *
+ * @param format printf format of the message, as for rm_systemLogWrite()
+ * @param ... the arguments of the format
+ * @fatal as rm_systemLogWrite(); never at level 0
+ * @locks as rm_systemLogWrite()
+ */
+RM_API void rm_systemLogOptWrite(const char* format, ...) RM_PRINTF(1, 2);
+
+/**
+ * Closes the log file, if one is set, and turns logging off.
+ *
+ * @fatal lock, syscall, when a log file is set; else never
+ * @locks #fileSem, when a log file is set
+ * @log as rm_fileClose()
+ */
+RM_API void rm_systemLogClose(void);
+
+/** @} */
+
+/**
+ * @defgroup rm_memory Tagged memory
+ *
+ * All memory has an owner, a tag: a small number that names a group of blocks which can be released
+ * together. A task takes a tag, allocates under it, and gives the tag back; what it forgot, or what
+ * a fatal error left behind, goes with it.
+ *
+ * - Tag 0 exists from the first allocation on. The library keeps texts of its own in it, such as
+ *   the local environment.
+ * - An allocation before any tag was made also makes tag 1, with the limit #rmemavail.
+ * - Blocks are aligned to 8 bytes. Each costs a header of 8 bytes, and sizes round up to 8.
+ * - Blocks are carved from segments, and a segment goes back to the platform as soon as its last
+ *   block is freed. With the environment variable `SEG_ALLOC` set to a number other than 0, every
+ *   block is a segment of its own, which shows overruns to a memory checker.
+ * - Memory is never short in a way that a caller could see: a request that cannot be met is fatal.
+ *
+ * Bad pointers and tags are logged and ignored, except where a call must return memory.
+ *
+ * @par Example
+ * @include memory.c
+ * @{
+ */
+
+#define RM_NO_LIMIT 0xFFFFFFFFU /**< a tag without a limit */
+
+/** Nonzero: every block is a segment of its own. Initially 0; read from the variable `SEG_ALLOC`,
+ * local environment first, whenever the table of tags is made. */
+extern RM_API int16_t seg_alloc;
+
+/** Limit in bytes that tag 1 gets when the first allocation makes it. Initially ::RM_NO_LIMIT; set
+ * by rm_setMemoryLimit(). */
+extern RM_API uint32_t rmemavail;
+
+/**
+ * Makes a tag, empty and with segments of 8192 bytes.
+ * Released numbers are given out again, the lowest first, before new ones.
+ *
+ * @param env buffer that the host filled with setjmp, copied and kept with the tag; or null.
+ *            Nothing jumps there today: exhausted memory leaves by the target of rm_errorJump().
+ * @param limit bytes, reported by rm_memoryAvail() and never enforced; or ::RM_NO_LIMIT
+ * @return the tag, 1 to 32766
+ * @fatal memory, also when all 32767 tags are in use
+ * @memory the tag belongs to the caller; release it with rm_freeTagMemory()
+ * @log "Out of memory!"
+ */
+RM_API int16_t rm_allocTag(jmp_buf env, uint32_t limit);
+
+/**
+ * Names a tag.
+ *
+ * @param name any text; copied
+ * @param tag a tag in use, 1 or above
+ * @return the copy of the name. An earlier name stays allocated in the tag.
+ * @fatal memory, also for a tag that is 0 or not in use
+ * @memory the copy lies in the tag itself and goes with it; do not free it alone
+ * @log "invalid tag"; "Out of memory!"
+ */
+RM_API char* rm_setTagName(const char* name, int16_t tag);
+
+/**
+ * Sets the smallest segment that a tag asks the platform for, from its next segment on.
+ *
+ * @param size bytes, the segment's header of 24 included. Larger requests get what they need.
+ * @param tag a tag in use, 1 or above; 0 and numbers never given out are ignored without a word
+ * @fatal memory, for a tag that was released
+ * @log "invalid tag"
+ */
+RM_API void rm_setTagAlloc(uint32_t size, int16_t tag);
+
+/**
+ * Replaces the jump buffer that is kept with a tag; see rm_allocTag().
+ *
+ * @param env buffer that the host filled with setjmp, copied; or null to keep none
+ * @param tag a tag in use
+ * @fatal memory, for a tag that is not in use
+ * @log "invalid tag"
+ */
+RM_API void rm_resetTag(jmp_buf env, int16_t tag);
+
+/**
+ * Frees all blocks of a tag at once, and its name.
+ *
+ * @param tag a tag in use; -1 is ignored. With 0 the local environment goes too.
+ * @param release 0 keeps the tag, empty; any other value gives its number back too. Keep tag 0: the
+ *                library allocates from it.
+ * @fatal never
+ * @log "Invalid tag %d supplied to rm_freeTagMemory"
+ */
+RM_API void rm_freeTagMemory(int16_t tag, int16_t release);
+
+/**
+ * Frees all blocks of all tags, the tags and their table.
+ * What the library itself kept in tags is reset: all file handles are closed, the local environment
+ * is empty, #sysfile is -1. The next allocation starts afresh.
+ *
+ * @fatal never
+ */
+RM_API void rm_freeall(void);
+
+/**
+ * Allocates a block. Its bytes are not cleared.
+ *
+ * @param size bytes; 0 gives a valid pointer of its own, to no bytes
+ * @param tag a tag in use
+ * @return the block, aligned to 8 bytes; never null
+ * @fatal memory
+ * @memory the caller's, under `tag`
+ * @log "Out of memory!"; "Invalid tag %d supplied to rm_getMemory"
+ */
+RM_API void* rm_getMemory(uint32_t size, int16_t tag);
+
+/**
+ * Allocates a block of zeros.
+ *
+ * @param size bytes; 0 gives a valid pointer of its own, to no bytes
+ * @param tag a tag in use
+ * @return the block, aligned to 8 bytes; never null
+ * @fatal memory
+ * @memory the caller's, under `tag`
+ * @log as rm_getMemory()
+ */
+RM_API void* rm_cGetMemory(uint32_t size, int16_t tag);
+
+/**
+ * Copies a text into a new block.
+ *
+ * @param text the text
+ * @param tag a tag in use
+ * @return the copy; never null
+ * @fatal memory
+ * @memory the caller's, under `tag`
+ * @log as rm_getMemory()
+ */
+RM_API char* rm_Strdup(const char* text, int16_t tag);
+
+/**
+ * Frees a block. A pointer that is no live block of the tag is logged and nothing happens.
+ *
+ * @param pointer the block, or null, which does nothing
+ * @param tag the tag under which it was allocated
+ * @fatal never
+ * @log freed before, or no block at all: "WARNING: attempting to free bad pointer, %p";
+ *      a block of another tag: "tag = %d, freeHDR = %08lX" and
+ *      "WARNING: pointer not found within tag segments, %p";
+ *      overwritten neighbours: "WARNING: corrupted free chain searching for %p";
+ *      "Invalid tag %d supplied to rm_freeMemory"
+ */
+RM_API void rm_freeMemory(void* pointer, int16_t tag);
+
+/**
+ * Frees the block that a pointer variable points to, and sets the variable to null.
+ *
+ * @param[in,out] pointerAddress address of a pointer variable of any type; null does nothing, and
+ *                               so does a variable that is null
+ * @param tag the tag under which the block was allocated
+ * @fatal never
+ * @log as rm_freeMemory()
+ */
+RM_API void rm_zFreeMemory(void* pointerAddress, int16_t tag);
+
+/**
+ * Changes the size of a block and keeps its contents, as far as they fit.
+ * Free space on both sides of the block is used before a new place is looked for, so the address
+ * may change even when the block shrinks.
+ *
+ * @param pointer the block; or null, which makes this rm_getMemory()
+ * @param newSize bytes
+ * @param tag the tag under which the block was allocated
+ * @return the block, possibly moved; or null, with nothing changed, when the pointer is no live
+ *         block of the tag or the tag is not in use
+ * @fatal memory
+ * @memory the caller's, under `tag`; the old address is no longer valid
+ * @log as rm_freeMemory(), with "Invalid tag %d supplied to rm_extendMemory"; "Out of memory!"
+ */
+RM_API void* rm_extendMemory(void* pointer, uint32_t newSize, int16_t tag);
+
+/**
+ * Makes sure that a block has a certain size; for buffers whose contents no longer matter.
+ * A block that is large enough stays as it is, it never shrinks. **Otherwise the block is freed and
+ * a new one is taken: the contents are lost.**
+ *
+ * @param pointer the block; or null, which makes this rm_getMemory()
+ * @param size bytes
+ * @param tag the tag under which the block was allocated
+ * @return the block or a new one; null when the tag is not in use or the pointer is no live block
+ * @fatal memory
+ * @memory the caller's, under `tag`
+ * @log "Invalid tag %d supplied to rm_growMemory"; as rm_freeMemory(); "Out of memory!"
+ */
+RM_API void* rm_growMemory(void* pointer, uint32_t size, int16_t tag);
+
+/**
+ * Tells how many bytes a tag has left under its limit, its block headers counted.
+ * The limit is not enforced: the figure is below 0 once the tag has passed it. The result is
+ * meaningful for limits below 2 GiB.
+ *
+ * @param tag a tag
+ * @return bytes; -1 for a tag without a limit; 0 for a tag that is not in use
+ * @fatal never
+ * @log "Invalid tag %d supplied to rm_memoryAvail"
+ */
+RM_API int32_t rm_memoryAvail(int16_t tag);
+
+/**
+ * Sets #rmemavail. Tags that exist keep their limits.
+ *
+ * @param bytes the limit; or ::RM_NO_LIMIT
+ * @fatal never
+ */
+RM_API void rm_setMemoryLimit(uint32_t bytes);
+
+/**
+ * Tells how many bytes the process has got from the platform for tagged memory: all segments and
+ * the table of tags.
+ *
+ * @return bytes; 0 before the first allocation and after rm_freeall()
+ * @fatal never
+ */
+RM_API uint32_t rm_memused(void);
+
+/** @} */
+
+/**
+ * @defgroup rm_sync Sync objects
+ *
+ * Exclusion and events between processes. A sync object is one semaphore, used in one of two ways:
+ *
+ * | Semaphore | As a lock | As an event                        |
+ * |-----------|-----------|------------------------------------|
+ * | 1         | free      | reset: whoever waits for it blocks |
+ * | 0         | held      | signalled: waiters pass            |
+ *
+ * A lock is entered and left: rm_syncEnterExcl(), rm_syncExitExcl(). An event is reset, signalled
+ * and waited for: rm_syncStart(), rm_syncResume(), rm_syncWait(). A new object is 1.
+ *
+ * A process has up to 20 objects, all in one semaphore set. Processes share the set because they
+ * were forked after it was made, or because they name the same token file: ".ZNT.RM.SEM", with the
+ * prefix of rm_tokenName() before it. Create before the fork; see @ref rm_fork.
+ *
+ * Every operation accepts ::RM_NULL_SYNC, succeeds and does nothing. Any other handle that names no
+ * object is fatal, except as rm_syncDelete() says. Nothing is undone when a process dies: a lock
+ * stays held when its holder is killed, and others find out by their time-outs.
+ *
+ * @par Example
+ * @include sync.c
+ * @{
+ */
+
+#define RM_NULL_SYNC (-2)           /**< the object that every operation accepts and ignores */
+#define RM_WAIT_FOREVER 0xFFFFFFFFU /**< time-out: wait without limit */
+
+/**
+ * Sets what is put before the name of each token file. Empty at first: the current directory.
+ * An existing set keeps the token file that it was made with.
+ *
+ * @param prefix at most 31 bytes, longer ones are cut; a directory ends with "/"
+ * @fatal never
+ */
+RM_API void rm_tokenName(const char* prefix);
+
+/**
+ * Creates a sync object. The first one of a process also makes the token file and the set.
+ * An existing object of the same name is not looked for: rm_syncOpen() does that.
+ *
+ * @param name **kept as a pointer, not copied**: it must stay as it is for as long as the object
+ *             exists, so give a literal. Null or empty creates nothing.
+ * @return the handle, 0 to 19, lowest free number first; ::RM_NULL_SYNC for a null or empty name
+ * @fatal syscall
+ * @log "Out of Semaphores!" for the 21st object; "fopen() failure" when the token file cannot be
+ *      made or is a symbolic link; "semget() failure"; "semop() failure"
+ */
+RM_API int16_t rm_syncCreate(const char* name);
+
+/**
+ * Finds an object of this process by its name.
+ *
+ * @param name the name, compared byte by byte; null finds nothing
+ * @return the handle of the first object with that name; -1 when there is none
+ * @fatal never
+ */
+RM_API int16_t rm_syncOpen(const char* name);
+
+/**
+ * Deletes an object: its semaphore goes to 0, for every process. When it was the last one of this
+ * process, the set and its token file are removed, also for every process.
+ *
+ * @param handle sync handle, 0 to 19, or ::RM_NULL_SYNC; a number in the range that names no object
+ *               is accepted as long as the process has any
+ * @return 0
+ * @fatal syscall
+ * @log "semctl() failure"; "semop() failure"
+ */
+RM_API int16_t rm_syncDelete(int16_t handle);
+
+/**
+ * Enters a lock. Not recursive: whoever holds it waits for itself.
+ *
+ * @param handle sync handle
+ * @param timeout milliseconds, effective in whole seconds; **0 waits without limit**, as does
+ *                ::RM_WAIT_FOREVER; see @ref rm_timeouts. Signals other than the alarm do not end
+ *                a timed wait.
+ * @return 0 when the lock is held; ::RM_TIMEOUT when it was not free in time. Look at it even
+ *         without a limit: once a timed wait of the process has timed out, a signal ends a wait
+ *         without limit in the same way.
+ * @fatal syscall, also when the object is deleted meanwhile
+ * @log "Invalid Semaphore Handle"; "semop() failure"
+ */
+RM_API int16_t rm_syncEnterExcl(int16_t handle, uint32_t timeout);
+
+/**
+ * Leaves a lock.
+ * Whether the caller holds it is not checked: one exit too many raises the semaphore to 2, and the
+ * lock lets two in.
+ *
+ * @param handle sync handle
+ * @return 0
+ * @fatal syscall
+ * @log "Invalid Semaphore Handle"; "semop() failure"
+ */
+RM_API int16_t rm_syncExitExcl(int16_t handle);
+
+/**
+ * Waits until an event is signalled, and resets it.
+ * Each waiter that wakes adds 1: two waiters leave the semaphore at 2, and rm_syncResume() then
+ * does nothing until somebody brings it back to 1. Use an event for one waiter.
+ *
+ * @param handle sync handle
+ * @param timeout milliseconds, as for rm_syncEnterExcl()
+ * @return 0 when the event was signalled; ::RM_TIMEOUT when it was not in time, or when any signal
+ *         interrupted the wait
+ * @fatal syscall
+ * @log "Invalid Semaphore Handle"; "semop() failure"
+ */
+RM_API int16_t rm_syncWait(int16_t handle, uint32_t timeout);
+
+/**
+ * Resets an event that is signalled; any other state is left as it is.
+ *
+ * @param handle sync handle
+ * @return 0
+ * @fatal syscall
+ * @log "Invalid Semaphore Handle"; "semctl() failure"; "semop() failure"
+ */
+RM_API int16_t rm_syncStart(int16_t handle);
+
+/**
+ * Signals an event that is reset, and so lets its waiters pass; any other state is left as it is.
+ *
+ * @param handle sync handle
+ * @return 0
+ * @fatal syscall
+ * @log "Invalid Semaphore Handle"; "semctl() failure"; "semop() failure"
+ */
+RM_API int16_t rm_syncResume(int16_t handle);
+
+/**
+ * Deletes all objects of this process, and removes the set and its token file, for every process.
+ * #fileSem and #growSem become -1.
+ *
+ * @return 0
+ * @fatal syscall
+ * @log "semctl() failure"; "semop() failure"
+ */
+RM_API int16_t rm_syncTerminate(void);
+
+/**
+ * The handler that a timed wait installs for SIGALRM: notes that the time is up and installs itself
+ * again. Hosts have no need to call it.
+ *
+ * @param signalNumber the signal; not looked at
+ * @fatal never
+ */
+RM_API void catchAlarm(int signalNumber);
+
+/** @} */
+
+/**
+ * @defgroup rm_process Processes
+ *
+ * Processes, environment and raw memory. The interface also serves platforms with threads; here a
+ * "thread" is a process, the library starts none, and the calls about threads and critical sections
+ * do little or nothing. The foreground process is the one that first asked, or that said so last;
+ * its forked children are not the foreground.
+ *
+ * @par Example
+ * @include process.c
+ * @{
+ */
+
+/** Termination state: 0 running, initially; 2 while a fatal error unwinds in a process that is not
+ * the foreground; 3 once rm_exit() runs; or what rm_setOSTerm() was given. */
+extern RM_API int16_t rmanTerm;
+
+/**
+ * Stores the default priority of threads, which nothing here uses.
+ *
+ * @param priority any value
+ * @return 0
+ * @fatal never
+ */
+RM_API int16_t rm_threadDefaultPriority(int16_t priority);
+
+/**
+ * Starts no thread: makes the caller the foreground process if there is none yet.
+ * Up to four arguments of a word each are accepted and ignored; C before C23 has no prototype for
+ * that, so none is declared.
+ *
+ * @return 1
+ * @fatal never
+ */
+#ifdef __cplusplus
+RM_API int16_t rm_threadBegin(...);
+#else
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wstrict-prototypes"
+RM_API int16_t rm_threadBegin();
+#pragma GCC diagnostic pop
+#endif
+
+/**
+ * Does nothing, and comes back.
+ *
+ * @fatal never
+ */
+RM_API void rm_threadEnd(void);
+
+/**
+ * Tells whether the caller is the foreground process; the first to ask becomes it.
+ *
+ * @return 1 when it is, else 0; in a forked child 0, until it calls rm_setForegroundThread()
+ * @fatal never
+ */
+RM_API int16_t rm_foregroundThread(void);
+
+/**
+ * Makes the caller the foreground process.
+ *
+ * @return the low 16 bits of its process id
+ * @fatal never
+ */
+RM_API int16_t rm_setForegroundThread(void);
+
+/**
+ * Does nothing: processes are single-threaded. Call it in pairs with rm_exitCritSec() all the same,
+ * for platforms with threads.
+ *
+ * @param section 0 or 1; not looked at
+ * @fatal never
+ */
+RM_API void rm_enterCritSec(int16_t section);
+
+/**
+ * Does nothing; see rm_enterCritSec().
+ *
+ * @param section 0 or 1; not looked at
+ * @fatal never
+ */
+RM_API void rm_exitCritSec(int16_t section);
+
+/**
+ * Sleeps for whole seconds, rounded up.
+ *
+ * @param milliseconds 1 to 1000 sleep one second, 1001 two. 0 does not sleep, and neither does a
+ *                     value from 0xFFFFFC19 up, to which 999 cannot be added.
+ * @return 0; or the seconds that were left when a signal ended the sleep
+ * @fatal never
+ */
+RM_API uint32_t rm_sleep(uint32_t milliseconds);
+
+/**
+ * Looks a variable up in the environment of the process; rm_getenv() also knows the local one.
+ *
+ * @param name name of the variable, its case as it is
+ * @return the value, or null when there is none
+ * @fatal never
+ * @memory the platform's: read it, do not free it
+ */
+RM_API char* rm_OSgetenv(const char* name);
+
+/**
+ * Does nothing: the platform needs no telling how many descriptors are wanted.
+ *
+ * @fatal never
+ */
+RM_API void rm_setOSHandleLimit(void);
+
+/**
+ * Sets #rmanTerm.
+ *
+ * @param state any value
+ * @fatal never
+ */
+RM_API void rm_setOSTerm(int16_t state);
+
+/**
+ * Tells #rmanTerm.
+ *
+ * @return the state; 0 before any fatal error or exit
+ * @fatal never
+ */
+RM_API int16_t rm_getOSTerm(void);
+
+/**
+ * Takes memory straight from the platform, outside all tags; tagged memory is built on it.
+ *
+ * @param size bytes
+ * @return the memory, not cleared and aligned for any type; null when there is none
+ * @fatal never
+ * @memory the caller's, under no tag; give it back with rm_freeSeg()
+ */
+RM_API void* rm_getSeg(uint32_t size);
+
+/**
+ * Gives memory of rm_getSeg() back.
+ *
+ * @param segment the memory; or null, which does nothing
+ * @fatal never
+ */
+RM_API void rm_freeSeg(void* segment);
+
+/** @} */
+
+/**
+ * @defgroup rm_osfile File primitives
+ *
+ * The thin layer over descriptors on which managed files stand. Nothing here logs, locks or ends
+ * the process (a temporary name, which is allocated, apart): the status says what happened, and the
+ * caller decides. Descriptors are the platform's; hosts that keep many files open use
+ * @ref rm_files instead.
+ *
+ * @par Example
+ * @include osfile.c
+ * @{
+ */
+
+/**
+ * @name Open flags
+ * The values are those of the interface; rm_flOpen() translates them to the platform's.
+ * @{
+ */
+#define RM_O_RDONLY 0x000U /**< read only */
+#define RM_O_WRONLY 0x001U /**< write only */
+#define RM_O_RDWR 0x002U   /**< read and write */
+#define RM_O_APPEND 0x008U /**< every write goes to the end of the file, whatever the offset */
+#define RM_O_CREAT 0x100U  /**< create the file when it does not exist */
+#define RM_O_TRUNC 0x200U  /**< cut an existing file to 0 bytes */
+#define RM_O_EXCL 0x400U   /**< with RM_O_CREAT: fail when the file exists */
+/** @} */
+
+/** 0: rm_flSync() does not sync. Any other value, and -1 at first: it does. Set by the host. */
+extern RM_API int16_t fileCommit;
+
+/**
+ * Opens a file.
+ *
+ * @param path the path
+ * @param openFlags RM_O_ values, combined with "|". Of the other bits 0x004 and 0x080 (do not
+ *                  block), 0x010 (synchronous) and 0x800 (no controlling terminal) have the meaning
+ *                  that they have in the interface's own numbering; the rest is dropped.
+ * @param modeFlags ignored on this platform
+ * @param permissions of a file that is created, for instance 0600; the umask applies
+ * @param[out] fd the descriptor; -1 when the call failed
+ * @return 0, or the errno value of the failure
+ * @fatal never
+ */
+RM_API int16_t rm_flOpen(const char* path, uint32_t openFlags, uint16_t modeFlags,
+                         uint32_t permissions, int32_t* fd);
+
+/**
+ * Closes a descriptor.
+ *
+ * @param fd the descriptor
+ * @return 0, or -1 with errno set
+ * @fatal never
+ */
+RM_API int16_t rm_flClose(int32_t fd);
+
+/**
+ * Reads from where the descriptor stands. A read that a signal interrupts is made again, up to six
+ * times in all.
+ *
+ * @param fd the descriptor
+ * @param[out] buffer `length` bytes
+ * @param length bytes; a negative length fails with EINVAL
+ * @param[out] count bytes read, fewer than `length` at the end of the file, 0 behind it; -1 when
+ *                   the read failed
+ * @return 0, or the errno value of the failure
+ * @fatal never
+ */
+RM_API int16_t rm_flRead(int32_t fd, void* buffer, int32_t length, int32_t* count);
+
+/**
+ * Writes where the descriptor stands, once.
+ *
+ * @param fd the descriptor
+ * @param buffer `length` bytes
+ * @param length bytes; a negative length fails with EINVAL
+ * @return bytes written, which may be fewer than `length`; 0 on failure, with errno set
+ * @fatal never
+ */
+RM_API int32_t rm_flWrite(int32_t fd, const void* buffer, int32_t length);
+
+/**
+ * Moves a descriptor.
+ *
+ * @param fd the descriptor
+ * @param offset bytes, may be negative
+ * @param whence what the offset counts from: 0 the start, 1 where it stands, 2 the end
+ * @param[out] position the new offset from the start, 0xFFFFFFFF when the seek failed; may be null
+ * @return 0, or -1 with errno set
+ * @fatal never
+ */
+RM_API int16_t rm_flSeek(int32_t fd, int32_t offset, int16_t whence, uint32_t* position);
+
+/**
+ * Measures an open file. The descriptor stays where it stands.
+ *
+ * @param fd the descriptor
+ * @param[out] size bytes; 4 GiB - 1 for any larger file
+ * @return 0, or -1 with errno set
+ * @fatal never
+ */
+RM_API int16_t rm_flSize(int32_t fd, uint32_t* size);
+
+/**
+ * Extends a file with zeros. A file that is large enough is left as it is: nothing shrinks.
+ * **The descriptor then stands at 0**, not at the end.
+ *
+ * @param fd the descriptor, open for writing
+ * @param size bytes
+ * @return 0; -1 when a write fell short, which leaves what was written
+ * @fatal never
+ */
+RM_API int16_t rm_flSetSize(int32_t fd, uint32_t size);
+
+/**
+ * Waits until what was written is on the disk, unless #fileCommit is 0.
+ *
+ * @param fd the descriptor
+ * @return 0, whether the sync succeeded or not
+ * @fatal never
+ */
+RM_API int16_t rm_flSync(int32_t fd);
+
+/**
+ * Does nothing: this platform offers no write-through for a descriptor that is open.
+ *
+ * @param fd the descriptor
+ * @return 0
+ * @fatal never
+ */
+RM_API int16_t rm_flSetWriteThrough(int32_t fd);
+
+/**
+ * Removes a file.
+ *
+ * @param path the path
+ * @return 0, or -1 with errno set
+ * @fatal never
+ */
+RM_API int16_t rm_flRemove(const char* path);
+
+/**
+ * Renames a file. A file that has the new name already is replaced.
+ *
+ * @param oldPath the path of the file
+ * @param newPath its new path, in the same file system
+ * @return 0, or -1 with errno set
+ * @fatal never
+ */
+RM_API int16_t rm_flRename(const char* oldPath, const char* newPath);
+
+/**
+ * Makes up a path for a temporary file, in the platform's directory for those. No file has it yet,
+ * and none is created.
+ *
+ * @return the path
+ * @fatal memory
+ * @memory the caller's, under tag 0
+ * @log as rm_getMemory()
+ */
+RM_API char* rm_flTempName(void);
+
+/**
+ * Tells how much space a disk has free: its free blocks times 512, **whatever the size of a block
+ * of its file system is**. On a disk with larger blocks the figure is too low by that factor;
+ * #rminfree is compared with the same figure.
+ *
+ * @param path any path on the disk
+ * @return bytes; -1.0 when the platform cannot tell
+ * @fatal never
+ */
+RM_API double rm_flGetDiskFreeSpace(const char* path);
+
+/**
+ * Tells whether a file exists.
+ *
+ * @param path the path
+ * @return 0 when it does; -1 when it does not or cannot be looked at
+ * @fatal never
+ */
+RM_API int16_t rm_fileValidate(const char* path);
+
+/** @} */
+
+/**
+ * @defgroup rm_files Managed files
+ *
+ * More open files than the platform has descriptors for. A handle is valid from rm_fileOpen() to
+ * rm_fileClose(), while the descriptor behind it comes and goes: when the table holds as many as
+ * #fileHandleLimit allows, the least recently used file is parked, that is closed with its position
+ * kept, and the next operation on it opens it again. Callers never notice, as long as the path
+ * still leads to the file: give an absolute path when the process changes its directory, and do not
+ * rename a file under an open handle. One transfer moves up to 2 GiB - 1; a longer one fails.
+ *
+ * **Growth.** A positioned write (rm_fileSeekWrite()) beyond the known end of a file first extends
+ * it with zeros to a whole step of its growth increment, so that a disk runs full before data is
+ * half written. Opening for writing extends a file to its initial size in the same way. While
+ * #rmDiskFull is not 0 nothing is extended, and it is 1 at first: **a host that wants growth sets
+ * it to 0**. Growth that leaves less than #rminfree free on the disk sets it to 1 and logs
+ * "extending file %s exceeded min threshold by %ld bytes" and "READ ACCESS ONLY!". Growth that the
+ * disk refuses is fatal whatever the file's mode, with "Error expanding file %s" and
+ * "Fatal Exit: System Shutting down!".
+ *
+ * **A file that cannot be opened again** is fatal with ::FILE_FATAL. Without it, the operation logs
+ * "WARNING: failed file reopen in %s(%d)" with its own name, fails with EBADF, and the handle is
+ * gone: from then on it is invalid, and its number is given to another file.
+ *
+ * **Locks.** #fileSem guards the table; a file's own lock holds a seek and its transfer together.
+ * That lock is a null object: it costs nothing and excludes nobody, since a handle belongs to one
+ * process with one thread. Processes that write the same file agree through a lock of the host.
+ *
+ * @par Example
+ * @include files.c
+ * @{
+ */
+
+#define RM_CURRENT_POSITION 0xFFFFFFFFU /**< offset: where the handle stands */
+
+/**
+ * @name Mode flags
+ * How a handle behaves. Other bits are kept and ignored.
+ * @{
+ */
+#define FILE_FATAL 0x01U          /**< failed opens, reads and writes are fatal */
+#define FILE_NOPRESIZE 0x04U      /**< opening does not extend the file to its initial size */
+#define FILE_STREAM 0x08U         /**< for rm_filePrintf(); resumes at its end after parking */
+#define FILE_PINNED 0x40U         /**< never parked */
+#define FILE_NOWRITETHROUGH 0x80U /**< opening does not ask for write-through */
+/** @} */
+
+/** Descriptors that the table holds open at most; -1 for no limit, and other values below 1 act as
+ * 1. Initially 32; raised by rm_fileHandleLimit(), or set by the host. Exceeded while every open
+ * file is busy or pinned. */
+extern RM_API int16_t fileHandleLimit;
+
+/** Sync handle of the lock of the file table; -1 at first and after rm_syncTerminate(). Set by the
+ * host before it forks, else made by the first rm_fileOpen(). */
+extern RM_API int16_t fileSem;
+
+/** Sync handle of the lock of file growth; -1 at first and after rm_syncTerminate(). Set by the
+ * host before it forks, else made by the first growth. */
+extern RM_API int16_t growSem;
+
+/** Bytes that growth must leave free on a disk, as rm_flGetDiskFreeSpace() counts them. Initially
+ * 0.0; set by the host. */
+extern RM_API double rminfree;
+
+/** Not 0: no file is extended ahead of writes. Initially 1; cleared by the host, set to 1 by a
+ * growth that leaves less than #rminfree free. */
+extern RM_API int16_t rmDiskFull;
+
+/**
+ * Opens a file and gives it a handle.
+ *
+ * @param name path of the file, copied; used again whenever the file is reopened
+ * @param openFlags RM_O_ values, combined with "|". A file that is created gets the permissions
+ *                  0600. ::RM_O_TRUNC and ::RM_O_EXCL act now and not when the file is reopened.
+ * @param modeFlags FILE_ values, combined with "|". ::FILE_STREAM needs a file open for writing.
+ * @param initialSize bytes to which a smaller file is extended whenever it is opened or reopened
+ *                    for writing, unless ::FILE_NOPRESIZE is given; 0 for none
+ * @param growIncrement bytes of a growth step; 0 grows to what a write needs
+ * @return the handle, 0 to 32766, lowest free number first; -1 when the file cannot be opened
+ * @fatal memory, lock, syscall, mode
+ * @locks #fileSem; #growSem when the file is extended
+ * @log "fileSem timeout in rm_fileOpen"; with ::FILE_FATAL:
+ *      "reopenFile: errno=%d: failed to %s file '%s'" (open or create)
+ */
+RM_API int16_t rm_fileOpen(const char* name, uint32_t openFlags, uint16_t modeFlags,
+                           uint32_t initialSize, uint32_t growIncrement);
+
+/**
+ * Closes a file and gives its handle back. With the last one the table goes too, and handles start
+ * again from 0.
+ *
+ * @param handle file handle; any other value is logged and nothing happens
+ * @fatal lock, syscall
+ * @locks #fileSem
+ * @log "rm_fileClose: invalid handle %d"; "fileSem timeout in rm_fileClose"
+ */
+RM_API void rm_fileClose(int16_t handle);
+
+/**
+ * Raises #fileHandleLimit.
+ *
+ * @param limit descriptors, 4 to 9999; any other value, and one that is not above the present
+ *              limit, changes nothing
+ * @fatal never
+ */
+RM_API void rm_fileHandleLimit(int16_t limit);
+
+/**
+ * Does nothing: write-through is chosen for each handle, by ::FILE_NOWRITETHROUGH.
+ *
+ * @return 0
+ * @fatal never
+ */
+RM_API int16_t rm_fileSetWriteThrough(void);
+
+/**
+ * Moves a handle.
+ *
+ * @param handle file handle
+ * @param offset bytes from the start of the file; may lie behind its end
+ * @return the new position; 0xFFFFFFFF for an invalid handle or when the seek failed
+ * @fatal lock, syscall, mode
+ * @locks #fileSem; #growSem when a reopened file is extended
+ * @log "rm_fileSeek: invalid handle %d";
+ *      "WARNING: failed file reopen in rm_fileSeek(%d)";
+ *      "fileSem timeout in rm_fileSeek"
+ */
+RM_API uint32_t rm_fileSeek(int16_t handle, uint32_t offset);
+
+/**
+ * Writes formatted text to a file that was opened with ::FILE_STREAM. The text leaves the process
+ * at once; the file is extended by the write, never ahead of it.
+ *
+ * @param handle file handle
+ * @param format printf format
+ * @param ... the arguments of the format
+ * @return bytes written, the low 16 bits of the number; 0 for an invalid handle and when the write
+ *         failed
+ * @fatal lock, syscall, mode; also for a file without a stream, and while no file at all is open
+ * @locks #fileSem; #growSem when a reopened file is extended
+ * @log "rm_filePrintf: invalid handle %d";
+ *      "Bad status in rm_filePrintf: %d, %p" before the fatal path;
+ *      "WARNING: failed file reopen in rm_filePrintf(%d)";
+ *      "fileSem timeout in rm_filePrintf"
+ */
+RM_API uint16_t rm_filePrintf(int16_t handle, const char* format, ...) RM_PRINTF(2, 3);
+
+/**
+ * Writes where the handle stands, and moves it on. The file is extended by the write, never ahead
+ * of it.
+ *
+ * @param handle file handle
+ * @param buffer `length` bytes
+ * @param length bytes; 0 returns at once, before the handle is looked at
+ * @return bytes written; 0 on failure and for an invalid handle
+ * @fatal lock, syscall, mode
+ * @locks #fileSem; #growSem when a reopened file is extended
+ * @log "rm_fileWrite: invalid handle %d";
+ *      "WARNING: failed file reopen in rm_fileWrite(%d)";
+ *      "rm_fileWrite: errno=%d: unable to write, file=%s";
+ *      "fileSem timeout in rm_fileWrite"
+ */
+RM_API uint32_t rm_fileWrite(int16_t handle, const void* buffer, uint32_t length);
+
+/**
+ * Writes at an offset, extends the file first when the write passes its known end, and moves the
+ * handle behind what was written.
+ *
+ * The new size is the end of the write, rounded up to the growth increment; **an end exactly on a
+ * multiple of it gets one more increment**. With steps of 1000, a write that ends at 1500 makes
+ * 2000 bytes, one that ends at 2000 makes 3000. Without an increment the file grows to the end of
+ * the write. While #rmDiskFull is not 0 the file is not extended but counts as if it had been:
+ * what was skipped is not made up for later.
+ *
+ * @param handle file handle
+ * @param offset bytes from the start of the file; or ::RM_CURRENT_POSITION, which makes no seek:
+ *               the bytes then go where the descriptor stands. That is the handle's position, but
+ *               **right after this call has extended the file it is 0**. Give the offset whenever
+ *               the file may grow.
+ * @param buffer `length` bytes
+ * @param length bytes; 0 returns at once, before the handle is looked at. `offset` + `length` must
+ *               fit 32 bits.
+ * @return bytes written; 0 on failure and for an invalid handle
+ * @fatal lock, syscall, mode
+ * @locks #fileSem, left before the next; the file's own; within it #growSem for growth
+ * @log "rm_fileSeekWrite: invalid handle %d";
+ *      "WARNING: failed file reopen in rm_fileSeekWrite(%d)";
+ *      "rm_fileSeekWrite: unable to write %s" with
+ *      "    seek address=%lu, bytes=%u, errno=%d";
+ *      "fileSem timeout in rm_fileSeekWrite";
+ *      "seekSem timeout in rm_fileSeekWrite, file %s"
+ */
+RM_API uint32_t rm_fileSeekWrite(int16_t handle, uint32_t offset, const void* buffer,
+                                 uint32_t length);
+
+/**
+ * Reads where the handle stands, and moves it on.
+ *
+ * @param handle file handle
+ * @param[out] buffer `length` bytes
+ * @param length bytes; 0 returns at once, before the handle is looked at
+ * @return bytes read, fewer than `length` at the end of the file; 0 on failure and for an invalid
+ *         handle
+ * @fatal lock, syscall, mode
+ * @locks #fileSem; #growSem when a reopened file is extended
+ * @log "rm_fileRead: invalid handle %d";
+ *      "WARNING: failed file reopen in rm_fileRead(%d)";
+ *      "rm_fileRead: errno=%d: unable to read, file=%s";
+ *      "fileSem timeout in rm_fileRead"
+ */
+RM_API uint32_t rm_fileRead(int16_t handle, void* buffer, uint32_t length);
+
+/**
+ * Reads at an offset, and moves the handle behind what was read. Reads never extend a file.
+ *
+ * @param handle file handle
+ * @param offset bytes from the start of the file; or ::RM_CURRENT_POSITION, to read where the
+ *               handle stands
+ * @param[out] buffer `length` bytes
+ * @param length bytes; 0 returns at once, before the handle is looked at
+ * @return bytes read, fewer than `length` at the end of the file; 0 on failure and for an invalid
+ *         handle
+ * @fatal lock, syscall, mode
+ * @locks #fileSem, left before the next; the file's own; #growSem when a reopened file is extended
+ * @log "rm_fileSeekRead: invalid handle %d";
+ *      "WARNING: failed file reopen in rm_fileSeekRead(%d)";
+ *      "rm_fileSeekRead: unable to read %s" with
+ *      "    seek address=%lu, bytes=%lu, errno=%d";
+ *      "fileSem timeout in rm_fileSeekRead"; "seekSem timeout in rm_fileSeekRead"
+ */
+RM_API uint32_t rm_fileSeekRead(int16_t handle, uint32_t offset, void* buffer, uint32_t length);
+
+/**
+ * Measures a file.
+ *
+ * @param handle file handle
+ * @return its true size in bytes; 4 GiB - 1 for any larger file; 0 when it cannot be measured and
+ *         for an invalid handle
+ * @fatal lock, syscall, mode
+ * @locks #fileSem; #growSem when a reopened file is extended
+ * @log "rm_fileLength: invalid handle %d";
+ *      "WARNING: failed file reopen in rm_fileLength(%d)";
+ *      "fileSem timeout in rm_fileLength"
+ */
+RM_API uint32_t rm_fileLength(int16_t handle);
+
+/**
+ * Tells where a handle stands. A parked file is not reopened.
+ *
+ * @param handle file handle
+ * @return bytes from the start of the file; 0 for an invalid handle
+ * @fatal never
+ * @log "rm_filePosition: invalid handle %d"
+ */
+RM_API uint32_t rm_filePosition(int16_t handle);
+
+/**
+ * Waits until what was written to a file is on the disk, unless #fileCommit is 0.
+ * A parked file is not reopened.
+ *
+ * @param handle file handle
+ * @return 0, whether the sync succeeded or not, and for an invalid handle
+ * @fatal lock, syscall
+ * @locks #fileSem
+ * @log "rm_fileSync: invalid handle %d"; "fileSem timeout in rm_fileSync"
+ */
+RM_API int16_t rm_fileSync(int16_t handle);
+
+/**
+ * Removes a file, unless a handle of this process has it open or parked.
+ *
+ * @param path the path; compared byte by byte with those given to rm_fileOpen()
+ * @return 0; -1 when a handle has it open; not 0 when the platform refuses, with errno set
+ * @fatal never
+ */
+RM_API int16_t rm_fileRemove(const char* path);
+
+/**
+ * Renames a file. **Whether a handle has it open is not checked**; such a handle cannot be reopened
+ * once it is parked.
+ *
+ * @param oldPath the path of the file
+ * @param newPath its new path, in the same file system; a file of that name is replaced
+ * @return 0, or -1 with errno set
+ * @fatal never
+ */
+RM_API int16_t rm_fileRename(const char* oldPath, const char* newPath);
+
+/**
+ * Makes up a path for a temporary file, as rm_flTempName() does.
+ *
+ * @param path **without influence on the result**; may be null
+ * @return the path
+ * @fatal memory
+ * @memory the caller's, under tag 0
+ * @log as rm_getMemory()
+ */
+RM_API char* rm_fileTempName(const char* path);
+
+/**
+ * Tells how busy the file table of this process is.
+ *
+ * @param[out] open handles with a descriptor now; may be null
+ * @param[out] parked handles without one now; may be null
+ * @param[out] parkings files parked since the process began; may be null
+ * @param[out] reopens parked files opened again since the process began; may be null
+ * @fatal never
+ */
+RM_API void rm_fileCounts(uint32_t* open, uint32_t* parked, uint32_t* parkings, uint32_t* reopens);
+
+/** @} */
+
+/**
+ * @defgroup rm_localenv Local environment
+ *
+ * Settings of this process that come before its environment. The library reads its own variables,
+ * for instance `SEG_ALLOC`, through rm_getenv(), so a host can set them at run time.
+ *
+ * Entries are texts `NAME=value` and are kept in upper case, **the value too**. Lookups ignore the
+ * case of the name.
+ *
+ * @par Example
+ * @include localenv.c
+ * @{
+ */
+
+/**
+ * Sets, replaces or removes an entry.
+ * The first entry that merely **begins** with the new name is replaced: `PATH=x` also replaces
+ * `PATHLIST=y` when that comes first, and an empty name replaces the first entry of all.
+ *
+ * @param text `NAME=value`, copied; or `NAME` alone, which removes the entry; null does nothing
+ * @fatal memory
+ * @log as rm_getMemory()
+ */
+RM_API void rm_putLocalEnv(const char* text);
+
+/**
+ * Looks a name up in the local environment.
+ *
+ * @param name the name, in any case; of a name longer than 127 bytes nothing is found; null finds
+ *             nothing
+ * @return the value, in upper case; null when there is none
+ * @fatal never
+ * @memory the library's, under tag 0: valid until the entry is replaced; do not free it
+ */
+RM_API char* rm_getLocalEnv(const char* name);
+
+/**
+ * Looks a name up in the local environment, then in that of the process.
+ *
+ * @param name the name; for the environment of the process its case counts
+ * @return the value; null when neither has one
+ * @fatal never
+ * @memory as rm_getLocalEnv() or rm_OSgetenv(): do not free it
+ */
+RM_API char* rm_getenv(const char* name);
+
+/** @} */
+
+/**
+ * @defgroup rm_text Text
+ *
+ * Texts, the same on every machine that shares the server's files: case and classes are those of
+ * ASCII. No state, no locks, and nothing is logged but by the allocation of a result.
+ *
+ * @par Example
+ * @include text.c
+ * @{
+ */
+
+/**
+ * Tells whether a text consists of decimal digits only.
+ *
+ * @param text the text; may be null
+ * @return 1 when it does, and for a null or empty text; else 0
+ * @fatal never
+ */
+RM_API int AllDigits(const char* text);
+
+/**
+ * Turns a text to upper case, in place.
+ *
+ * @param[in,out] text the text; may be null
+ * @return `text`
+ * @fatal never
+ */
+RM_API char* StrUpper(char* text);
+
+/**
+ * Turns a text to lower case, in place.
+ *
+ * @param[in,out] text the text; may be null
+ * @return `text`
+ * @fatal never
+ */
+RM_API char* StrLower(char* text);
+
+/**
+ * Compares two texts without regard to case, in the order that they have in upper case.
+ *
+ * @param a a text; null counts as empty
+ * @param b a text; null counts as empty
+ * @return -1 when `a` comes first, 0 when they are equal, 1 when `b` comes first
+ * @fatal never
+ */
+RM_API int stricmp(const char* a, const char* b);
+
+/**
+ * Compares the beginnings of two texts as stricmp() does.
+ *
+ * @param a a text; null counts as empty
+ * @param b a text; null counts as empty
+ * @param n bytes to compare at most; 0 gives 0 and reads nothing
+ * @return -1 when `a` comes first, 0 when they are equal, 1 when `b` comes first
+ * @fatal never
+ */
+RM_API int strnicmp(const char* a, const char* b, uint32_t n);
+
+/**
+ * Splits a text into words at white space. There is no quoting: every other byte is part of a word.
+ *
+ * @param[in,out] text the text; zeros are written behind its words, which stay where they are: it
+ *                     must outlive the array
+ * @param[out] count number of words
+ * @param[out] argv array of `count` pointers to the words, without a null behind them; null when
+ *                  there is no word
+ * @param tag a tag in use
+ * @return 0; ::RM_OUT_OF_MEMORY when there is no room for the array, with only `count` stored: kept
+ *         for callers, since exhausted memory is fatal first
+ * @fatal memory
+ * @memory the array is the caller's, under `tag`
+ * @log as rm_getMemory()
+ */
+RM_API int16_t StrToArgv(char* text, int* count, char*** argv, int16_t tag);
+
+/**
+ * Joins texts, without separators, into a new one.
+ *
+ * @param strings array of `count` texts; null entries are passed over
+ * @param count number of entries
+ * @param tag a tag in use
+ * @return the joined text. **Without any entry that is not null it is one byte that nobody
+ *         cleared**: give at least one text.
+ * @fatal memory
+ * @memory the caller's, under `tag`
+ * @log as rm_getMemory()
+ */
+RM_API char* StrArrayCat(const char* const* strings, int16_t count, int16_t tag);
+
+/**
+ * Joins texts, without separators, in a buffer.
+ *
+ * @param strings array of `count` texts; null entries are passed over
+ * @param count number of entries
+ * @param[out] buffer `size` bytes, **and at least one even when `size` is 0**: without any text to
+ *                    copy its first byte becomes zero
+ * @param size bytes of the buffer; a result of `size` - 1 bytes fits
+ * @return 0 when everything fitted; -1 when the result was cut. It ends with a zero either way,
+ *         unless `size` is 0.
+ * @fatal never
+ */
+RM_API int16_t StrArrayCatBuf(const char* const* strings, uint16_t count, char* buffer,
+                              uint16_t size);
+
+/**
+ * Copies a text into a buffer and ends it with a zero. The rest of the buffer is filled with zeros.
+ *
+ * @param[out] destination `n` bytes
+ * @param source the text; null counts as empty; cut after `n` - 1 bytes
+ * @param n bytes of the buffer; 0 or less writes nothing
+ * @return `destination`
+ * @fatal never
+ */
+RM_API char* StrncpyZ(char* destination, const char* source, int n);
+
+/**
+ * Reads a line without its newline. Of a line that does not fit, the rest is read and dropped.
+ * Standard output is flushed first, so that a prompt is seen.
+ *
+ * @param[out] buffer `size` bytes
+ * @param size bytes of the buffer; a line of `size` - 1 bytes fits. With 1 the text is empty and
+ *             the line is dropped; with 0 or less nothing is written at all.
+ * @param stream an open stream
+ * @return `buffer`; null, with an empty text in the buffer, at the end of the file and on an error
+ * @fatal never
+ */
+RM_API char* FgetsTrim(char* buffer, int16_t size, FILE* stream);
+
+/** @} */
+
+RM_END_DECLS
+
+#endif

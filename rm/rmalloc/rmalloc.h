@@ -1,0 +1,161 @@
+// Memory manager, front page.
+//
+//   tags.cpp      the tag table: making, naming, limiting and releasing tags
+//   segments.cpp  segments and blocks: where a block is placed and how it is given back
+//   search.cpp    the two searches, first fit and owner lookup, as plain walks
+//   check.cpp     the checker of all of it
+//   memory.cpp    the allocation calls of the interface, on top of the three above
+//
+// Layers go downward only: memory -> tags, segments -> search. search.cpp can be replaced by
+// anything that gives the same answers; nothing else walks segments to find something.
+#ifndef RM_RMALLOC_RMALLOC_H
+#define RM_RMALLOC_RMALLOC_H
+
+#include "rm/base.h"
+
+#include <csetjmp>
+#include <cstdint>
+
+namespace rmalloc
+{
+
+constexpr uint32_t kUnit = 8;                    // bytes; sizes inside a segment count in units
+constexpr uint32_t kLiveMagic = 0xFFEEDDCC;      // word 1 of a live block
+constexpr int16_t kTableStep = 40;               // records that the tag table grows by
+constexpr uint32_t kDefaultSegmentSize = 8192;   // bytes, for a new tag
+constexpr uint32_t kTagZeroSegmentSize = 49152;  // bytes, for tag 0
+
+enum TagState : int16_t {
+    kTagFree = 0,
+    kTagInUse = 1,         // without a jump buffer of the host
+    kTagInUseWithJump = 2  // with one
+};
+
+// The 8 bytes before every block, live or free. The free chain of a segment is kept as offsets in
+// units from the segment's anchor, not as addresses, so that a header is 8 bytes on every machine.
+struct BlockHeader {
+    uint32_t word1;  // live: kLiveMagic; free: offset of the next free block, 0 at the end
+    uint32_t units;  // size of the block in units, this header included
+};
+
+// The head of every piece of memory that a tag gets from the platform; the data area follows.
+// The anchor has the shape of a free block of 0 units: merging with it never happens, and linking
+// after it is the same step as linking after a real free block. On a 32-bit machine its alignment
+// leaves an unused word before it, so the header is 24 bytes everywhere.
+struct Segment {
+    Segment* next;                      // the tag's next segment, or null
+    uint32_t units;                     // size of the data area
+    uint32_t blocks;                    // live blocks in it
+    alignas(kUnit) BlockHeader anchor;  // word1: the first free block
+};
+
+constexpr uint32_t kSegmentHeader = sizeof(Segment);
+static_assert(sizeof(BlockHeader) == kUnit);
+static_assert(kSegmentHeader == 24, "the figures of the memory report depend on it");
+
+struct TagRecord {
+    Segment* segments;     // chain, in the order in which the segments were got
+    jmp_buf env;           // the host's; meaningful in state 2, kept in state 1
+    uint32_t limit;        // bytes, RM_NO_LIMIT for none; reported, never enforced
+    uint32_t allocated;    // bytes in live blocks, headers included
+    uint32_t segmentSize;  // bytes, smallest segment that the tag asks for
+    int16_t state;         // TagState
+    char* name;            // a copy inside the tag itself, or null
+};
+
+extern TagRecord* tagTable;  // null while there is no table
+extern int16_t nTags;        // highest index that was ever in use + 1
+extern int16_t tagTabSize;   // records that the table has room for
+extern uint32_t memused;     // bytes got for the table and for all segments
+
+// --- tags.cpp
+
+// 0 when `tag` is in use; otherwise logs "Invalid tag %d supplied to %s" and returns RM_INVALID.
+int16_t checkTag(Tag tag, const char* function);
+
+// Makes the table with tag 0 in it. Fatal when there is no memory.
+void newTagTable();
+
+// --- segments.cpp
+
+// Units for a request of `size` bytes, header included.
+constexpr uint32_t unitsFor(uint32_t size)
+{
+    return static_cast<uint32_t>((static_cast<uint64_t>(size) + (kUnit - 1)) / kUnit + 1);
+}
+
+inline BlockHeader* blockAt(Segment* segment, uint32_t offset)
+{
+    return &segment->anchor + offset;
+}
+
+inline uint32_t offsetOf(const Segment* segment, const BlockHeader* block)
+{
+    return static_cast<uint32_t>(block - &segment->anchor);
+}
+
+inline BlockHeader* headerOf(void* pointer)
+{
+    return static_cast<BlockHeader*>(pointer) - 1;
+}
+
+// A block for `size` bytes; the caller has checked the tag. Fatal when there is no memory.
+void* allocBlock(uint32_t size, Tag tag);
+
+// Carves `need` units out of the free block `block`, to which `link` points.
+void* allocSegBlock(uint32_t need, BlockHeader* block, BlockHeader* link, Segment* segment,
+                    TagRecord* record);
+
+// Gets a segment with room for `need` units and stores it in `*where`. Fatal without memory.
+void allocSeg(TagRecord* record, uint32_t need, Segment** where);
+
+// Puts a live block into its segment's free chain. `*segment` is null when that failed (logged).
+// Returns the free block, or anchor, before the one that now holds the block; `*holder` is that
+// one.
+BlockHeader* freeBlock(Tag tag, BlockHeader* header, Segment** segment, Segment** previousSegment,
+                       BlockHeader** holder);
+
+// True when the free block, or anchor, links to a free block above it inside the segment. False at
+// the end of the chain, and in a damaged one: nothing is ever read through such a link.
+bool isChainLink(const Segment* segment, const BlockHeader* block);
+
+// Links `first` to `second`, or lets it absorb `second` when it ends where that begins.
+void checkMerge(Segment* segment, BlockHeader* first, BlockHeader* second);
+
+// Accounts for `units` given back; returns the segment to the platform when it holds no block.
+void adjustNumbers(TagRecord* record, uint32_t units, Segment* segment, Segment* previousSegment);
+
+// Units that the block would span together with its free neighbours, nothing changed.
+// 0 when the chain around it is damaged.
+uint32_t spanWithNeighbours(Segment* segment, BlockHeader* header);
+
+// Rebuilds the block that freeBlock has just put into `holder` at the low end of it.
+void* rebuildAtLowEnd(Segment* segment, BlockHeader* before, BlockHeader* holder,
+                      BlockHeader* oldHeader, uint32_t need, uint32_t keepBytes);
+
+// --- search.cpp
+
+struct Fit {
+    Segment* segment;   // null: no free block is large enough
+    BlockHeader* link;  // the free block, or anchor, before it
+    BlockHeader* block;
+};
+
+// The first free block of at least `need` units, segments in chain order, blocks in address order.
+Fit firstFit(TagRecord* record, uint32_t need);
+
+// The segment of `record` whose data area holds `header`, and the one before it in the chain.
+Segment* findInTag(TagRecord* record, const BlockHeader* header, Segment** previousSegment);
+
+// The tag among whose segments `header` lies, asked first for `likely`; -1 when there is none.
+// Reads nothing at `header`.
+Tag findOwner(const BlockHeader* header, Tag likely, Segment** segment);
+
+// --- check.cpp
+
+// Counts and logs what does not hold in the tag table and in the segments; 0 is sound.
+uint32_t checkMemory();
+
+}  // namespace rmalloc
+
+#endif

@@ -1,0 +1,275 @@
+// Tags: small numbers that own memory together.
+//
+// Why: a server releases what a request, a session or a module has allocated in one step, without
+// knowing the blocks. A tag names such a group; tag 0 is the library's own and the host's default.
+//
+// Owns: the tag table and the counters of the whole process.
+//
+// Invariant: `nTags` is the highest index that was ever in use + 1; a record in state 0 owns no
+// segment; `memused` counts the table and every segment, headers included. checkMemory() tests it.
+//
+// Lifecycle: the table is made by the first allocation and again by the first one after
+// rm_freeall. SEG_ALLOC is read each time, before there is a table to allocate from: the local
+// environment, through which it is read, allocates itself.
+//
+// Fatal: no memory for the table; a free record where one in use is needed.
+#include "rm/file/file.h"
+#include "rm/rmalloc/rmalloc.h"
+#include "rm/rmsrv/rmsrv.h"
+#include "rm/rmutil/rmutil.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+int16_t seg_alloc = 0;             // not 0: every segment is as large as one request
+uint32_t rmemavail = RM_NO_LIMIT;  // bytes; the limit of the tag that the first allocation makes
+
+namespace rmalloc
+{
+TagRecord* tagTable = nullptr;
+int16_t nTags = 0;
+int16_t tagTabSize = 0;
+uint32_t memused = 0;
+}  // namespace rmalloc
+
+using namespace rmalloc;
+
+namespace
+{
+// No record from 1 up to here is free: where the search for one begins. Start value 1.
+int16_t lowestFree = 1;
+
+constexpr uint32_t tableBytes(int16_t records)
+{
+    return static_cast<uint32_t>(static_cast<std::size_t>(records) * sizeof(TagRecord));
+}
+
+[[noreturn]] void invalidTag()
+{
+    rm_systemLogWrite("invalid tag");
+    rm_errorExit();
+}
+
+bool inUse(Tag tag)
+{
+    return tag >= 0 && tag < nTags && tagTable[tag].state != kTagFree;
+}
+
+// Moves lowestFree to the lowest free record from index 1 up, or to nTags when there is none.
+void findLowestFree()
+{
+    while (lowestFree < nTags && tagTable[lowestFree].state != kTagFree) {
+        ++lowestFree;
+    }
+}
+
+// Makes room for another step of records. The new table is complete before it is published.
+void growTagTable()
+{
+    const auto size = static_cast<int16_t>(
+        std::min<int32_t>(tagTabSize + int32_t{kTableStep}, std::numeric_limits<int16_t>::max()));
+    if (size == tagTabSize) {
+        rmsrv::outOfMemory();  // a tag is a signed 16-bit number
+    }
+    auto* table = static_cast<TagRecord*>(rm_getSeg(tableBytes(size)));
+    if (table == nullptr) {
+        rmsrv::outOfMemory();
+    }
+    std::memcpy(table, tagTable, tableBytes(tagTabSize));
+    std::memset(table + tagTabSize, 0, tableBytes(size) - tableBytes(tagTabSize));
+    rm_freeSeg(tagTable);
+    memused += tableBytes(size) - tableBytes(tagTabSize);
+    tagTable = table;
+    tagTabSize = size;
+}
+
+// The lowest free record, or the one after the last; tag 0 is never handed out.
+// Deliberate: a full table grows although a record in it may be free. Only a table that can grow no
+// further is searched first.
+Tag takeRecord()
+{
+    findLowestFree();
+    const bool atItsLargest = tagTabSize == std::numeric_limits<int16_t>::max();
+    if (nTags >= tagTabSize && !(atItsLargest && lowestFree < nTags)) {
+        growTagTable();
+    }
+    if (lowestFree == nTags) {
+        ++nTags;
+    }
+    return lowestFree;
+}
+
+void setJump(TagRecord* record, jmp_buf env)
+{
+    if (env == nullptr) {
+        record->state = kTagInUse;
+        return;
+    }
+    std::memcpy(record->env, env, sizeof(jmp_buf));
+    record->state = kTagInUseWithJump;
+}
+
+void freeSegments(TagRecord* record)
+{
+    for (Segment* segment = record->segments; segment != nullptr;) {
+        Segment* next = segment->next;
+        memused -= segment->units * kUnit + kSegmentHeader;
+        rm_freeSeg(segment);
+        segment = next;
+    }
+    record->segments = nullptr;
+    record->allocated = 0;
+    record->name = nullptr;
+}
+
+// The library keeps tables in tagged memory. Before a tag's memory goes, the table that lives in it
+// is forgotten, so that a host that went on after a fatal error can call on.
+void forgetTablesOf(Tag tag)
+{
+    if (tag == 0) {
+        rmutil::forgetLocalEnv();
+    }
+    if (file::fileTag != 0 && tag == file::fileTag) {
+        file::forgetTable();
+    }
+}
+}  // namespace
+
+int16_t rmalloc::checkTag(Tag tag, const char* function)
+{
+    if (inUse(tag)) {
+        return RM_SUCCESS;
+    }
+    rm_systemLogWrite("Invalid tag %d supplied to %s", tag, function);
+    return RM_INVALID;
+}
+
+void rmalloc::newTagTable()
+{
+    const char* segAlloc = rm_getenv("SEG_ALLOC");
+    if (segAlloc != nullptr) {
+        seg_alloc = static_cast<int16_t>(std::atoi(segAlloc));
+    }
+    auto* table = static_cast<TagRecord*>(rm_getSeg(tableBytes(kTableStep)));
+    if (table == nullptr) {
+        rmsrv::outOfMemory();
+    }
+    std::memset(table, 0, tableBytes(kTableStep));
+    table[0].state = kTagInUse;
+    table[0].limit = RM_NO_LIMIT;
+    table[0].segmentSize = kTagZeroSegmentSize;
+    tagTable = table;
+    tagTabSize = kTableStep;
+    memused += tableBytes(kTableStep);
+    nTags = 1;
+    lowestFree = 1;
+}
+
+int16_t rm_allocTag(jmp_buf env, uint32_t limit)
+{
+    if (nTags == 0) {
+        newTagTable();
+    }
+    rm_enterCritSec(0);
+    const Tag tag = takeRecord();
+    TagRecord* record = &tagTable[tag];
+    record->segments = nullptr;
+    setJump(record, env);
+    record->allocated = 0;
+    record->segmentSize = kDefaultSegmentSize;
+    record->name = nullptr;
+    record->limit = limit;
+    rm_exitCritSec(0);
+    return tag;
+}
+
+char* rm_setTagName(const char* name, int16_t tag)
+{
+    if (tag == 0 || !inUse(tag)) {
+        invalidTag();
+    }
+    char* copy = rm_Strdup(name, tag);
+    tagTable[tag].name = copy;
+    return copy;
+}
+
+void rm_setTagAlloc(uint32_t size, int16_t tag)
+{
+    if (tag <= 0 || tag >= nTags) {
+        return;  // Deliberate: without a word, unlike a free record.
+    }
+    if (tagTable[tag].state == kTagFree) {
+        invalidTag();
+    }
+    tagTable[tag].segmentSize = size;
+}
+
+void rm_resetTag(jmp_buf env, int16_t tag)
+{
+    if (!inUse(tag)) {
+        invalidTag();
+    }
+    setJump(&tagTable[tag], env);
+}
+
+void rm_freeTagMemory(int16_t tag, int16_t release)
+{
+    if (tag == RM_NONE) {
+        return;
+    }
+    rm_enterCritSec(0);
+    if (checkTag(tag, "rm_freeTagMemory") == RM_SUCCESS) {
+        forgetTablesOf(tag);
+        freeSegments(&tagTable[tag]);
+        if (release != 0) {
+            tagTable[tag].state = kTagFree;
+            if (tag != 0) {
+                lowestFree = std::min(lowestFree, tag);
+            }
+        }
+    }
+    rm_exitCritSec(0);
+}
+
+void rm_freeall()
+{
+    rm_enterCritSec(0);
+    for (Tag tag = 0; tag < nTags; ++tag) {
+        forgetTablesOf(tag);
+    }
+    for (Tag tag = 0; tag < nTags; ++tag) {
+        freeSegments(&tagTable[tag]);
+        tagTable[tag].state = kTagFree;
+    }
+    nTags = 0;
+    lowestFree = 1;
+    memused -= tableBytes(tagTabSize);
+    rm_freeSeg(tagTable);
+    tagTabSize = 0;
+    tagTable = nullptr;
+    rm_exitCritSec(0);
+}
+
+int32_t rm_memoryAvail(int16_t tag)
+{
+    if (checkTag(tag, "rm_memoryAvail") != RM_SUCCESS) {
+        return 0;
+    }
+    const TagRecord* record = &tagTable[tag];
+    if (record->limit == RM_NO_LIMIT) {
+        return -1;
+    }
+    return static_cast<int32_t>(record->limit - record->allocated);
+}
+
+void rm_setMemoryLimit(uint32_t bytes)
+{
+    rmemavail = bytes;
+}
+
+uint32_t rm_memused()
+{
+    return memused;
+}

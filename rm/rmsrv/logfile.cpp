@@ -1,0 +1,21 @@
+// The log file: the handle that the log writer copies its lines to.
+//
+// Why: the file is a managed file like any other, so that it may be parked when descriptors are
+// short; all that is kept of it is its handle.
+//
+// Owns: `sysfile`.
+//
+// Fatal: what closing a managed file ends (a lock that is not free in time).
+#include "rm/rmsrv/rmsrv.h"
+
+int16_t sysfile = RM_NONE;
+
+void rm_systemLogClose()
+{
+    if (sysfile != RM_NONE) {
+        rm_fileClose(sysfile);
+    }
+    sysfile = RM_NONE;
+    syslogon = 0;
+    rmsrv::trustLogFile();
+}

@@ -1,0 +1,68 @@
+// Service core, front page: the fatal path, the log writer and the settings of start-up.
+//
+//   fatal.cpp    registered jump targets, the three fatal entry points, rm_exit
+//   unwind.cpp   the one place that leaves frames behind
+//   syslog.cpp   the log writer and its optional variant
+//   logformat.cpp  the second expansion of optional messages
+//   logfile.cpp  the handle of the log file and its closing
+//   startup.cpp  the settings that start-up gives to the other services
+#ifndef RM_RMSRV_RMSRV_H
+#define RM_RMSRV_RMSRV_H
+
+#include "rm/base.h"
+
+#include <csetjmp>
+#include <cstddef>
+#include <cstdint>
+
+namespace rmsrv
+{
+
+// --- fatal.cpp
+
+extern jmp_buf error_jmp_buf;     // the host's target for fatal errors
+extern int32_t error_jmpset;      // 1 once rm_errorJump ran; never cleared
+extern jmp_buf exit_jmp_buf;      // the host's target for the end of the process
+extern int32_t exit_jmpset;       // 1 once rm_exitJump ran; never cleared
+extern char szUserName_save[15];  // at most 14 characters and the terminator
+extern uint16_t hSess_save;
+
+// True from the first fatal entry point, or rm_exit, until control is back in the host. Whoever
+// would wait for another process asks this first: a dying process waits for nothing that has
+// already failed it once.
+bool inFatalPath();
+
+// Called by unwindTo alone.
+void leaveFatalPath();
+
+// "Out of memory!" and the fatal path: the answer to every request that cannot be met.
+[[noreturn]] void outOfMemory();
+
+// --- unwind.cpp
+
+// Gives back what the abandoned frames held and jumps to `env`, where setjmp returns `value`.
+[[noreturn]] void unwindTo(jmp_buf env, int value);
+
+// --- syslog.cpp
+
+constexpr std::size_t kLogMessageSize = 260;  // bytes of one message, terminator included
+
+extern int32_t writingLogFile;  // the re-entry flag: 1 while a line goes into the log file
+
+// Called when frames are abandoned. A line that was on its way into the log file has failed it:
+// until the log file is closed, lines go to standard error only. A host that logs in its shutdown
+// processing would else come back to it for ever.
+void abandonLogLine();
+
+// The log file is closed: the next one is tried again.
+void trustLogFile();
+
+// --- logformat.cpp
+
+// Expands `text` as a format for which no arguments exist: every conversion prints the zero of its
+// type, "%n" does nothing. The result is cut at size - 1 bytes. Returns its length.
+std::size_t expandOverZeros(char* out, std::size_t size, const char* text);
+
+}  // namespace rmsrv
+
+#endif

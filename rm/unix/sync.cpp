@@ -1,0 +1,408 @@
+// Sync objects: semaphores with names, as locks and as events between processes.
+//
+// Why: processes of one server exclude each other and wake each other; on this system the objects
+// that outlive none of them and need no parent are System V semaphores. All sync objects of a
+// process live in one set of 20, and a handle is a semaphore's number in it.
+//
+//   as a lock   1 is free, 0 is held
+//   as an event 1 is reset (waiters block), 0 is signalled
+//
+// Owns: the table of names, the set and its token file, the alarm flag.
+//
+// Invariant: `nSems` counts the named slots; the token stream is open while the set exists.
+// checkSync() tests it.
+//
+// Lifecycle: the set is made with the first object and goes with the last one. Processes that make
+// their objects in the same order under one prefix meet on the same semaphores. Creating adds 1 to
+// the value each time, so objects are made once, before the server forks.
+//
+// Fatal: every system call that fails, a handle of an unused slot, a 21st object.
+#include "rm/unix/unix.h"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include <signal.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <unistd.h>
+
+namespace os
+{
+std::array<const char*, kSyncSlots> rmSem = {};
+int16_t nSems = 0;
+int32_t iSem = -1;
+FILE* gfpRMSemTokenFile = nullptr;
+char semTokenPath[kTokenPathSize] = "";
+int32_t alarm_signal = 0;
+}  // namespace os
+
+using namespace os;
+
+namespace
+{
+constexpr const char* kTokenFile = ".ZNT.RM.SEM";
+constexpr int kProject = 1;                // of the key
+constexpr int kCreateForEverybody = 1023;  // create when absent, mode 0777
+constexpr uint32_t kMsPerSecond = 1000;
+
+// The system leaves the declaration of the fourth argument of semctl to its callers. It is always
+// passed whole: on some machines a missing argument is not the same as one that is not read.
+union semun {
+    int val;
+    semid_ds* buf;
+    unsigned short* array;
+};
+
+enum class Check { kProceed, kNothingToDo };
+
+// What every operation on a handle does first. `error` goes into the fatal message.
+Check checkHandle(SyncHandle handle, const char* function, int error)
+{
+    if (handle == RM_NULL_SYNC) {
+        return Check::kNothingToDo;
+    }
+    if (handle < 0 || handle >= kSyncSlots || rmSem[static_cast<std::size_t>(handle)] == nullptr) {
+        internalErrorExit(function, "Invalid Semaphore Handle", error);
+    }
+    const bool named = *rmSem[static_cast<std::size_t>(handle)] != '\0';
+    return named ? Check::kProceed : Check::kNothingToDo;
+}
+
+int operate(SyncHandle handle, int op, int flags)
+{
+    sembuf operation = {static_cast<unsigned short>(handle), static_cast<short>(op),
+                        static_cast<short>(flags)};
+    return semop(iSem, &operation, 1);
+}
+
+void operateOrDie(SyncHandle handle, int op, int flags, const char* function)
+{
+    if (operate(handle, op, flags) == -1) {
+        internalErrorExit(function, "semop() failure", errno);
+    }
+}
+
+int valueOf(SyncHandle handle, const char* function)
+{
+    semun unused = {};
+    const int value = semctl(iSem, handle, GETVAL, unused);
+    if (value == -1) {
+        internalErrorExit(function, "semctl() failure", errno);
+    }
+    return value;
+}
+
+bool anySlotUsed()
+{
+    for (const char* name : rmSem) {
+        if (name != nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void removeSet(const char* function)
+{
+    semun unused = {};
+    if (semctl(iSem, 0, IPC_RMID, unused) == -1) {
+        internalErrorExit(function, "semctl() failure", errno);
+    }
+}
+
+void closeToken()
+{
+    if (gfpRMSemTokenFile != nullptr) {
+        std::fclose(gfpRMSemTokenFile);
+        gfpRMSemTokenFile = nullptr;
+    }
+}
+
+void dropToken()
+{
+    if (gfpRMSemTokenFile != nullptr) {
+        closeToken();
+        unlink(semTokenPath);
+    }
+}
+
+void makeSet()
+{
+    closeToken();  // of an attempt that failed further down
+    tokenPath(semTokenPath, kTokenFile);
+    gfpRMSemTokenFile = openToken(semTokenPath);
+    if (gfpRMSemTokenFile == nullptr) {
+        internalErrorExit("rm_syncCreate", "fopen() failure", errno);
+    }
+    iSem = semget(ftok(semTokenPath, kProject), kSyncSlots, kCreateForEverybody);
+    if (iSem == -1) {
+        internalErrorExit("rm_syncCreate", "semget() failure", errno);
+    }
+}
+
+// Whole seconds of a wait, 0 for one without limit. Deliberate: a time-out of 0 is none, and so is
+// one whose rounding overflows; a single attempt cannot be asked for.
+int32_t waitSeconds(uint32_t timeout)
+{
+    if (timeout == RM_WAIT_FOREVER) {
+        return 0;
+    }
+    const auto rounded = static_cast<int32_t>(timeout + (kMsPerSecond - 1));
+    const int32_t seconds = rounded / static_cast<int32_t>(kMsPerSecond);
+    return seconds > 0 ? seconds : 0;
+}
+
+timespec now()
+{
+    timespec time = {};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time;
+}
+
+// What is left of a wait of `seconds` that began at `start`; zero when it is over.
+timespec timeLeft(const timespec& start, int32_t seconds)
+{
+    constexpr long kNsPerSecond = 1000000000;
+    const timespec current = now();
+    timespec left = {start.tv_sec + seconds - current.tv_sec, start.tv_nsec - current.tv_nsec};
+    if (left.tv_nsec < 0) {
+        left.tv_nsec += kNsPerSecond;
+        --left.tv_sec;
+    }
+    return left.tv_sec < 0 ? timespec{} : left;
+}
+
+// One wait, which may take several system calls.
+struct Wait {
+    int32_t seconds;  // 0: without limit
+    timespec start;
+    timespec left;
+};
+
+// The alarm alone would be lost when it fires before the wait has begun, or with SIGALRM blocked,
+// so the system bounds the wait by the same time. An alarm that the host has set is replaced.
+Wait beginWait(int32_t seconds)
+{
+    Wait wait = {seconds, {}, {seconds, 0}};
+    if (seconds > 0) {
+        signal(SIGALRM, catchAlarm);
+        alarm(static_cast<unsigned>(seconds));
+        wait.start = now();
+    }
+    return wait;
+}
+
+// 0 when the operation was done, else the errno of the attempt; ETIMEDOUT when the time is over.
+int attempt(Wait* wait, SyncHandle handle, int op)
+{
+    if (wait->seconds == 0) {
+        return operate(handle, op, 0) == -1 ? errno : 0;
+    }
+    sembuf operation = {static_cast<unsigned short>(handle), static_cast<short>(op), 0};
+    if (semtimedop(iSem, &operation, 1, &wait->left) != -1) {
+        return 0;
+    }
+    const int error = errno;
+    wait->left = timeLeft(wait->start, wait->seconds);
+    const bool over = wait->left.tv_sec == 0 && wait->left.tv_nsec == 0;
+    if (error == EAGAIN || (error == EINTR && over && alarm_signal == 0)) {
+        return ETIMEDOUT;
+    }
+    return error;
+}
+}  // namespace
+
+int16_t rm_syncCreate(const char* name)
+{
+    if (name == nullptr || *name == '\0') {
+        return RM_NULL_SYNC;
+    }
+    if (nSems == 0) {
+        rmSem.fill(nullptr);
+    }
+    SyncHandle slot = 0;
+    while (slot < kSyncSlots && rmSem[static_cast<std::size_t>(slot)] != nullptr) {
+        ++slot;
+    }
+    if (slot == kSyncSlots) {
+        internalErrorExit("rm_syncCreate", "Out of Semaphores!", errno);
+    }
+    rmSem[static_cast<std::size_t>(slot)] = name;
+    if (iSem == -1) {
+        makeSet();
+    }
+    if (operate(slot, 1, 0) == -1 && errno != EAGAIN) {
+        internalErrorExit("rm_syncCreate", "semop() failure", errno);
+    }
+    ++nSems;
+    return slot;
+}
+
+int16_t rm_syncOpen(const char* name)
+{
+    for (SyncHandle slot = 0; name != nullptr && slot < kSyncSlots; ++slot) {
+        const char* used = rmSem[static_cast<std::size_t>(slot)];
+        if (used != nullptr && std::strcmp(used, name) == 0) {
+            return slot;
+        }
+    }
+    return RM_NONE;
+}
+
+int16_t rm_syncDelete(int16_t handle)
+{
+    if (handle == RM_NULL_SYNC) {
+        return RM_SUCCESS;
+    }
+    if (handle < 0 || handle >= kSyncSlots) {
+        internalErrorExit("rm_syncDelete", "semctl() failure", EINVAL);
+    }
+    const char** slot = &rmSem[static_cast<std::size_t>(handle)];
+    const bool used = *slot != nullptr;
+    if (used) {
+        *slot = nullptr;
+        --nSems;
+    }
+    // An object whose creation failed was named and has no semaphore.
+    const bool hasSemaphore = iSem != -1 || !used;
+    for (int value = hasSemaphore ? valueOf(handle, "rm_syncDelete") : 0; value != 0;) {
+        const int op = value > 0 ? -1 : 1;
+        operateOrDie(handle, op, IPC_NOWAIT, "rm_syncDelete");
+        value += op;
+    }
+    if (nSems > 0) {
+        return RM_SUCCESS;
+    }
+    if (iSem != -1) {
+        removeSet("rm_syncDelete");
+        iSem = -1;
+        dropToken();
+    } else if (!anySlotUsed()) {
+        dropToken();
+    }
+    return RM_SUCCESS;
+}
+
+int16_t rm_syncEnterExcl(int16_t handle, uint32_t timeout)
+{
+    if (checkHandle(handle, "rm_syncEnterExcl", 0) == Check::kNothingToDo) {
+        return RM_SUCCESS;
+    }
+    const int32_t seconds = waitSeconds(timeout);
+    if (seconds > 0) {
+        alarm_signal = 0;
+    }
+    Wait wait = beginWait(seconds);
+    int error = attempt(&wait, handle, -1);
+    while (error == EINTR) {
+        if (alarm_signal != 0) {
+            return RM_TIMEOUT;
+        }
+        error = attempt(&wait, handle, -1);
+    }
+    if (error != 0 && error != ETIMEDOUT) {
+        internalErrorExit("rm_syncEnterExcl", "semop() failure", error);
+    }
+    alarm(0);
+    return error == 0 ? RM_SUCCESS : RM_TIMEOUT;
+}
+
+int16_t rm_syncExitExcl(int16_t handle)
+{
+    if (checkHandle(handle, "rm_syncExitExcl", errno) == Check::kProceed) {
+        operateOrDie(handle, 1, 0, "rm_syncExitExcl");
+    }
+    return RM_SUCCESS;
+}
+
+int16_t rm_syncWait(int16_t handle, uint32_t timeout)
+{
+    if (checkHandle(handle, "rm_syncWait", 0) == Check::kNothingToDo) {
+        return RM_SUCCESS;
+    }
+    Wait wait = beginWait(waitSeconds(timeout));
+    const int error = attempt(&wait, handle, 0);
+    if (error == EINTR) {
+        return RM_TIMEOUT;  // whatever signal it was; the alarm stays set
+    }
+    if (error != 0 && error != ETIMEDOUT) {
+        internalErrorExit("rm_syncWait", "semop() failure", error);
+    }
+    alarm(0);
+    if (error == ETIMEDOUT) {
+        return RM_TIMEOUT;
+    }
+    // The waiter that wakes resets the event for the next signal.
+    operateOrDie(handle, 1, 0, "rm_syncWait");
+    return RM_SUCCESS;
+}
+
+int16_t rm_syncStart(int16_t handle)
+{
+    if (checkHandle(handle, "rm_syncStart", 0) == Check::kProceed &&
+        valueOf(handle, "rm_syncStart") == 0) {
+        operateOrDie(handle, 1, 0, "rm_syncStart");
+    }
+    return RM_SUCCESS;
+}
+
+int16_t rm_syncResume(int16_t handle)
+{
+    if (checkHandle(handle, "rm_syncResume", 0) == Check::kProceed &&
+        valueOf(handle, "rm_syncResume") == 1) {
+        operateOrDie(handle, -1, IPC_NOWAIT, "rm_syncResume");
+    }
+    return RM_SUCCESS;
+}
+
+int16_t rm_syncTerminate()
+{
+    for (SyncHandle slot = 0; slot < kSyncSlots; ++slot) {
+        if (rmSem[static_cast<std::size_t>(slot)] != nullptr) {
+            rm_syncDelete(slot);
+        }
+    }
+    nSems = 0;
+    fileSem = RM_NONE;
+    growSem = RM_NONE;
+    if (iSem == -1) {
+        return RM_SUCCESS;
+    }
+    // A set without objects. Deliberate: its id is kept.
+    removeSet("rm_syncTerminate");
+    dropToken();
+    return RM_SUCCESS;
+}
+
+void catchAlarm(int /*signalNumber*/)
+{
+    alarm_signal = 1;
+    signal(SIGALRM, catchAlarm);
+}
+
+bool os::exists(SyncHandle handle)
+{
+    return iSem != -1 && handle >= 0 && handle < kSyncSlots &&
+           rmSem[static_cast<std::size_t>(handle)] != nullptr;
+}
+
+uint32_t os::checkSync()
+{
+    uint32_t violations = 0;
+    int16_t used = 0;
+    for (const char* name : rmSem) {
+        used = static_cast<int16_t>(used + (name != nullptr ? 1 : 0));
+    }
+    if (used != nSems) {
+        ++violations;
+        rm_systemLogWrite("WARNING: sync objects: %d named, %d counted", used, nSems);
+    }
+    if ((iSem != -1) != (gfpRMSemTokenFile != nullptr)) {
+        ++violations;
+        rm_systemLogWrite("WARNING: sync objects: set %d, token stream %p", iSem,
+                          static_cast<void*>(gfpRMSemTokenFile));
+    }
+    return violations;
+}

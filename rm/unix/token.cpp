@@ -1,0 +1,52 @@
+// Token files: by their paths, processes find the same IPC object.
+//
+// Why: a System V object is found by a number, and the number is made from a file's identity. The
+// processes of a server agree on a prefix, and so on the files.
+//
+// Owns: the prefix.
+//
+// Invariant: a file that is not ours is never truncated through a link that somebody left in a
+// shared directory, a process that the server starts does not inherit the stream, and a pipe of
+// that name cannot block the open.
+#include "rm/unix/unix.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace os
+{
+char tokName[kTokenPrefixSize] = "";
+}  // namespace os
+
+namespace
+{
+constexpr mode_t kEverybody = 0666;  // less the process's mask
+}
+
+void os::tokenPath(char (&path)[kTokenPathSize], const char* fileName)
+{
+    std::snprintf(path, sizeof(path), "%s%s", tokName, fileName);
+}
+
+FILE* os::openToken(const char* path)
+{
+    const int fd =
+        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kEverybody);
+    if (fd == -1) {
+        return nullptr;
+    }
+    FILE* stream = fdopen(fd, "w");
+    if (stream == nullptr) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+    }
+    return stream;
+}
+
+void rm_tokenName(const char* prefix)
+{
+    StrncpyZ(os::tokName, prefix, sizeof(os::tokName));
+}

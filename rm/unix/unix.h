@@ -1,0 +1,67 @@
+// OS services, front page. Everything that differs between operating systems is behind this.
+//
+//   process.cpp  processes, environment, raw segments
+//   token.cpp    the files by whose paths processes find the same IPC object
+//   sync.cpp     sync objects: one semaphore set of 20 per process
+//   osfile.cpp   descriptors
+#ifndef RM_UNIX_UNIX_H
+#define RM_UNIX_UNIX_H
+
+#include "rm/base.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+namespace os
+{
+
+// --- process.cpp
+
+extern int32_t ForegroundThreadID;  // process id of the foreground; -1 until somebody asks
+extern int16_t DefaultPriority;     // stored, never used here
+
+// --- token.cpp
+
+constexpr std::size_t kTokenPrefixSize = 32;  // bytes of the prefix, terminator included
+constexpr std::size_t kTokenPathSize = 64;    // bytes of prefix and file name together
+
+extern char tokName[kTokenPrefixSize];  // put before every token file name as it is
+
+// Builds the path of a token file from the prefix as it is now.
+void tokenPath(char (&path)[kTokenPathSize], const char* fileName);
+
+// Creates or truncates the file. Null with errno set when that fails or the path is a link.
+FILE* openToken(const char* path);
+
+// --- sync.cpp
+
+constexpr int16_t kSyncSlots = 20;
+
+extern std::array<const char*, kSyncSlots> rmSem;  // names, the callers' own; null is a free slot
+extern int16_t nSems;                              // slots in use
+extern int32_t iSem;                               // the semaphore set, -1 when there is none
+extern FILE* gfpRMSemTokenFile;                    // open as long as the set exists
+extern char semTokenPath[kTokenPathSize];          // with which the set was made
+extern int32_t alarm_signal;                       // set by catchAlarm
+
+// True when `handle` names an object that operations would reach.
+bool exists(SyncHandle handle);
+
+// Counts and logs what does not hold in the table of sync objects; 0 is sound.
+uint32_t checkSync();
+
+// --- osfile.cpp
+
+constexpr int32_t kBlockSize = 512;  // bytes by which files are extended
+
+extern std::array<char, kBlockSize> null_block;  // zeros
+extern int32_t null_block_filled;                // 1 once the block has been cleared
+
+// As rm_flSeek, with an offset of any width: the managed layer's offsets are unsigned 32-bit.
+int16_t seekDescriptor(int32_t fd, int64_t offset, int16_t whence, uint32_t* position);
+
+}  // namespace os
+
+#endif
