@@ -1,0 +1,249 @@
+// Managed files against the bare sequence of the system calls that an operation has to make: the
+// timed lock of the table, the seek and the transfer; and, when a file must come back, the close of
+// another one, the open, the measuring and the seek to its place.
+#include "pairs.h"
+
+#include "rm.h"
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <unistd.h>
+
+namespace
+{
+constexpr unsigned kTimeoutSeconds = 14;
+constexpr off_t kOffset = 4096;
+constexpr std::size_t kLargest = 4096;
+constexpr int16_t kOpenAtOnce = 8;
+constexpr std::size_t kManyFiles = 32;
+
+void onAlarm(int /*signalNumber*/) {}
+
+void must(bool done, const char* what)
+{
+    if (!done) {
+        std::perror(what);
+        std::exit(1);
+    }
+}
+
+// A directory for the files of one benchmark; they are removed with it.
+class Scratch
+{
+  public:
+    Scratch()
+    {
+        const char* base = std::getenv("TMPDIR");
+        path_ = std::string(base != nullptr ? base : "/tmp") + "/rm_bench.XXXXXX";
+        must(mkdtemp(path_.data()) != nullptr, "mkdtemp");
+    }
+
+    ~Scratch()
+    {
+        for (const std::string& file : files_) {
+            unlink(file.c_str());
+        }
+        rmdir(path_.c_str());
+    }
+
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+
+    // A file of two pages, so that reads at kOffset find their bytes.
+    const char* make(std::size_t number)
+    {
+        files_.push_back(path_ + "/" + std::to_string(number));
+        const int fd = open(files_.back().c_str(), O_RDWR | O_CREAT, 0600);
+        const std::array<char, 2 * kLargest> zeros = {};
+        must(write(fd, zeros.data(), zeros.size()) == static_cast<ssize_t>(zeros.size()), "write");
+        close(fd);
+        return files_.back().c_str();
+    }
+
+  private:
+    std::string path_;
+    std::vector<std::string> files_;
+};
+
+// The table's lock, made bare.
+class BareLock
+{
+  public:
+    BareLock() : id_(semget(IPC_PRIVATE, 1, IPC_CREAT | 0600))
+    {
+        must(id_ != -1, "semget");
+        leave();
+    }
+
+    ~BareLock() { semctl(id_, 0, IPC_RMID); }
+
+    BareLock(const BareLock&) = delete;
+    BareLock& operator=(const BareLock&) = delete;
+
+    void enter() const
+    {
+        sembuf operation = {0, -1, 0};
+        const timespec limit = {kTimeoutSeconds, 0};
+        signal(SIGALRM, onAlarm);
+        alarm(kTimeoutSeconds);
+        benchmark::DoNotOptimize(semtimedop(id_, &operation, 1, &limit));
+        alarm(0);
+    }
+
+    void leave() const
+    {
+        sembuf operation = {0, 1, 0};
+        benchmark::DoNotOptimize(semop(id_, &operation, 1));
+    }
+
+  private:
+    int id_;
+};
+
+std::array<char, kLargest>& buffer()
+{
+    static std::array<char, kLargest> bytes = {};
+    return bytes;
+}
+
+void writeOurs(benchmark::State& state)
+{
+    Scratch scratch;
+    const int16_t handle = rm_fileOpen(scratch.make(0), RM_O_RDWR, 0, 0, 0);
+    const auto length = static_cast<uint32_t>(state.range(0));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(rm_fileSeekWrite(handle, kOffset, buffer().data(), length));
+    }
+    rm_fileClose(handle);
+    rm_syncTerminate();
+}
+
+void writeBare(benchmark::State& state)
+{
+    Scratch scratch;
+    const BareLock lock;
+    const int fd = open(scratch.make(0), O_RDWR);
+    const auto length = static_cast<std::size_t>(state.range(0));
+    for (auto _ : state) {
+        lock.enter();
+        lock.leave();
+        lseek(fd, kOffset, SEEK_SET);
+        benchmark::DoNotOptimize(write(fd, buffer().data(), length));
+    }
+    close(fd);
+}
+
+void readOurs(benchmark::State& state)
+{
+    Scratch scratch;
+    const int16_t handle = rm_fileOpen(scratch.make(0), RM_O_RDWR, 0, 0, 0);
+    const auto length = static_cast<uint32_t>(state.range(0));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(rm_fileSeekRead(handle, kOffset, buffer().data(), length));
+    }
+    rm_fileClose(handle);
+    rm_syncTerminate();
+}
+
+void readBare(benchmark::State& state)
+{
+    Scratch scratch;
+    const BareLock lock;
+    const int fd = open(scratch.make(0), O_RDWR);
+    const auto length = static_cast<std::size_t>(state.range(0));
+    for (auto _ : state) {
+        lock.enter();
+        lock.leave();
+        lseek(fd, kOffset, SEEK_SET);
+        benchmark::DoNotOptimize(read(fd, buffer().data(), length));
+    }
+    close(fd);
+}
+
+// Each operation meets a parked file and has to park another one: files in turn, more of them than
+// may be open at once.
+void parkOurs(benchmark::State& state)
+{
+    Scratch scratch;
+    fileHandleLimit = kOpenAtOnce;
+    std::array<int16_t, kManyFiles> handles = {};
+    for (std::size_t i = 0; i < kManyFiles; ++i) {
+        handles[i] = rm_fileOpen(scratch.make(i), RM_O_RDWR, 0, 0, 0);
+    }
+    std::size_t next = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(
+            rm_fileSeekRead(handles[next], kOffset, buffer().data(), kLargest));
+        next = (next + 1) % kManyFiles;
+    }
+    uint32_t reopened = 0;
+    rm_fileCounts(nullptr, nullptr, nullptr, &reopened);
+    if (reopened < state.iterations()) {
+        state.SkipWithError("not every operation met a parked file");
+    }
+    for (const int16_t handle : handles) {
+        rm_fileClose(handle);
+    }
+    rm_syncTerminate();
+}
+
+void parkBare(benchmark::State& state)
+{
+    Scratch scratch;
+    const BareLock lock;
+    std::array<const char*, kManyFiles> paths = {};
+    std::array<std::string, kManyFiles> names;
+    std::array<int, kManyFiles> fds = {};
+    for (std::size_t i = 0; i < kManyFiles; ++i) {
+        names[i] = scratch.make(i);
+        paths[i] = names[i].c_str();
+        fds[i] = i + kOpenAtOnce >= kManyFiles ? open(paths[i], O_RDWR) : -1;
+    }
+    std::size_t next = 0;
+    for (auto _ : state) {
+        const std::size_t victim = (next + kManyFiles - kOpenAtOnce) % kManyFiles;
+        lock.enter();
+        close(fds[victim]);
+        fds[victim] = -1;
+        const int fd = open(paths[next], O_RDWR, 0600);
+        lseek(fd, 0, SEEK_CUR);  // the size: where it stands, the end, and back
+        lseek(fd, 0, SEEK_END);
+        lseek(fd, 0, SEEK_SET);
+        lseek(fd, kOffset, SEEK_SET);  // its place
+        fds[next] = fd;
+        lock.leave();
+        lseek(fd, kOffset, SEEK_SET);
+        benchmark::DoNotOptimize(read(fd, buffer().data(), kLargest));
+        next = (next + 1) % kManyFiles;
+    }
+    for (const int fd : fds) {
+        if (fd != -1) {
+            close(fd);
+        }
+    }
+}
+}  // namespace
+
+void rmbench::addFilePairs()
+{
+    constexpr double kHotLimit = 1.15;
+    constexpr double kParkLimit = 1.3;
+    for (const long length : {512L, 4096L}) {
+        const std::string bytes = std::to_string(length) + " bytes, hot";
+        addPair("file: seek and write " + bytes, "lock, lseek, write", kHotLimit, writeOurs,
+                writeBare, length);
+        addPair("file: seek and read " + bytes, "lock, lseek, read", kHotLimit, readOurs, readBare,
+                length);
+    }
+    addPair("file: park one, reopen one, read", "lock, close, open, ...", kParkLimit, parkOurs,
+            parkBare);
+}
