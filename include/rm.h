@@ -1210,8 +1210,9 @@ RM_API uint16_t rm_filePrintf(int16_t handle, const char* format, ...) RM_PRINTF
 RM_API uint32_t rm_fileWrite(int16_t handle, const void* buffer, uint32_t length);
 
 /**
- * Writes at an offset, extends the file first when the write passes its known end, and moves the
- * handle behind what was written.
+ * Writes at an offset, grows the file first when the write passes its known end, and moves the
+ * handle behind what was written. The known end is where the file ended when it was opened or
+ * reopened, or what this call has grown it to since; other writes do not move it.
  *
  * The new size is the end of the write, rounded up to the growth increment; **an end exactly on a
  * multiple of it gets one more increment**. With steps of 1000, a write that ends at 1500 makes
@@ -1222,8 +1223,8 @@ RM_API uint32_t rm_fileWrite(int16_t handle, const void* buffer, uint32_t length
  * @param handle file handle
  * @param offset bytes from the start of the file; or ::RM_CURRENT_POSITION, which makes no seek:
  *               the bytes then go where the descriptor stands. That is the handle's position, but
- *               **right after this call has extended the file it is 0**. Give the offset whenever
- *               the file may grow.
+ *               **0 right after the call has grown the file**, even if it was large enough already.
+ *               Give the offset whenever the file may grow.
  * @param buffer `length` bytes
  * @param length bytes; 0 returns at once, before the handle is looked at. `offset` + `length` must
  *               fit 32 bits.

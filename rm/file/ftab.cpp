@@ -65,7 +65,7 @@ FileEntry* newEntry()
 
 uint32_t slotBytes(int32_t slots)
 {
-    return static_cast<uint32_t>(static_cast<std::size_t>(slots) * sizeof(FileEntry*));
+    return static_cast<uint32_t>(static_cast<std::size_t>(slots) * sizeof(void*));
 }
 
 void buildTable()

@@ -44,15 +44,11 @@ long shortfall(double space)
     rm_errorExit();
 }
 
-void watchDisk(const FileEntry* entry)
+// True when the disk that holds the file has less free than must be left; `*space` is what it has.
+bool exceedsMinimum(const FileEntry* entry, double* space)
 {
-    const double space = rm_flGetDiskFreeSpace(entry->name);
-    if (space >= 0.0 && space < rminfree) {
-        rm_systemLogWrite("extending file %s exceeded min threshold by %ld bytes", entry->name,
-                          shortfall(space));
-        rm_systemLogWrite("READ ACCESS ONLY!");
-        rmDiskFull = 1;
-    }
+    *space = rm_flGetDiskFreeSpace(entry->name);
+    return *space >= 0.0 && *space < rminfree;
 }
 }  // namespace
 
@@ -68,6 +64,15 @@ void file::growFile(FileEntry* entry, uint32_t newSize)
     if (rm_flSetSize(entry->fd, newSize) != RM_SUCCESS) {
         failGrowth(entry);
     }
-    watchDisk(entry);
+    double space = 0.0;
+    const bool full = exceedsMinimum(entry, &space);
     leaveGrowSem();
+    // Logged outside the lock: a line may go into the log file, which takes fileSem, and a process
+    // that holds fileSem may be waiting here to grow a file that it opens.
+    if (full) {
+        rm_systemLogWrite("extending file %s exceeded min threshold by %ld bytes", entry->name,
+                          shortfall(space));
+        rm_systemLogWrite("READ ACCESS ONLY!");
+        rmDiskFull = 1;
+    }
 }

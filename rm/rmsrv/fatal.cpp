@@ -16,6 +16,7 @@
 #include "rm/file/file.h"
 #include "rm/rmsrv/rmsrv.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -50,12 +51,8 @@ constexpr std::array<std::string_view, 7> kBanner = {
 
 constexpr bool allOfWidth(std::size_t width)
 {
-    for (const std::string_view line : kBanner) {
-        if (line.size() != width) {
-            return false;
-        }
-    }
-    return true;
+    return std::all_of(kBanner.begin(), kBanner.end(),
+                       [width](std::string_view line) { return line.size() == width; });
 }
 
 static_assert(allOfWidth(kBannerWidth), "the banner is a box");

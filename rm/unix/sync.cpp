@@ -19,6 +19,7 @@
 // Fatal: every system call that fails, a handle of an unused slot, a 21st object.
 #include "rm/unix/unix.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -96,12 +97,8 @@ int valueOf(SyncHandle handle, const char* function)
 
 bool anySlotUsed()
 {
-    for (const char* name : rmSem) {
-        if (name != nullptr) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(rmSem.begin(), rmSem.end(),
+                       [](const char* name) { return name != nullptr; });
 }
 
 void removeSet(const char* function)
