@@ -36,7 +36,7 @@ int16_t nSems = 0;
 int32_t iSem = -1;
 FILE* gfpRMSemTokenFile = nullptr;
 char semTokenPath[kTokenPathSize] = "";
-int32_t alarm_signal = 0;
+volatile int32_t alarm_signal = 0;
 }  // namespace os
 
 using namespace os;

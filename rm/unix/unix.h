@@ -44,7 +44,7 @@ extern int16_t nSems;                              // slots in use
 extern int32_t iSem;                               // the semaphore set, -1 when there is none
 extern FILE* gfpRMSemTokenFile;                    // open as long as the set exists
 extern char semTokenPath[kTokenPathSize];          // with which the set was made
-extern int32_t alarm_signal;                       // set by catchAlarm
+extern volatile int32_t alarm_signal;              // set by catchAlarm
 
 // True when `handle` names an object that operations would reach.
 bool exists(SyncHandle handle);
