@@ -1,0 +1,29 @@
+// The locks of the buckets.
+#ifndef CATALOGUE_LOCKS_H
+#define CATALOGUE_LOCKS_H
+
+#include "board.h"
+
+#include <cstdint>
+
+namespace catalogue
+{
+
+enum class Entered {
+    kYes,
+    kStopped,  // the parent has ended the run meanwhile
+    kGaveUp,   // whoever holds it does not come back; said so
+};
+
+// Creates fileSem and growSem of the library, and the locks of the buckets. Call it once, in the
+// parent, before it forks: processes exclude each other only on objects that existed then.
+void createLocks();
+
+// Enters the lock that guards `bucket`, and counts in `figures` whether it had to wait.
+Entered enterBucket(uint32_t bucket, const Board& board, Figures& figures);
+
+void leaveBucket(uint32_t bucket);
+
+}  // namespace catalogue
+
+#endif

@@ -1,0 +1,33 @@
+// Command line of the catalogue.
+#ifndef CATALOGUE_OPTIONS_H
+#define CATALOGUE_OPTIONS_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace catalogue
+{
+
+constexpr uint32_t kMaxWorkers = 16;
+
+struct Options {
+    std::vector<std::string> inputs;  // files to load; never empty after parseOptions
+    std::string directory;            // where the run directory is made
+    uint32_t workers = 4;             // 1 to kMaxWorkers
+    uint64_t operations = 250000;     // lookups and updates of all workers together
+    uint32_t killWorker = 0;          // test aid: worker that dies in mid-update, 0 for none
+    uint32_t damageRecord = 0;        // test aid: record damaged before verification, 0 for none
+};
+
+enum class CommandLine {
+    kRun,
+    kHelp,   // the help text has been printed
+    kWrong,  // what is wrong has been printed
+};
+
+CommandLine parseOptions(int argc, char** argv, Options& options);
+
+}  // namespace catalogue
+
+#endif

@@ -1,0 +1,387 @@
+// The bucket files: where the records are kept.
+//
+// Why: more files than descriptors. Every process keeps 32 managed files open and the library holds
+// at most 8 descriptors for them; which ones, nobody here knows or asks.
+//
+// Format, in the byte order of the machine, since the files die with the run:
+//   FileHead                       at offset 0
+//   SlotHead, key, body, note      one slot after the other up to FileHead::end
+// A record as loaded fills its slot. Its first update moves it to the end of the file, into a slot
+// with room for a note; the old slot then says where it went, so that the indexes of the other
+// processes, which still lead to it, stay good.
+//
+// Invariant: a live slot's checksum covers all that it says; a bucket's live slots are as many as
+// its head says.
+//
+// Locks: whoever reads or writes a slot holds the lock of the bucket. Growth needs none of ours:
+// the library extends the files in whole steps under growSem.
+//
+// Fatal: the files are opened with FILE_FATAL. A bucket that cannot be opened, read or written
+// cannot be mended here, so the library logs which call failed on which file and jumps to the
+// process's fatal target. Every frame below may thus be left in the middle: they hold scalars,
+// views and plain structs only, and memory belongs to a tag.
+#include "store.h"
+
+#include "console.h"
+
+#include "rm.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstdio>
+#include <cstring>
+
+#include <signal.h>
+#include <unistd.h>
+
+namespace catalogue
+{
+namespace
+{
+constexpr uint32_t kFileMagic = 0x4B435542;  // "BUCK"
+constexpr uint32_t kSlotMagic = 0x544F4C53;  // "SLOT"
+constexpr uint32_t kGrowIncrement = 16384;   // bytes by which a file is extended
+constexpr uint32_t kAlignment = 8;           // of slots in the file
+
+struct FileHead {
+    uint32_t magic;
+    uint32_t records;
+    uint32_t end;  // offset behind the last slot
+    uint32_t unused;
+};
+
+struct SlotHead {
+    uint64_t checksum;  // of the rest of the head, and of the texts while the slot is live
+    uint64_t hash;      // of the key
+    uint32_t magic;
+    uint32_t capacity;   // bytes after the head
+    uint32_t keyLength;  // bytes, as the next two
+    uint32_t bodyLength;
+    uint32_t noteLength;
+    uint32_t version;
+    uint32_t movedTo;  // offset of the slot that has taken over, 0 while this one is live
+    uint32_t unused;
+};
+
+static_assert(sizeof(SlotHead) % kAlignment == 0 && sizeof(FileHead) % kAlignment == 0);
+
+constexpr uint32_t aligned(uint32_t bytes)
+{
+    return (bytes + kAlignment - 1) / kAlignment * kAlignment;
+}
+
+// Bytes of a slot's texts.
+uint32_t textLength(const SlotHead& head)
+{
+    return head.keyLength + head.bodyLength + head.noteLength;
+}
+
+uint64_t checksumOf(const SlotHead& head, const char* texts)
+{
+    const char* const behind = reinterpret_cast<const char*>(&head.checksum + 1);
+    const uint64_t hash = hashBytes({behind, sizeof(head) - sizeof(head.checksum)});
+    return head.movedTo != 0 ? hash : hashBytes({texts, textLength(head)}, hash);
+}
+
+bool damaged(uint32_t bucket, uint32_t offset, const char* what)
+{
+    complain(
+        "%s, offset %u: %s.\nThe bucket is not what was written; the disk or its memory may "
+        "be failing.",
+        bucketName(bucket), offset, what);
+    return false;
+}
+
+// A write that comes back short has met a full disk: what is less is fatal in the library.
+bool writeAll(const Store& store, uint32_t bucket, uint32_t offset, const void* data,
+              uint32_t bytes)
+{
+    const uint32_t written = rm_fileSeekWrite(store.bucket[bucket].file, offset, data, bytes);
+    if (written != bytes) {
+        complain(
+            "%s, offset %u: wrote %u of %u bytes.\nMake room on the disk, or name another one "
+            "with --dir.",
+            bucketName(bucket), offset, written, bytes);
+    }
+    return written == bytes;
+}
+
+bool readAll(const Store& store, uint32_t bucket, uint32_t offset, void* data, uint32_t bytes)
+{
+    return rm_fileSeekRead(store.bucket[bucket].file, offset, data, bytes) == bytes ||
+           damaged(bucket, offset, "the file ends within what should be there");
+}
+
+bool writeFileHead(const Store& store, uint32_t bucket)
+{
+    const FileHead head = {kFileMagic, store.bucket[bucket].records, store.bucket[bucket].end, 0};
+    return writeAll(store, bucket, 0, &head, sizeof(head));
+}
+
+// Another process may have moved a record to the end since this one looked.
+bool readFileHead(Store& store, uint32_t bucket)
+{
+    FileHead head = {};
+    if (!readAll(store, bucket, 0, &head, sizeof(head))) {
+        return false;
+    }
+    if (head.magic != kFileMagic || head.end < sizeof(FileHead)) {
+        return damaged(bucket, 0, "not the head of a bucket");
+    }
+    store.bucket[bucket].records = head.records;
+    store.bucket[bucket].end = head.end;
+    return true;
+}
+
+// Reads a slot into the image. False unless it is one, and whole.
+bool readSlot(Store& store, uint32_t bucket, const IndexEntry& where, SlotHead& head)
+{
+    const uint32_t bytes = static_cast<uint32_t>(sizeof(head)) + where.capacity;
+    if (bytes > store.imageSize) {
+        return damaged(bucket, where.offset, "a slot larger than any record");
+    }
+    if (!readAll(store, bucket, where.offset, store.image, bytes)) {
+        return false;
+    }
+    std::memcpy(&head, store.image, sizeof(head));
+    if (head.magic != kSlotMagic || head.capacity != where.capacity ||
+        textLength(head) > head.capacity) {
+        return damaged(bucket, where.offset, "not a slot");
+    }
+    if (head.checksum != checksumOf(head, store.image + sizeof(head))) {
+        return damaged(bucket, where.offset, "the checksum of the slot does not match");
+    }
+    return true;
+}
+
+// Finishes the head of the slot whose texts stand in the image, and clears what is left of it.
+uint32_t sealSlot(Store& store, SlotHead& head)
+{
+    char* const texts = store.image + sizeof(head);
+    std::memset(texts + textLength(head), 0, head.capacity - textLength(head));
+    head.checksum = checksumOf(head, texts);
+    std::memcpy(store.image, &head, sizeof(head));
+    return static_cast<uint32_t>(sizeof(head)) + head.capacity;
+}
+
+void openFiles(Store& store, int16_t tag, uint32_t largest, uint32_t openFlags)
+{
+    std::memset(&store, 0, sizeof(store));
+    store.tag = tag;
+    store.imageSize = static_cast<uint32_t>(sizeof(SlotHead)) + aligned(largest + kNoteRoom);
+    store.image = static_cast<char*>(rm_cGetMemory(store.imageSize, tag));
+    for (uint32_t i = 0; i < kBuckets; ++i) {
+        store.bucket[i].file = rm_fileOpen(bucketName(i), openFlags, FILE_FATAL, 0, kGrowIncrement);
+    }
+}
+
+void addToIndex(Bucket& bucket, const IndexEntry& entry)
+{
+    uint32_t at = static_cast<uint32_t>(entry.hash) & (bucket.indexSize - 1);
+    while (bucket.index[at].offset != 0) {
+        at = (at + 1) & (bucket.indexSize - 1);
+    }
+    bucket.index[at] = entry;
+}
+}  // namespace
+
+uint32_t bucketOf(const Record& record)
+{
+    return static_cast<uint32_t>(record.hash >> 32) % kBuckets;
+}
+
+const char* bucketName(uint32_t bucket)
+{
+    static char name[sizeof("bucket-00.dat")];
+    std::snprintf(name, sizeof(name), "bucket-%02u.dat", bucket % kBuckets);
+    return name;
+}
+
+void createStore(Store& store, int16_t tag, uint32_t largest)
+{
+    openFiles(store, tag, largest, RM_O_RDWR | RM_O_CREAT | RM_O_TRUNC);
+    for (Bucket& bucket : store.bucket) {
+        bucket.end = sizeof(FileHead);
+    }
+}
+
+bool appendRecord(Store& store, const Record& record)
+{
+    const uint32_t number = bucketOf(record);
+    Bucket& bucket = store.bucket[number];
+    SlotHead head = {};
+    head.hash = record.hash;
+    head.magic = kSlotMagic;
+    head.keyLength = static_cast<uint32_t>(record.key.size());
+    head.bodyLength = static_cast<uint32_t>(record.body.size());
+    head.version = 1;
+    head.capacity = aligned(textLength(head));
+    char* const texts = store.image + sizeof(head);
+    record.key.copy(texts, record.key.size());
+    record.body.copy(texts + record.key.size(), record.body.size());
+
+    const uint32_t bytes = sealSlot(store, head);
+    if (!writeAll(store, number, bucket.end, store.image, bytes)) {
+        return false;
+    }
+    bucket.end += bytes;
+    ++bucket.records;
+    return true;
+}
+
+bool finishStore(Store& store)
+{
+    for (uint32_t i = 0; i < kBuckets; ++i) {
+        if (!writeFileHead(store, i)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void openStore(Store& store, int16_t tag, uint32_t largest)
+{
+    openFiles(store, tag, largest, RM_O_RDWR);
+}
+
+bool scanBucket(Store& store, uint32_t number)
+{
+    Bucket& bucket = store.bucket[number];
+    if (!readFileHead(store, number)) {
+        return false;
+    }
+    bucket.indexSize = std::bit_ceil(2 * bucket.records + 1);
+    bucket.index = static_cast<IndexEntry*>(
+        rm_cGetMemory(bucket.indexSize * static_cast<uint32_t>(sizeof(IndexEntry)), store.tag));
+    uint32_t found = 0;
+    for (uint32_t offset = sizeof(FileHead); offset < bucket.end;) {
+        SlotHead head = {};
+        if (!readAll(store, number, offset, &head, sizeof(head))) {
+            return false;
+        }
+        if (head.magic != kSlotMagic) {
+            return damaged(number, offset, "not a slot");
+        }
+        if (head.movedTo == 0) {
+            if (++found > bucket.records) {
+                break;
+            }
+            addToIndex(bucket, {head.hash, offset, head.capacity});
+        }
+        offset += static_cast<uint32_t>(sizeof(head)) + head.capacity;
+    }
+    return found == bucket.records || damaged(number, 0, "not as many records as its head says");
+}
+
+bool readRecord(Store& store, const Record& record, StoredRecord& stored)
+{
+    const uint32_t number = bucketOf(record);
+    Bucket& bucket = store.bucket[number];
+    SlotHead head = {};
+    uint32_t at = static_cast<uint32_t>(record.hash) & (bucket.indexSize - 1);
+    for (; bucket.index[at].offset != 0; at = (at + 1) & (bucket.indexSize - 1)) {
+        IndexEntry& entry = bucket.index[at];
+        if (entry.hash != record.hash) {
+            continue;
+        }
+        if (!readSlot(store, number, entry, head)) {
+            return false;
+        }
+        if (head.movedTo != 0) {
+            // The first update made room for a note, and for nothing else.
+            entry.offset = head.movedTo;
+            entry.capacity = aligned(head.keyLength + head.bodyLength + kNoteRoom);
+            if (!readSlot(store, number, entry, head)) {
+                return false;
+            }
+        }
+        const char* const texts = store.image + sizeof(head);
+        const std::string_view key(texts, head.keyLength);
+        if (key == record.key) {
+            stored = {number,
+                      entry.offset,
+                      head.capacity,
+                      head.version,
+                      key,
+                      {texts + head.keyLength, head.bodyLength},
+                      {texts + head.keyLength + head.bodyLength, head.noteLength}};
+            return true;
+        }
+    }
+    complain("%s: the record \"%s\" is not there.", bucketName(number), record.key.c_str());
+    return false;
+}
+
+uint32_t noteText(char (&text)[kNoteRoom], uint32_t version)
+{
+    return static_cast<uint32_t>(
+        std::snprintf(text, sizeof(text), "updated %u times, last by worker ", version - 1));
+}
+
+bool updateRecord(Store& store, const StoredRecord& stored, uint32_t worker, bool dieHalfway)
+{
+    Bucket& bucket = store.bucket[stored.bucket];
+    char note[kNoteRoom];
+    uint32_t length = noteText(note, stored.version + 1);
+    length +=
+        static_cast<uint32_t>(std::snprintf(note + length, sizeof(note) - length, "%u", worker));
+
+    SlotHead head = {};
+    std::memcpy(&head, store.image, sizeof(head));
+    SlotHead old = head;
+    head.version += 1;
+    head.noteLength = length;
+    const bool moves = textLength(head) > head.capacity;
+    uint32_t offset = stored.offset;
+    if (moves) {
+        head.capacity = aligned(head.keyLength + head.bodyLength + kNoteRoom);
+        if (!readFileHead(store, stored.bucket)) {
+            return false;
+        }
+        offset = bucket.end;
+    }
+    std::memcpy(store.image + sizeof(head) + head.keyLength + head.bodyLength, note,
+                head.noteLength);
+    const uint32_t bytes = sealSlot(store, head);
+    if (dieHalfway) {
+        writeAll(store, stored.bucket, offset, store.image, bytes / 2);
+        kill(getpid(), SIGKILL);
+    }
+    if (!writeAll(store, stored.bucket, offset, store.image, bytes)) {
+        return false;
+    }
+    if (!moves) {
+        return true;
+    }
+    // The new slot is complete before anything leads to it.
+    bucket.end += bytes;
+    old.movedTo = offset;
+    old.checksum = checksumOf(old, nullptr);
+    return writeFileHead(store, stored.bucket) &&
+           writeAll(store, stored.bucket, stored.offset, &old, sizeof(old));
+}
+
+void damageRecord(Store& store, const StoredRecord& stored)
+{
+    const uint32_t offset = stored.offset + static_cast<uint32_t>(stored.body.data() - store.image);
+    const char flipped = static_cast<char>(stored.body.front() ^ 1);
+    writeAll(store, stored.bucket, offset, &flipped, 1);
+}
+
+uint64_t storeBytes(const Store& store)
+{
+    uint64_t bytes = 0;
+    for (const Bucket& bucket : store.bucket) {
+        bytes += rm_fileLength(bucket.file);
+    }
+    return bytes;
+}
+
+void closeStore(Store& store)
+{
+    for (Bucket& bucket : store.bucket) {
+        rm_fileClose(bucket.file);
+    }
+}
+
+}  // namespace catalogue

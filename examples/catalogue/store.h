@@ -1,0 +1,96 @@
+// The bucket files: where the records are kept.
+#ifndef CATALOGUE_STORE_H
+#define CATALOGUE_STORE_H
+
+#include "records.h"
+
+#include <cstdint>
+#include <string_view>
+#include <type_traits>
+
+namespace catalogue
+{
+
+constexpr uint32_t kBuckets = 32;
+constexpr uint32_t kNoteRoom = 64;  // bytes
+
+// Where a record's slot is, by the hash of its key.
+struct IndexEntry {
+    uint64_t hash;
+    uint32_t offset;    // bytes into the file; 0 in an unused entry
+    uint32_t capacity;  // bytes of the slot after its header
+};
+
+struct Bucket {
+    int16_t file;  // handle of the managed file
+    uint32_t records;
+    uint32_t end;        // offset behind the last slot, as this process last saw it
+    IndexEntry* index;   // in the store's tag; null until scanBucket
+    uint32_t indexSize;  // a power of two
+};
+
+// One process's view of the files. Plain data: the library's fatal errors jump over the frames
+// that hold it, and its memory goes with its tag.
+struct Store {
+    int16_t tag;         // owns index and image
+    char* image;         // room for any one slot
+    uint32_t imageSize;  // bytes
+    Bucket bucket[kBuckets];
+};
+
+static_assert(std::is_trivially_destructible_v<Store>);
+
+// A record as it was read; the texts stand in the store's image until the next call.
+struct StoredRecord {
+    uint32_t bucket;
+    uint32_t offset;
+    uint32_t capacity;
+    uint32_t version;  // 1 as loaded, 1 more with every update
+    std::string_view key;
+    std::string_view body;  // as in the input
+    std::string_view note;  // of the last update; empty before the first
+};
+
+uint32_t bucketOf(const Record& record);
+
+// The path of a bucket's file; good until the next call.
+const char* bucketName(uint32_t bucket);
+
+// All of these call the library: any of them may leave by the fatal target.
+
+// Makes the bucket files, empty. `tag` owns the store's memory, `largest` is the input's.
+void createStore(Store& store, int16_t tag, uint32_t largest);
+
+// Puts a record at the end of its bucket. False after having said why not.
+bool appendRecord(Store& store, const Record& record);
+
+// Writes the heads of the files: from then on they can be opened.
+bool finishStore(Store& store);
+
+void openStore(Store& store, int16_t tag, uint32_t largest);
+
+// Builds the index of a bucket. The caller holds its lock, as for the two that follow.
+bool scanBucket(Store& store, uint32_t number);
+
+// False after having said what is wrong: the record is not there, or not whole.
+bool readRecord(Store& store, const Record& record, StoredRecord& stored);
+
+// Writes the record that readRecord has just read, with one version more and a note of the
+// worker who did it. With `dieHalfway` the process kills itself in the middle of the write.
+bool updateRecord(Store& store, const StoredRecord& stored, uint32_t worker, bool dieHalfway);
+
+// The note that the update to `version` leaves, up to the worker's number at its end. Returns the
+// length.
+uint32_t noteText(char (&text)[kNoteRoom], uint32_t version);
+
+// Flips one byte in the body of a record: a test of the verification.
+void damageRecord(Store& store, const StoredRecord& stored);
+
+// Bytes of all bucket files.
+uint64_t storeBytes(const Store& store);
+
+void closeStore(Store& store);
+
+}  // namespace catalogue
+
+#endif
