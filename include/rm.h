@@ -688,6 +688,9 @@ RM_API int16_t rm_syncStart(int16_t handle);
 
 /**
  * Signals an event that is reset, and so lets its waiters pass; any other state is left as it is.
+ * Looking and signalling are two steps: when two processes signal one event at the same moment, the
+ * one that comes second fails with EAGAIN, which is fatal. Several signallers need a lock around
+ * it.
  *
  * @param handle sync handle
  * @return 0
@@ -1346,7 +1349,7 @@ RM_API int16_t rm_fileRename(const char* oldPath, const char* newPath);
 RM_API char* rm_fileTempName(const char* path);
 
 /**
- * Tells how busy the file table of this process is.
+ * Tells how busy the file table of this process is. A child begins with its parent's counts.
  *
  * @param[out] open handles with a descriptor now; may be null
  * @param[out] parked handles without one now; may be null
@@ -1397,7 +1400,7 @@ RM_API char* rm_getLocalEnv(const char* name);
 /**
  * Looks a name up in the local environment, then in that of the process.
  *
- * @param name the name; for the environment of the process its case counts
+ * @param name the name; for the environment of the process its case counts; null finds nothing
  * @return the value; null when neither has one
  * @fatal never
  * @memory as rm_getLocalEnv() or rm_OSgetenv(): do not free it

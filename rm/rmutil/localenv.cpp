@@ -102,6 +102,9 @@ char* rm_getLocalEnv(const char* name)
 
 char* rm_getenv(const char* name)
 {
+    if (name == nullptr) {
+        return nullptr;
+    }
     char* value = rm_getLocalEnv(name);
     return value != nullptr ? value : rm_OSgetenv(name);
 }
