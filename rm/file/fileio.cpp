@@ -15,7 +15,8 @@
 // A seek that fails on a file with offsets fails the transfer: bytes at another place than asked
 // for are worse than none. Devices without offsets are read and written where they are.
 //
-// Owns: nothing but `fileOps`. Locks: fileSem, then seekSem, never together.
+// Owns: nothing but `fileOps`. Locks: fileSem is left before seekSem is entered; a failure that is
+// logged inside seekSem enters fileSem for its line in the log file.
 //
 // Fatal: time-outs of the locks; failed transfers in fatal mode; growth; a bad rm_filePrintf.
 #include "rm/file/file.h"

@@ -5,7 +5,8 @@
 // same process does not wait for itself, and what is held is given back when the frames that held
 // it are abandoned.
 //
-//   order       fileSem, left before a seekSem is entered; growSem inside a seekSem
+//   order       an operation leaves fileSem before it enters a seekSem; growSem is taken inside
+//               either of them. A log line written inside a seekSem enters fileSem for itself.
 //   time-outs   fileSem and seekSem 14 s, then fatal; growSem waits without limit
 //   dead holder a process that was killed inside fileSem leaves it held. Its peers time out and end
 //               fatally. On that way fileSem is not waited for a second time: the table is this
@@ -21,7 +22,7 @@ namespace
 {
 int32_t fileSemDepth = 0;   // entries of this process, nested ones included
 bool fileSemHeld = false;   // the outermost of them has taken the semaphore
-bool fileSemStuck = false;  // the last attempt to take it timed out
+bool fileSemStuck = false;  // the last attempt to take it timed out, or to give it back failed
 int32_t growSemDepth = 0;
 
 // A holder that never leaves is waited for once, and neither by the dying nor by a log line; and
@@ -37,7 +38,7 @@ bool goesOnWithout()
 
 void file::enterFileSem(const char* timeoutMessage)
 {
-    if (fileSemDepth == 0 && !goesOnWithout()) {
+    if (fileSemDepth == 0 && !fileSemHeld && !goesOnWithout()) {
         if (fileSem == RM_NONE) {
             fileSem = rm_syncCreate("fileSem");
         }
@@ -56,8 +57,8 @@ void file::leaveFileSem()
     RM_ASSERT(fileSemDepth > 0);
     --fileSemDepth;
     if (fileSemDepth == 0 && fileSemHeld) {
-        fileSemHeld = false;
         rm_syncExitExcl(fileSem);
+        fileSemHeld = false;  // only now: when leaving is fatal, the way out tries once more
     }
 }
 
@@ -74,11 +75,11 @@ void file::enterGrowSem()
 
 void file::leaveGrowSem()
 {
-    if (growSemDepth > 0) {
-        --growSemDepth;
-    }
-    if (growSemDepth == 0) {
+    if (growSemDepth <= 1) {
         rm_syncExitExcl(growSem);
+    }
+    if (growSemDepth > 0) {
+        --growSemDepth;  // only now, as above
     }
 }
 
@@ -99,17 +100,21 @@ void file::leaveSeekSem(const FileEntry* entry)
 void file::abandonOperations()
 {
     endOperations();
-    // Forgotten first: giving back may fail, and comes here again.
+    // Each lock is forgotten just before it is given back: that may fail, and comes here again for
+    // the other one. A fileSem that could not be given back is stuck for this process too.
     fileSemDepth = 0;
-    const bool giveBackGrowSem = growSemDepth > 0 && os::exists(growSem);
-    growSemDepth = 0;
     if (fileSemHeld) {
         fileSemHeld = false;
         if (os::exists(fileSem)) {
+            fileSemStuck = true;
             rm_syncExitExcl(fileSem);
+            fileSemStuck = false;
         }
     }
-    if (giveBackGrowSem) {
-        rm_syncExitExcl(growSem);
+    if (growSemDepth > 0) {
+        growSemDepth = 0;
+        if (os::exists(growSem)) {
+            rm_syncExitExcl(growSem);
+        }
     }
 }

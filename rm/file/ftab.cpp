@@ -18,7 +18,11 @@
 // Lifecycle: from the first open until the last handle is closed. A stale tag is what a build that
 // did not return has left; the next one releases it.
 //
-// Locks: fileSem around every change. Fatal: its time-out; no memory; an open in fatal mode.
+// A log line can be written at several points of this file, and the log is a file of this table: so
+// an entry may be reopened, and others parked, below a call that logs. fileSem is counted for that.
+//
+// Locks: fileSem around every change; growSem inside it, by an open that grows. Fatal: its
+// time-out; no memory; an open in fatal mode.
 #include "rm/file/file.h"
 #include "rm/rmsrv/rmsrv.h"
 #include "rm/unix/unix.h"
@@ -26,11 +30,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-
-int16_t rm_fileSetWriteThrough()
-{
-    return RM_SUCCESS;  // chosen by each handle's mode flags
-}
 
 namespace file
 {
@@ -124,6 +123,13 @@ int16_t closeDescriptor(FileEntry* entry)
 
 void freeSlot(FileEntry* entry)
 {
+    // A later file may get this handle, and must not get the log's lines with it.
+    if (entry == usedEntry(sysfile)) {
+        rmsrv::forgetLogFile();
+    }
+    if (entry->fd != -1) {
+        closeDescriptor(entry);
+    }
     entry->state = kSlotFree;
     entry->busyCount = 0;
     rm_zFreeMemory(&entry->name, fileTag);
@@ -154,7 +160,10 @@ int16_t park(FileEntry* entry)
     if ((entry->modeFlags & FILE_STREAM) != 0 && entry->stream != nullptr) {
         // Deliberate: a stream goes on at its end, not where it stood. What others have appended
         // to a log in the meantime is not written over.
-        rm_flSeek(entry->fd, 0, SEEK_END, &entry->position);
+        uint32_t end = 0;
+        if (rm_flSeek(entry->fd, 0, SEEK_END, &end) == RM_SUCCESS) {
+            entry->position = end;
+        }
     }
     const int16_t result = closeDescriptor(entry);
     --nFilesOpen;
@@ -212,8 +221,11 @@ FileHandle file::assignHandle(const char* name, uint32_t openFlags, uint16_t mod
 
 int16_t file::reopenFile(FileEntry* entry)
 {
+    // A descriptor in a slot that is not open: this is the log file, and growing it while it is
+    // reopened has written a line into it. The outer reopening goes on with the descriptor made
+    // here.
     if (entry->fd != -1) {
-        closeDescriptor(entry);  // a log line about the log file, while that is being reopened
+        closeDescriptor(entry);
     }
     const int16_t error =
         rm_flOpen(entry->name, entry->openFlags, entry->modeFlags, kPermissions, &entry->fd);
@@ -351,7 +363,6 @@ void rm_fileClose(int16_t handle)
         return;
     }
     if (entry->state == kSlotOpen) {
-        closeDescriptor(entry);
         --nFilesOpen;
     }
     const SyncHandle seekSem = entry->seekSem;
@@ -367,6 +378,11 @@ void rm_fileHandleLimit(int16_t limit)
     if (limit >= kSmallestLimit && limit < kLimitBound && limit > fileHandleLimit) {
         fileHandleLimit = limit;
     }
+}
+
+int16_t rm_fileSetWriteThrough()
+{
+    return RM_SUCCESS;  // chosen by each handle's mode flags
 }
 
 void rm_fileCounts(uint32_t* open, uint32_t* parked, uint32_t* parkings, uint32_t* reopens)
@@ -401,7 +417,7 @@ void file::forgetTable()
         }
     }
     if (ftab != nullptr) {
-        sysfile = RM_NONE;
+        rmsrv::forgetLogFile();
     }
     ftab = nullptr;
     ftabSize = 0;

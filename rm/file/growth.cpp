@@ -5,10 +5,12 @@
 // space falls below what must be left, the server turns read-only instead of failing later in the
 // middle of an update.
 //
-// Locks: growSem around the extension, for all processes of the server; inside a seekSem.
+// Locks: growSem around the extension, for all processes of the server; inside a seekSem for a
+// write, inside fileSem for an open.
 //
 // Fatal: a file that cannot be extended, whatever mode it was opened in.
 #include "rm/file/file.h"
+#include "rm/rmsrv/rmsrv.h"
 
 #include <cmath>
 #include <limits>
@@ -54,7 +56,8 @@ bool exceedsMinimum(const FileEntry* entry, double* space)
 
 void file::growFile(FileEntry* entry, uint32_t newSize)
 {
-    if (rmDiskFull != 0) {
+    // The dying grow nothing: a holder of growSem that was killed would keep them for ever.
+    if (rmDiskFull != 0 || rmsrv::inFatalPath()) {
         return;
     }
     if (growSem == RM_NONE) {

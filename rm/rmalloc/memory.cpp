@@ -65,7 +65,9 @@ void* resizeByMoving(Tag tag, BlockHeader* header, uint32_t newSize)
     Segment* previousSegment = nullptr;
     BlockHeader* holder = nullptr;
     freeBlock(tag, header, &segment, &previousSegment, &holder);
-    adjustNumbers(&tagTable[tag], oldUnits, segment, previousSegment);
+    if (segment != nullptr) {
+        adjustNumbers(&tagTable[tag], oldUnits, segment, previousSegment);
+    }
     return block;
 }
 }  // namespace

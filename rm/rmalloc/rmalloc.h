@@ -115,8 +115,8 @@ void allocSeg(TagRecord* record, uint32_t need, Segment** where);
 BlockHeader* freeBlock(Tag tag, BlockHeader* header, Segment** segment, Segment** previousSegment,
                        BlockHeader** holder);
 
-// True when the free block, or anchor, links to a free block above it inside the segment. False at
-// the end of the chain, and in a damaged one: nothing is ever read through such a link.
+// True when the free block, or anchor, links to a block above it that lies inside the segment.
+// False at the end of the chain, and in a damaged one: nothing is ever read through such a link.
 bool isChainLink(const Segment* segment, const BlockHeader* block);
 
 // Links `first` to `second`, or lets it absorb `second` when it ends where that begins.

@@ -67,7 +67,12 @@ uint32_t linkTo(const Segment* segment, const BlockHeader* block)
 
 bool rmalloc::isChainLink(const Segment* segment, const BlockHeader* block)
 {
-    return block->word1 > offsetOf(segment, block) && block->word1 <= segment->units;
+    const uint32_t next = block->word1;
+    if (next <= offsetOf(segment, block) || next > segment->units) {
+        return false;
+    }
+    const uint32_t units = (&segment->anchor + next)->units;
+    return units > 0 && units <= segment->units - next + 1;
 }
 
 void* rmalloc::allocBlock(uint32_t size, Tag tag)

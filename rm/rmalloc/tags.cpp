@@ -243,6 +243,7 @@ void rm_freeall()
         freeSegments(&tagTable[tag]);
         tagTable[tag].state = kTagFree;
     }
+    rmsrv::forgetLogFile();  // whoever set it: there is no file table any more
     nTags = 0;
     lowestFree = 1;
     memused -= tableBytes(tagTabSize);

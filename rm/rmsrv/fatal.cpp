@@ -12,7 +12,8 @@
 //
 // Lifecycle: targets are registered for good; a later registration replaces the buffer.
 //
-// Locks: none is taken. Those that the abandoned frames held are given back by unwindTo.
+// Locks: only those of the log file's lines and of its closing. What the abandoned frames held is
+// given back by unwindTo.
 #include "rm/file/file.h"
 #include "rm/rmsrv/rmsrv.h"
 

@@ -10,12 +10,17 @@
 
 int16_t sysfile = RM_NONE;
 
+void rmsrv::forgetLogFile()
+{
+    sysfile = RM_NONE;
+    trustLogFile();
+}
+
 void rm_systemLogClose()
 {
     if (sysfile != RM_NONE) {
         rm_fileClose(sysfile);
     }
-    sysfile = RM_NONE;
+    rmsrv::forgetLogFile();
     syslogon = 0;
-    rmsrv::trustLogFile();
 }

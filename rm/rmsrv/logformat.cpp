@@ -19,6 +19,9 @@ constexpr std::string_view kFlags = "-+ #0'I";
 constexpr std::string_view kKeptFlags = "-+ #0";
 constexpr std::string_view kLengths = "hlqLjzZt";
 constexpr int kNoPrecision = -1;
+constexpr int kLargestNumber = 100000000;  // of a width or precision; times ten it still fits
+constexpr int kLongestPlain = 128;         // bytes that a zero, or an error's text, takes at most
+constexpr std::string_view kPrecisionIsLength = "diouxXeEfFaA";  // zeros up to the precision
 constexpr int kNullTextLength = 6;  // "(null)" is printed whole or not at all
 
 struct Conversion {
@@ -39,9 +42,8 @@ bool contains(std::string_view set, char c)
     return c != '\0' && set.find(c) != std::string_view::npos;
 }
 
-// Reads a width or precision; "*" and "*n$" take a zero. Values above `bound` change nothing in a
-// buffer of that size and would only cost time.
-const char* readNumber(const char* at, int bound, int* value)
+// Reads a width or precision; "*" and "*n$" take a zero.
+const char* readNumber(const char* at, int* value)
 {
     *value = 0;
     if (*at == '*') {
@@ -53,13 +55,13 @@ const char* readNumber(const char* at, int bound, int* value)
         return *position == '$' ? position + 1 : at;
     }
     for (; *at >= '0' && *at <= '9'; ++at) {
-        *value = std::min(*value * 10 + (*at - '0'), bound);
+        *value = std::min(*value * 10 + (*at - '0'), kLargestNumber);
     }
     return at;
 }
 
 // `at` is the byte after the percent sign.
-Conversion parse(const char* at, int bound)
+Conversion parse(const char* at)
 {
     Conversion result = {};
     const char* position = at;
@@ -75,10 +77,10 @@ Conversion parse(const char* at, int bound)
             result.flags[flags++] = *at;
         }
     }
-    at = readNumber(at, bound, &result.width);
+    at = readNumber(at, &result.width);
     result.precision = kNoPrecision;
     if (*at == '.') {
-        at = readNumber(at + 1, bound, &result.precision);
+        at = readNumber(at + 1, &result.precision);
     }
     while (contains(kLengths, *at)) {
         ++at;
@@ -86,6 +88,22 @@ Conversion parse(const char* at, int bound)
     result.type = *at;
     result.end = *at == '\0' ? at : at + 1;
     return result;
+}
+
+// Brings a width and a precision down to what shows in a buffer of less than `room` bytes, so that
+// nobody waits for a million blanks. The blanks before a long row of zeros stay as many.
+void shorten(Conversion* conversion, int room)
+{
+    const bool isLength = contains(kPrecisionIsLength, conversion->type) ||
+                          std::strchr(conversion->flags, '#') != nullptr;
+    const int excess = conversion->precision - room;
+    if (excess > 0) {
+        conversion->precision = room;
+        if (isLength) {
+            conversion->width = std::max(conversion->width - excess, 0);
+        }
+    }
+    conversion->width = std::min(conversion->width, 2 * room + kLongestPlain);
 }
 
 void advance(Output* out, int printed)
@@ -170,7 +188,7 @@ std::size_t rmsrv::expandOverZeros(char* out, std::size_t size, const char* text
     }
     const char* errorText = std::strerror(errno);
     Output output = {out, size};
-    const int bound = static_cast<int>(std::min<std::size_t>(size, kLogMessageSize));
+    const int room = static_cast<int>(std::min<std::size_t>(size, kLargestNumber)) + kLongestPlain;
     while (*text != '\0' && output.room > 1) {
         const char* percent = std::strchr(text, '%');
         if (percent == nullptr) {
@@ -179,7 +197,8 @@ std::size_t rmsrv::expandOverZeros(char* out, std::size_t size, const char* text
         copyText(&output, text, percent);
         text = percent;
         if (*text == '%') {
-            const Conversion conversion = parse(text + 1, bound);
+            Conversion conversion = parse(text + 1);
+            shorten(&conversion, room);
             if (!printConversion(&output, conversion, errorText)) {
                 copyText(&output, text, conversion.end);
             }

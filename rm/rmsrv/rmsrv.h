@@ -57,6 +57,11 @@ void abandonLogLine();
 // The log file is closed: the next one is tried again.
 void trustLogFile();
 
+// --- logfile.cpp
+
+// The handle of the log file is none any more.
+void forgetLogFile();
+
 // --- logformat.cpp
 
 // Expands `text` as a format for which no arguments exist: every conversion prints the zero of its

@@ -46,7 +46,7 @@ void formatStamp(char (&stamp)[kStampSize])
 
 void rmsrv::abandonLogLine()
 {
-    logFileFailed = logFileFailed || writingLogFile != 0;
+    logFileFailed = logFileFailed || (writingLogFile != 0 && sysfile != RM_NONE);
     writingLogFile = 0;
 }
 

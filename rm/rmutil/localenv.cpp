@@ -53,7 +53,12 @@ void append(char* entry)
         rmsrv::outOfMemory();  // slots are counted in 16 bits
     }
     const auto bytes = static_cast<uint32_t>((NumLocalEnv + std::size_t{1}) * sizeof(char*));
-    LocalEnv = static_cast<char**>(rm_extendMemory(LocalEnv, bytes, 0));
+    auto** longer = static_cast<char**>(rm_extendMemory(LocalEnv, bytes, 0));
+    if (longer == nullptr) {
+        rm_freeMemory(entry, 0);  // the array's header is damaged; the log has its warning
+        return;
+    }
+    LocalEnv = longer;
     LocalEnv[NumLocalEnv] = entry;
     ++NumLocalEnv;
 }

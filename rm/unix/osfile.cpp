@@ -31,6 +31,8 @@ using namespace os;
 
 namespace
 {
+static_assert(sizeof(off_t) == sizeof(int64_t), "files reach beyond 2 GiB: _FILE_OFFSET_BITS=64");
+
 constexpr int kReadAttempts = 6;
 constexpr double kFreeBlockBytes = 512.0;
 constexpr int kSpaceAttempts = 1000;  // interrupted ones; a bound, so that no caller can hang

@@ -68,7 +68,7 @@ void rm_exitCritSec(int16_t /*section*/) {}
 
 uint32_t rm_sleep(uint32_t milliseconds)
 {
-    // Unsigned: the last 999 values wrap around to no sleep at all, as everywhere else.
+    // Unsigned: the last 999 values wrap around to no sleep at all.
     return sleep((milliseconds + (kMsPerSecond - 1)) / kMsPerSecond);
 }
 

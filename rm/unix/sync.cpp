@@ -71,10 +71,14 @@ Check checkHandle(SyncHandle handle, const char* function, int error)
     return named ? Check::kProceed : Check::kNothingToDo;
 }
 
+sembuf stepOf(SyncHandle handle, int op, int flags)
+{
+    return {static_cast<unsigned short>(handle), static_cast<short>(op), static_cast<short>(flags)};
+}
+
 int operate(SyncHandle handle, int op, int flags)
 {
-    sembuf operation = {static_cast<unsigned short>(handle), static_cast<short>(op),
-                        static_cast<short>(flags)};
+    sembuf operation = stepOf(handle, op, flags);
     return semop(iSem, &operation, 1);
 }
 
@@ -127,12 +131,21 @@ void dropToken()
 
 void makeSet()
 {
-    closeToken();  // of an attempt that failed further down
-    tokenPath(semTokenPath, kTokenFile);
+    // An attempt that failed further down has left its stream open. Its file stays when it is the
+    // same one, since other processes may be meeting by it.
+    char path[kTokenPathSize];
+    tokenPath(path, kTokenFile);
+    if (std::strcmp(path, semTokenPath) == 0) {
+        closeToken();
+    } else {
+        dropToken();
+    }
+    std::memcpy(semTokenPath, path, sizeof(path));
     gfpRMSemTokenFile = openToken(semTokenPath);
     if (gfpRMSemTokenFile == nullptr) {
         internalErrorExit("rm_syncCreate", "fopen() failure", errno);
     }
+    // Deliberate: the key is not tested. Without one, -1 is a key like any other.
     iSem = semget(ftok(semTokenPath, kProject), kSyncSlots, kCreateForEverybody);
     if (iSem == -1) {
         internalErrorExit("rm_syncCreate", "semget() failure", errno);
@@ -184,8 +197,9 @@ Wait beginWait(int32_t seconds)
 {
     Wait wait = {seconds, {}, {seconds, 0}};
     if (seconds > 0) {
-        signal(SIGALRM, catchAlarm);
-        alarm(static_cast<unsigned>(seconds));
+        if (signal(SIGALRM, catchAlarm) != SIG_ERR) {
+            alarm(static_cast<unsigned>(seconds));  // without a handler it would end the process
+        }
         wait.start = now();
     }
     return wait;
@@ -197,7 +211,7 @@ int attempt(Wait* wait, SyncHandle handle, int op)
     if (wait->seconds == 0) {
         return operate(handle, op, 0) == -1 ? errno : 0;
     }
-    sembuf operation = {static_cast<unsigned short>(handle), static_cast<short>(op), 0};
+    sembuf operation = stepOf(handle, op, 0);
     if (semtimedop(iSem, &operation, 1, &wait->left) != -1) {
         return 0;
     }
@@ -216,8 +230,9 @@ int16_t rm_syncCreate(const char* name)
     if (name == nullptr || *name == '\0') {
         return RM_NULL_SYNC;
     }
-    if (nSems == 0) {
+    if (nSems <= 0) {
         rmSem.fill(nullptr);
+        nSems = 0;  // below 0 after the deletion of an object whose creation had failed
     }
     SyncHandle slot = 0;
     while (slot < kSyncSlots && rmSem[static_cast<std::size_t>(slot)] != nullptr) {
@@ -262,9 +277,10 @@ int16_t rm_syncDelete(int16_t handle)
         *slot = nullptr;
         --nSems;
     }
-    // An object whose creation failed was named and has no semaphore.
-    const bool hasSemaphore = iSem != -1 || !used;
-    for (int value = hasSemaphore ? valueOf(handle, "rm_syncDelete") : 0; value != 0;) {
+    // An object whose creation failed was named and has no semaphore: the system is not asked. It
+    // is for a slot that is not used, also without a set, and then that is what fails.
+    const bool askTheSystem = iSem != -1 || !used;
+    for (int value = askTheSystem ? valueOf(handle, "rm_syncDelete") : 0; value != 0;) {
         const int op = value > 0 ? -1 : 1;
         operateOrDie(handle, op, IPC_NOWAIT, "rm_syncDelete");
         value += op;
@@ -356,14 +372,14 @@ int16_t rm_syncResume(int16_t handle)
 
 int16_t rm_syncTerminate()
 {
+    fileSem = RM_NONE;  // first: a deletion that fails does not come back
+    growSem = RM_NONE;
     for (SyncHandle slot = 0; slot < kSyncSlots; ++slot) {
         if (rmSem[static_cast<std::size_t>(slot)] != nullptr) {
             rm_syncDelete(slot);
         }
     }
     nSems = 0;
-    fileSem = RM_NONE;
-    growSem = RM_NONE;
     if (iSem == -1) {
         return RM_SUCCESS;
     }

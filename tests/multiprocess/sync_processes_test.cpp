@@ -18,7 +18,6 @@
 #include <ostream>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include <sched.h>
 #include <signal.h>
@@ -44,7 +43,6 @@ using rmtest::semValue;
 using rmtest::semWaiters;
 using rmtest::semZeroWaiters;
 using rmtest::waitFor;
-using ::testing::IsEmpty;
 
 using Channel = Peer::Channel;
 using Clock = std::chrono::steady_clock;
@@ -310,14 +308,14 @@ TEST_F(SyncLockProcesses, LocksDoNotHinderEachOther)
 // The workers count without any other protection, each step being a read, a pause and a write.
 TEST_F(SyncLockProcesses, ObjectsMadeBeforeTheForkExclude)
 {
-    constexpr int kWorkers = 4;
+    constexpr std::size_t kWorkers = 4;
     constexpr int kRounds = 2000;
     const SyncHandle lock = rm_syncCreate("lock");
     volatile int* count = sharedZero<int>();
     ASSERT_NE(count, nullptr);
-    std::vector<std::unique_ptr<Peer>> workers;
-    for (int n = 0; n < kWorkers; ++n) {
-        workers.push_back(std::make_unique<Peer>([=](Channel& channel) {
+    std::array<std::unique_ptr<Peer>, kWorkers> workers;
+    for (auto& worker : workers) {
+        worker = std::make_unique<Peer>([=](Channel& channel) {
             channel.hear();
             for (int round = 0; round < kRounds; ++round) {
                 EXPECT_EQ(rm_syncEnterExcl(lock, round % 2 == 0 ? RM_WAIT_FOREVER : 20'000U), 0);
@@ -328,7 +326,7 @@ TEST_F(SyncLockProcesses, ObjectsMadeBeforeTheForkExclude)
                 *count = seen + 1;
                 rm_syncExitExcl(lock);
             }
-        }));
+        });
     }
     for (const auto& worker : workers) {
         worker->say("go");
@@ -336,7 +334,7 @@ TEST_F(SyncLockProcesses, ObjectsMadeBeforeTheForkExclude)
     for (const auto& worker : workers) {
         EXPECT_EQ(worker->wait().status, 0);
     }
-    EXPECT_EQ(*count, kWorkers * kRounds);
+    EXPECT_EQ(*count, static_cast<int>(kWorkers) * kRounds);
     EXPECT_EQ(valueOf(lock), 1);
 }
 

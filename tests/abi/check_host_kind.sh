@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# check_host_kind.sh pie|no_pie HOST
+# The host cases prove something about the two kinds of host only while the hosts are of the two
+# kinds, whatever the compiler's defaults are.
+set -euo pipefail
+
+kind=$1 host=$2
+readelf=${READELF:-readelf}
+type=$("$readelf" -hW "$host" | awk '$1 == "Type:" { print $2 }')
+
+case $kind in
+pie)
+    [ "$type" = DYN ] || { echo "$host is of type $type, wanted DYN"; exit 1; }
+    ;;
+no_pie)
+    [ "$type" = EXEC ] || { echo "$host is of type $type, wanted EXEC"; exit 1; }
+    "$readelf" -rW "$host" | grep -E '_COPY .*fileHandleLimit' ||
+        { echo "$host has no copy of fileHandleLimit"; exit 1; }
+    ;;
+*)
+    echo "usage: check_host_kind.sh pie|no_pie HOST" >&2
+    exit 2
+    ;;
+esac

@@ -1,0 +1,12 @@
+/* Functions of the host with names that the library uses inside: two that it keeps to itself and
+   one of its interface. They do nothing useful and count their calls. */
+#ifndef TESTS_ABI_HOST_NAMES_H
+#define TESTS_ABI_HOST_NAMES_H
+
+extern int ownCalls;
+
+int checkTag(int tag, const char* function);
+char* GetLine(void* stream);
+char* StrUpper(char* text);
+
+#endif
