@@ -39,8 +39,12 @@
  * A time-out is given in milliseconds and takes effect in whole seconds, rounded up: 1 to 1000 are
  * one second, 1500 are two. **A time-out of 0 does not mean a single attempt: it waits without
  * limit.** So do ::RM_WAIT_FOREVER and every other value from 0x7FFFFC19 up, since adding 999 to
- * it overflows a signed 32-bit number. A timed wait uses the alarm clock and the SIGALRM handler of
- * the process and restores neither; when a signal ends rm_syncWait(), the alarm is still to come.
+ * it overflows a signed 32-bit number.
+ *
+ * A timed wait uses the alarm clock and the SIGALRM handler of the process and restores neither;
+ * when a signal ends rm_syncWait(), the alarm is still to come. **Every lock that is entered, timed
+ * or not, ends with alarm(0)**, those of the managed files included: an alarm of the host does not
+ * survive them.
  *
  * @section rm_fatal Fatal errors
  *
@@ -108,7 +112,8 @@
  *
  * - OK: locks of the host, then #fileSem, then #growSem.
  * - OK: locks of the host, then a file's own lock, then #growSem.
- * - ERROR: #fileSem inside a file's own lock. The library leaves it first.
+ * - The library leaves #fileSem before it enters a file's own lock. Only a line for the log file
+ *   that is written inside one enters #fileSem for itself.
  * - ERROR: a call on a managed file while the host has entered #fileSem or #growSem itself. Hosts
  *   create those two and never enter them.
  *
@@ -292,7 +297,9 @@ extern RM_API int16_t syslogon;
 /**
  * Managed file that receives a copy of each line at level 2 or more; -1, initially, for none.
  * It must have been opened with ::FILE_STREAM. Whoever sets it hands the file over: it is closed,
- * and this reset to -1, by rm_systemLogClose(), rm_exit(), rm_freeall() and a failed growth.
+ * and this reset to -1, by rm_systemLogClose(), rm_exit(), rm_freeall() and a failed growth; also
+ * when its handle is given up in another way. After a fatal error out of writing a line into it the
+ * file is left alone until rm_systemLogClose().
  */
 extern RM_API int16_t sysfile;
 
@@ -974,7 +981,8 @@ RM_API int16_t rm_flSize(int32_t fd, uint32_t* size);
  *
  * @param fd the descriptor, open for writing
  * @param size bytes
- * @return 0; -1 when a write fell short, which leaves what was written
+ * @return 0; -1 when a write fell short, which leaves what was written, or when the descriptor has
+ *         no offsets
  * @fatal never
  */
 RM_API int16_t rm_flSetSize(int32_t fd, uint32_t size);

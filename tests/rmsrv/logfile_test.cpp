@@ -146,11 +146,12 @@ TEST_F(LogFileClose, LogsNothingItself)
 TEST_F(LogFileClose, OfAHandleThatHasGoneSaysSo)
 {
     openLog();
-    const std::string handle = std::to_string(sysfile);
-    rm_fileClose(sysfile);
+    const int16_t handle = sysfile;
+    rm_fileClose(handle);
     rm_systemLog(1);
+    sysfile = handle;  // a host that sets it to what it had kept
     EXPECT_THAT(rmtest::logLines(captureStderr([] { rm_systemLogClose(); })),
-                ElementsAre("rm_fileClose: invalid handle " + handle));
+                ElementsAre("rm_fileClose: invalid handle " + std::to_string(handle)));
     EXPECT_EQ(sysfile, RM_NONE);
     EXPECT_EQ(syslogon, 0);
 }

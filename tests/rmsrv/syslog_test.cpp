@@ -816,6 +816,7 @@ TEST_F(LogFileFails, ADefectHandleIsReportedOnceForEachLine)
     const int16_t other = rm_fileOpen("other", RM_O_RDWR | RM_O_CREAT, 0, 0, 0);
     const int16_t handle = sysfile;
     rm_fileClose(handle);
+    sysfile = handle;
     const std::string report = "rm_filePrintf: invalid handle " + std::to_string(handle);
     EXPECT_THAT(written([] {
                     rm_systemLogWrite("one");
@@ -829,7 +830,9 @@ TEST_F(LogFileFails, ADefectHandleIsReportedOnceForEachLine)
 TEST_F(LogFileFails, ADefectHandleWithoutATableIsFatalOnce)
 {
     openLog();
-    rm_fileClose(sysfile);
+    const int16_t handle = sysfile;
+    rm_fileClose(handle);
+    sysfile = handle;
     const Outcome outcome = outcomeOf([] { rm_systemLogWrite("one"); });
     EXPECT_EQ(outcome.jumped, 1);
     ASSERT_GE(outcome.lines.size(), 2U);
