@@ -304,6 +304,26 @@ TEST_F(FileFaultMemory, EveryAllocationOfTheFirstOpenFailsWithALogFileOpen)
         });
 }
 
+TEST_F(FileFaultMemory, ATableThatCouldNotBeBuiltLeavesNoTagBehind)
+{
+    rm_freeMemory(rm_getMemory(8, 0), 0);
+    const auto tagsInUse = [] {
+        return std::count_if(rmalloc::tagTable, rmalloc::tagTable + rmalloc::nTags,
+                             [](const rmalloc::TagRecord& tag) {
+                                 return tag.state != rmalloc::kTagFree;
+                             });
+    };
+    const auto before = tagsInUse();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_TRUE(under({.call = Call::kMalloc, .error = ENOMEM}, [] { openNew("f"); }).jumped);
+        EXPECT_EQ(file::ftab, nullptr);
+    }
+    EXPECT_EQ(openNew("f"), 0);
+    EXPECT_EQ(tagsInUse(), before + 1);
+    rm_fileClose(0);
+    EXPECT_EQ(tagsInUse(), before);
+}
+
 TEST_F(FileFaultMemory, WithoutATargetTheProcessEnds)
 {
     const rmtest::ChildResult child = rmtest::runChild([] {

@@ -220,7 +220,7 @@ TEST_F(NoMemory, DoesNotKeepMemoryFromBeingGivenBack)
 TEST_F(NoMemory, EndsAProcessWithoutATargetWithStatusZero)
 {
     const rmtest::ChildResult child = rmtest::runChild([] {
-        ScopedFault fault({.call = Call::kMalloc, .error = ENOMEM, .times = kForever});
+        ScopedFault fault({.call = Call::kMalloc, .error = ENOMEM});
         rm_getMemory(10, 1);
     });
     EXPECT_TRUE(child.exited);

@@ -156,6 +156,49 @@ TEST_F(LogFileClose, OfAHandleThatHasGoneSaysSo)
     EXPECT_EQ(syslogon, 0);
 }
 
+// --- The handle closed by others
+
+TEST_F(LogFileClose, ByItsHandleForgetsItToo)
+{
+    openLog();
+    rm_fileClose(sysfile);
+    EXPECT_EQ(sysfile, RM_NONE);
+    EXPECT_EQ(syslogon, 2);
+}
+
+TEST_F(LogFileClose, ByItsHandleGivesTheNextFileNoLines)
+{
+    openLog();
+    const int16_t handle = sysfile;
+    const int16_t other = rm_fileOpen("other", RM_O_WRONLY | RM_O_CREAT, 0, 0, 0);
+    rm_fileClose(handle);
+    const int16_t next = rm_fileOpen("next", RM_O_WRONLY | RM_O_CREAT, FILE_STREAM, 0, 0);
+    ASSERT_EQ(next, handle);
+    EXPECT_THAT(rmtest::logLines(captureStderr([] { rm_systemLogWrite("a line"); })),
+                ElementsAre("a line"));
+    EXPECT_EQ(rmtest::readFile("next"), "");
+    rm_fileClose(next);
+    rm_fileClose(other);
+}
+
+TEST_F(LogFileClose, ByTheEndOfAllMemoryForgetsItToo)
+{
+    openLog();
+    rm_freeall();
+    EXPECT_EQ(sysfile, RM_NONE);
+    EXPECT_THAT(rmtest::logLines(captureStderr([] { rm_systemLogWrite("a line"); })),
+                ElementsAre("a line"));
+}
+
+TEST_F(LogFileClose, OfAnotherFileKeepsIt)
+{
+    openLog();
+    const int16_t other = rm_fileOpen("other", RM_O_WRONLY | RM_O_CREAT, 0, 0, 0);
+    rm_fileClose(other);
+    captureStderr([] { rm_systemLogWrite("a line"); });
+    EXPECT_THAT(fileLines(), ElementsAre("a line"));
+}
+
 // --- Failures
 
 TEST_F(LogFileCloseFails, AStreamThatCannotBeClosedIsGivenUp)

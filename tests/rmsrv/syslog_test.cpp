@@ -694,7 +694,10 @@ TEST_F(LogFileFails, TheLinesOfTheFailureGoToStandardErrorOnly)
                                           std::to_string(handle) + ")"));
     EXPECT_EQ(fault.hits(), 1);
     EXPECT_THAT(fileLines(), ElementsAre("before"));
-    sysfile = RM_NONE;  // the handle has gone with the attempt
+    // The handle has gone with the attempt, and is not tried again.
+    EXPECT_EQ(sysfile, RM_NONE);
+    EXPECT_THAT(written([] { rm_systemLogWrite("another"); }), ElementsAre("another"));
+    EXPECT_EQ(fault.hits(), 1);
 }
 
 TEST_F(LogFileFails, TheFatalLinesOfTheFailureGoToStandardErrorOnly)
@@ -1002,6 +1005,23 @@ TEST_F(LogInFatalPath, ALockThatHasGoneIsNotMadeAnew)
     const Outcome outcome = outcomeOf([] { fatalRMExit("a problem"); });
     EXPECT_EQ(callCount(Call::kSemget), 0);
     EXPECT_EQ(fileLines(), outcome.lines);
+}
+
+TEST_F(LogInFatalPath, AParkedLogFileIsNotGrownByTheDying)
+{
+    // growSem is waited for without limit, and its holder is dead.
+    const ChildResult child = runChild([] {
+        growSem = rm_syncCreate("growSem");
+        sysfile = rm_fileOpen(kLogPath, RM_O_WRONLY | RM_O_CREAT | RM_O_TRUNC,
+                              FILE_FATAL | FILE_STREAM, 1000, 0);
+        rm_systemLog(2);
+        parkLog();
+        rmDiskFull = 0;
+        rm_syncEnterExcl(growSem, RM_WAIT_FOREVER);
+        fatalRMExit("a problem");
+    });
+    expectEndAtOnce(child, 0);
+    EXPECT_EQ(fileLines(), logLines(child.err));
 }
 
 TEST_F(LogInFatalPath, ALockWhoseSetWasRemovedEndsAtOnce)
