@@ -24,5 +24,6 @@ endif()
 if(RM_COVERAGE)
     # Workers fork and count into the same files at the same time.
     target_compile_options(rm_flags INTERFACE --coverage -fprofile-update=atomic)
-    target_link_options(rm_flags INTERFACE --coverage)
+    # Children of tests end by _exit or a signal and write their counters out themselves.
+    target_link_options(rm_flags INTERFACE --coverage -Wl,-u,__gcov_dump)
 endif()

@@ -563,7 +563,9 @@ RM_API void rm_setMemoryLimit(uint32_t bytes);
  * Tells how many bytes the process has got from the platform for tagged memory: all segments and
  * the table of tags.
  *
- * @return bytes; 0 before the first allocation and after rm_freeall()
+ * @return bytes; 0 before the first allocation, and after rm_freeall() unless a tag had a segment
+ * size that is no multiple of 8: such a segment counts whole when it is got, and without its last
+ *         bytes when it is given back
  * @fatal never
  */
 RM_API uint32_t rm_memused(void);

@@ -30,7 +30,7 @@ BlockHeader* liveBlock(void* pointer, Tag likely)
         header->units > 0 && header->units <= segment->units - offsetOf(segment, header) + 1) {
         return header;
     }
-    rm_systemLogWrite("WARNING: attempting to free bad pointer, %p", pointer);
+    warnBadPointer(pointer);
     return nullptr;
 }
 
@@ -178,8 +178,14 @@ void* rm_growMemory(void* pointer, uint32_t size, int16_t tag)
     if (pointer == nullptr) {
         return rm_getMemory(size, tag);
     }
-    const BlockHeader* header = liveBlock(pointer, tag);
+    BlockHeader* header = liveBlock(pointer, tag);
     if (header == nullptr) {
+        return nullptr;
+    }
+    Segment* segment = nullptr;
+    findOwner(header, tag, &segment);
+    if (liesInFreeSpace(segment, header)) {
+        warnBadPointer(pointer);
         return nullptr;
     }
     if (header->units >= unitsFor(size)) {

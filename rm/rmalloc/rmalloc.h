@@ -94,10 +94,14 @@ inline uint32_t offsetOf(const Segment* segment, const BlockHeader* block)
     return static_cast<uint32_t>(block - &segment->anchor);
 }
 
+// As a number first: `pointer` may be anything, also one that has no room before it.
 inline BlockHeader* headerOf(void* pointer)
 {
-    return static_cast<BlockHeader*>(pointer) - 1;
+    return reinterpret_cast<BlockHeader*>(reinterpret_cast<uintptr_t>(pointer) - kUnit);
 }
+
+// The line about a pointer that is no live block.
+void warnBadPointer(void* pointer);
 
 // A block for `size` bytes; the caller has checked the tag. Fatal when there is no memory.
 void* allocBlock(uint32_t size, Tag tag);
@@ -125,8 +129,11 @@ void checkMerge(Segment* segment, BlockHeader* first, BlockHeader* second);
 // Accounts for `units` given back; returns the segment to the platform when it holds no block.
 void adjustNumbers(TagRecord* record, uint32_t units, Segment* segment, Segment* previousSegment);
 
+// True when what looks like a block's header lies inside a free block, or reaches into one.
+bool liesInFreeSpace(Segment* segment, BlockHeader* header);
+
 // Units that the block would span together with its free neighbours, nothing changed.
-// 0 when the chain around it is damaged.
+// 0 when the chain around it is damaged, or the block cannot be there.
 uint32_t spanWithNeighbours(Segment* segment, BlockHeader* header);
 
 // Rebuilds the block that freeBlock has just put into `holder` at the low end of it.

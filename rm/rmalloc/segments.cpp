@@ -58,6 +58,14 @@ Place findPlace(Segment* segment, const BlockHeader* header)
     return place;
 }
 
+// False when the header lies inside a free block, or its block reaches into one: an old header,
+// left in memory that has gone back and come again, or one that was written over.
+bool isBetween(const Place& place, BlockHeader* header)
+{
+    return endOf(place.previous) <= header &&
+           (place.next == nullptr || endOf(header) <= place.next);
+}
+
 // Words of the header: the chain ends with 0.
 uint32_t linkTo(const Segment* segment, const BlockHeader* block)
 {
@@ -73,6 +81,11 @@ bool rmalloc::isChainLink(const Segment* segment, const BlockHeader* block)
     }
     const uint32_t units = (&segment->anchor + next)->units;
     return units > 0 && units <= segment->units - next + 1;
+}
+
+void rmalloc::warnBadPointer(void* pointer)
+{
+    rm_systemLogWrite("WARNING: attempting to free bad pointer, %p", pointer);
 }
 
 void* rmalloc::allocBlock(uint32_t size, Tag tag)
@@ -154,6 +167,11 @@ BlockHeader* rmalloc::freeBlock(Tag tag, BlockHeader* header, Segment** segment,
         *segment = nullptr;
         return nullptr;
     }
+    if (!isBetween(place, header)) {
+        warnBadPointer(header + 1);
+        *segment = nullptr;
+        return nullptr;
+    }
     checkMerge(*segment, header, place.next);
     checkMerge(*segment, place.previous, header);
     const bool absorbed = place.previous->word1 != offsetOf(*segment, header);
@@ -188,10 +206,16 @@ void rmalloc::adjustNumbers(TagRecord* record, uint32_t units, Segment* segment,
     rm_freeSeg(segment);
 }
 
+bool rmalloc::liesInFreeSpace(Segment* segment, BlockHeader* header)
+{
+    const Place place = findPlace(segment, header);
+    return place.previous != nullptr && !isBetween(place, header);
+}
+
 uint32_t rmalloc::spanWithNeighbours(Segment* segment, BlockHeader* header)
 {
     const Place place = findPlace(segment, header);
-    if (place.previous == nullptr) {
+    if (place.previous == nullptr || !isBetween(place, header)) {
         return 0;
     }
     uint32_t units = header->units;

@@ -9,7 +9,7 @@
 //
 // Owns: the table of names, the set and its token file, the alarm flag.
 //
-// Invariant: `nSems` counts the named slots; the token stream is open while the set exists.
+// Invariant: `nSems` counts the named slots; with any of them in use the set and its token exist.
 // checkSync() tests it.
 //
 // Lifecycle: the set is made with the first object and goes with the last one. Processes that make
@@ -412,7 +412,7 @@ uint32_t os::checkSync()
         ++violations;
         rm_systemLogWrite("WARNING: sync objects: %d named, %d counted", used, nSems);
     }
-    if ((iSem != -1) != (gfpRMSemTokenFile != nullptr)) {
+    if (nSems > 0 && (iSem == -1 || gfpRMSemTokenFile == nullptr)) {
         ++violations;
         rm_systemLogWrite("WARNING: sync objects: set %d, token stream %p", iSem,
                           static_cast<void*>(gfpRMSemTokenFile));

@@ -308,10 +308,9 @@ TEST_F(FileFaultMemory, ATableThatCouldNotBeBuiltLeavesNoTagBehind)
 {
     rm_freeMemory(rm_getMemory(8, 0), 0);
     const auto tagsInUse = [] {
-        return std::count_if(rmalloc::tagTable, rmalloc::tagTable + rmalloc::nTags,
-                             [](const rmalloc::TagRecord& tag) {
-                                 return tag.state != rmalloc::kTagFree;
-                             });
+        return std::count_if(
+            rmalloc::tagTable, rmalloc::tagTable + rmalloc::nTags,
+            [](const rmalloc::TagRecord& tag) { return tag.state != rmalloc::kTagFree; });
     };
     const auto before = tagsInUse();
     for (int i = 0; i < 5; ++i) {
@@ -322,6 +321,16 @@ TEST_F(FileFaultMemory, ATableThatCouldNotBeBuiltLeavesNoTagBehind)
     EXPECT_EQ(tagsInUse(), before + 1);
     rm_fileClose(0);
     EXPECT_EQ(tagsInUse(), before);
+}
+
+TEST_F(FileFaultMemory, ATableThatCouldNotBeBuiltIsForgottenWithAllMemory)
+{
+    rm_freeMemory(rm_getMemory(8, 0), 0);
+    under({.call = Call::kMalloc, .error = ENOMEM}, [] { openNew("f"); });
+    EXPECT_NE(file::fileTag, 0);
+    rm_freeall();
+    EXPECT_EQ(file::fileTag, 0);
+    EXPECT_EQ(openNew("f"), 0);
 }
 
 TEST_F(FileFaultMemory, WithoutATargetTheProcessEnds)

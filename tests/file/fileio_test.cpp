@@ -56,6 +56,17 @@ class FileLarge : public FileTest
 {
 };
 
+// How many operations are inside handle 0 when the last line of its fatal end is written: the host
+// must not find a file that can never be parked again.
+int busyAtTheEndOf(Call failing, const std::function<void()>& run)
+{
+    int busy = -1;
+    ScopedFault fault({.call = failing, .error = EIO});
+    Spy spy(Call::kFprintf, [&](const CallRecord&) { busy = entryOf(0)->busyCount; });
+    EXPECT_TRUE(fatalEnd(run).jumped);
+    return busy;
+}
+
 // --- Seek
 
 TEST_F(FileSeek, MovesTheHandle)
@@ -360,6 +371,12 @@ TEST_F(FileWrite, ToAFileOpenForReadingFails)
                 ElementsAre("rm_fileWrite: errno=9: unable to write, file=f"));
 }
 
+TEST_F(FileWrite, ThatFailsInFatalModeIsOverBeforeTheEnd)
+{
+    openWith("f", kDigits, FILE_FATAL);
+    EXPECT_EQ(busyAtTheEndOf(Call::kWrite, [] { write(0, "abc"); }), 0);
+}
+
 TEST_F(FileWrite, ThatFailsInFatalModeEndsAfterItsLine)
 {
     openNew("f", FILE_FATAL);
@@ -486,6 +503,12 @@ TEST_F(FileSeekWrite, ThatFailsShowsTheCurrentPositionAsItWasGiven)
     EXPECT_THAT(linesOf([] { seekWrite(0, RM_CURRENT_POSITION, "abc"); }),
                 ElementsAre("rm_fileSeekWrite: unable to write f",
                             "    seek address=4294967295, bytes=3, errno=5"));
+}
+
+TEST_F(FileSeekWrite, ThatFailsInFatalModeIsOverBeforeTheEnd)
+{
+    openWith("f", kDigits, FILE_FATAL);
+    EXPECT_EQ(busyAtTheEndOf(Call::kWrite, [] { seekWrite(0, 4, "abc"); }), 0);
 }
 
 TEST_F(FileSeekWrite, ThatFailsInFatalModeEndsAfterItsLines)
@@ -615,6 +638,12 @@ TEST_F(FileRead, OfAFileOpenForWritingFails)
                 ElementsAre("rm_fileRead: errno=9: unable to read, file=f"));
 }
 
+TEST_F(FileRead, ThatFailsInFatalModeIsOverBeforeTheEnd)
+{
+    openWith("f", kDigits, FILE_FATAL);
+    EXPECT_EQ(busyAtTheEndOf(Call::kRead, [] { rm_fileRead(0, operationBuffer, 6); }), 0);
+}
+
 TEST_F(FileRead, ThatFailsInFatalModeEndsAfterItsLine)
 {
     openWith("f", kDigits, FILE_FATAL);
@@ -709,6 +738,12 @@ TEST_F(FileSeekRead, ThatFailsLogsTwoLinesAndReturnsZero)
     EXPECT_EQ(rm_filePosition(0), 4U);
     EXPECT_EQ(file::fileOps, 1);
     EXPECT_EQ(entryOf(0)->busyCount, 0);
+}
+
+TEST_F(FileSeekRead, ThatFailsInFatalModeIsOverBeforeTheEnd)
+{
+    openWith("f", kDigits, FILE_FATAL);
+    EXPECT_EQ(busyAtTheEndOf(Call::kRead, [] { rm_fileSeekRead(0, 4, operationBuffer, 3); }), 0);
 }
 
 TEST_F(FileSeekRead, ThatFailsInFatalModeEndsAfterItsLines)

@@ -377,6 +377,25 @@ TEST_F(FileUnwinding, GivesBackGrowSem)
     EXPECT_EQ(growSemValue(), 1);
 }
 
+TEST_F(FileUnwinding, OutOfTheExitFindsTheLocksRemoved)
+{
+    openMany(1);
+    growSem = rm_syncCreate("growSem");
+    int code = 0;
+    captureStderr([&] {
+        code = rmtest::catchExit([] {
+            file::enterFileSem("held");
+            file::enterGrowSem();
+            rm_exit(5);
+        });
+    });
+    EXPECT_EQ(code, 5);
+    EXPECT_EQ(fileSem, -1);
+    EXPECT_EQ(growSem, -1);
+    EXPECT_EQ(openNew("again"), 0);
+    EXPECT_EQ(fileSemValue(), 1);
+}
+
 TEST_F(FileUnwinding, GivesBackNothingThatIsNotHeld)
 {
     openMany(1);
@@ -488,6 +507,18 @@ TEST_F(FileNesting, ASecondEntryOfTheProcessDoesNotWait)
     EXPECT_EQ(fileSemValue(), 0);
     file::leaveFileSem();
     EXPECT_THAT(locks.steps(), ElementsAre(enters(fileSem), leaves(fileSem)));
+}
+
+TEST_F(FileNesting, ASecondGrowthOfTheProcessDoesNotWait)
+{
+    growSem = rm_syncCreate("growSem");
+    LockWatch locks;
+    file::enterGrowSem();
+    file::enterGrowSem();
+    file::leaveGrowSem();
+    EXPECT_EQ(growSemValue(), 0);
+    file::leaveGrowSem();
+    EXPECT_THAT(locks.steps(), ElementsAre(enters(growSem), leaves(growSem)));
 }
 
 TEST_F(FileNesting, AnOperationInsideTheLockDoesNotWait)
@@ -619,6 +650,27 @@ TEST_F(FileNesting, ALogFileThatTheHostClosesByItsHandleIsNoLogFileAnyMore)
     rm_fileClose(sysfile);
     EXPECT_EQ(sysfile, -1);
     EXPECT_THAT(linesOf([] { rm_systemLogWrite("a line"); }), ElementsAre("a line"));
+}
+
+// Its lines open it while it is being opened.
+TEST_F(FileNesting, ALogFileThatLogsAboutItsOwnReopeningIsOpenOnce)
+{
+    rmDiskFull = 0;
+    sysfile = rm_fileOpen("log", kLogFlags, FILE_STREAM, 600, 0);
+    rm_systemLog(2);
+    rm_fileSeek(sysfile, 0);
+    park(sysfile);
+    std::filesystem::resize_file("log", 0);
+    entryOf(sysfile)->position = 0;
+    rminfree = 1e18;
+    const Lines lines = linesOf([] { EXPECT_EQ(rm_fileLength(sysfile), 600U); });
+    EXPECT_THAT(lines, ElementsAre("extending file log exceeded min threshold by 2147483647 bytes",
+                                   "READ ACCESS ONLY!"));
+    const std::string log = readFile("log");
+    EXPECT_EQ(logLines(log.substr(0, log.find('\0'))), lines);
+    EXPECT_EQ(counts().open, 1U);
+    EXPECT_EQ(file::nHandles, 1);
+    expectSound();
 }
 
 }  // namespace

@@ -303,17 +303,85 @@ TEST_F(FileTable, IsForgottenWithTheLogFileWhenAllMemoryIsReleased)
     EXPECT_EQ(write(0, "works"), 5U);
 }
 
-TEST_F(FileTable, CheckerCountsWhatDoesNotHold)
+TEST_F(FileTable, CleanedUpBeforeThereIsOneStaysAway)
+{
+    file::cleanupFtab();
+    EXPECT_EQ(file::ftab, nullptr);
+    EXPECT_EQ(file::fileTag, 0);
+}
+
+// --- The checker
+
+TEST_F(FileTable, CheckerSaysNothingAboutASoundTable)
+{
+    EXPECT_EQ(file::checkFtab(), 0U);
+    openMany(3);
+    park(1);
+    rm_fileClose(2);
+    EXPECT_THAT(linesOf([] { EXPECT_EQ(file::checkFtab(), 0U); }), IsEmpty());
+}
+
+TEST_F(FileTable, CheckerCountsWrongNumbers)
 {
     openMany(2);
-    ++file::nFilesOpen;
+    for (int16_t* number : {&file::nHandles, &file::nFilesOpen}) {
+        ++*number;
+        linesOf([] { EXPECT_EQ(file::checkFtab(), 1U); });
+        --*number;
+    }
+    file::lruNext = 32;
     EXPECT_THAT(linesOf([] { EXPECT_EQ(file::checkFtab(), 1U); }),
-                ElementsAre("WARNING: file table: 32 slots, 2 handles for 2, 3 open for 2"));
-    --file::nFilesOpen;
-    entryOf(1)->state = file::kSlotParked;
-    EXPECT_THAT(linesOf([] { EXPECT_EQ(file::checkFtab(), 2U); }), ::testing::SizeIs(2));
-    entryOf(1)->state = file::kSlotOpen;
-    EXPECT_EQ(file::checkFtab(), 0U);
+                ElementsAre("WARNING: file table: 32 slots, 2 handles for 2, 2 open for 2"));
+    file::lruNext = 0;
+    file::FileEntry** table = std::exchange(file::ftab, nullptr);
+    const int16_t size = std::exchange(file::ftabSize, int16_t{0});
+    linesOf([] { EXPECT_EQ(file::checkFtab(), 1U); });
+    file::ftab = table;
+    linesOf([] { EXPECT_EQ(file::checkFtab(), 1U); });
+    file::ftabSize = size;
+}
+
+TEST_F(FileTable, CheckerCountsSlotsThatContradictThemselves)
+{
+    openMany(2, FILE_STREAM);
+    park(1);
+    const file::FileEntry open = *entryOf(0);
+    const file::FileEntry parked = *entryOf(1);
+    const file::FileEntry none = *entryOf(2);
+    const auto check = [](int16_t slot, const file::FileEntry& wrong,
+                          const file::FileEntry& right) {
+        *entryOf(slot) = wrong;
+        linesOf([] { EXPECT_GE(file::checkFtab(), 1U); });
+        *entryOf(slot) = right;
+        EXPECT_EQ(file::checkFtab(), 0U);
+    };
+    file::FileEntry wrong = parked;
+    wrong.state = 3;
+    check(1, wrong, parked);
+    wrong = parked;
+    wrong.name = nullptr;
+    check(1, wrong, parked);
+    wrong = parked;
+    wrong.fd = 0;
+    check(1, wrong, parked);
+    wrong = parked;
+    wrong.stream = stdout;
+    check(1, wrong, parked);
+    wrong = open;
+    wrong.fd = -1;
+    check(0, wrong, open);
+    wrong = none;
+    wrong.name = open.name;
+    check(2, wrong, none);
+}
+
+TEST_F(FileTable, CheckerNamesTheSlot)
+{
+    openMany(1);
+    const int32_t fd = std::exchange(entryOf(0)->fd, -1);
+    EXPECT_THAT(linesOf([] { file::checkFtab(); }),
+                ElementsAre("WARNING: file table: slot 0, state 1, descriptor -1, name f0"));
+    entryOf(0)->fd = fd;
 }
 
 // --- Opening

@@ -261,8 +261,13 @@ TEST_F(FileGrowth, ComesBackToAWaitThatASignalHasInterrupted)
 {
     growSem = rm_syncCreate("growSem");
     openStepped(1000);
-    os::alarm_signal = 1;  // an alarm of a wait that is over
-    ScopedFault fault({.call = Call::kSemop, .error = EINTR, .when = isStep(enters(growSem))});
+    // An alarm of a wait that is over, for instance: there is no time-out here.
+    ScopedFault fault(
+        {.call = Call::kSemop, .when = isStep(enters(growSem)), .action = [](const CallRecord&) {
+             os::alarm_signal = 1;
+             errno = EINTR;
+             return int64_t{-1};
+         }});
     EXPECT_EQ(seekWrite(0, 0, "x"), 1U);
     EXPECT_EQ(fault.hits(), 1);
     EXPECT_EQ(growSemValue(), 1);
@@ -411,6 +416,14 @@ TEST_F(DiskWatch, ShowsAShortfallBeyond32BitsAsTheLargest)
 {
     rminfree = 1e18;
     EXPECT_THAT(linesWith(1000),
+                ElementsAre("extending file f exceeded min threshold by 2147483647 bytes",
+                            "READ ACCESS ONLY!"));
+}
+
+TEST_F(DiskWatch, ShowsAShortfallOfOneByteMoreAsTheLargest)
+{
+    rminfree = 2'147'483'648.0;
+    EXPECT_THAT(linesWith(0),
                 ElementsAre("extending file f exceeded min threshold by 2147483647 bytes",
                             "READ ACCESS ONLY!"));
 }
@@ -725,6 +738,24 @@ TEST_F(FailedGrowth, OfALogFileThatIsReopenedByAQuestionEnds)
     EXPECT_LT(end.seconds, 1.0);
     EXPECT_EQ(sysfile, -1);
     expectSound();
+}
+
+// Whoever held growSem may have been killed, and the dying would wait for ever.
+TEST_F(FailedGrowth, IsNotRiskedByTheDying)
+{
+    growSem = rm_syncCreate("growSem");
+    sysfile = rm_fileOpen("log", kLogFlags, FILE_STREAM, 600, 0);
+    rm_systemLog(2);
+    rm_fileSeek(sysfile, 0);
+    park(sysfile);
+    std::filesystem::resize_file("log", 0);
+    entryOf(sysfile)->position = 0;
+    rm_syncEnterExcl(growSem, RM_WAIT_FOREVER);
+    const FatalEnd end = fatalEnd([] { fatalRMExit("a problem"); });
+    EXPECT_LT(end.seconds, 1.0);
+    EXPECT_EQ(end.lines.size(), 2U);
+    EXPECT_EQ(withoutFrame(logLines(readFile("log"))), end.lines);
+    rm_syncExitExcl(growSem);
 }
 
 TEST_F(FailedGrowth, WithoutATargetExitsAndRemovesTheLocks)

@@ -378,6 +378,18 @@ TEST_F(FileParking, OfAnyOtherFileClosesTheDescriptorItself)
     EXPECT_EQ(callCount(Call::kLseek), 0);
 }
 
+TEST_F(FileParking, OfAStreamModeFileWithoutAStreamClosesTheDescriptor)
+{
+    openWith("f", kDigits, FILE_STREAM);
+    rm_fileSeek(0, 3);
+    const int fd = entryOf(0)->fd;
+    FILE* stream = std::exchange(entryOf(0)->stream, nullptr);
+    park(0);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    EXPECT_EQ(rm_filePosition(0), 3U);
+    std::fclose(stream);  // its descriptor has gone
+}
+
 // A place that is not known must not become the place where the next line goes.
 TEST_F(FileParking, OfAStreamWhoseEndCannotBeFoundKeepsThePosition)
 {

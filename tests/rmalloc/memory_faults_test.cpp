@@ -24,7 +24,6 @@ using rmtest::allocated;
 using rmtest::bytesFor;
 using rmtest::Call;
 using rmtest::callCount;
-using rmtest::CallRecord;
 using rmtest::callTrace;
 using rmtest::draw;
 using rmtest::Drawn;

@@ -6,7 +6,9 @@
 #include "rm/rmalloc/rmalloc.h"
 #include "rm/rmsrv/rmsrv.h"
 
+#include <algorithm>
 #include <csetjmp>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -727,39 +729,47 @@ TEST_F(ZFreeMemory, SetsThePointerToNullEvenWhenTheTagIsInvalid)
 
 // --- rm_extendMemory, in place
 
-// Extends live block `n` of the drawing to `units` and expects the drawing `after`, with the block
-// at its place and its contents kept.
-void expectInPlace(const char* before, std::size_t n, uint32_t units, const char* after,
-                   std::ptrdiff_t unitsFromStart)
+void fillAll(const Drawn& drawn)
 {
-    const Drawn drawn = draw(before);
-    const uint32_t oldUnits = headerBefore(drawn.live[n])->units;
-    const uint32_t was = allocated(drawn.tag);
-    const uint32_t used = rm_memused();
-    const int mallocs = callCount(Call::kMalloc);
     for (std::size_t i = 0; i < drawn.live.size(); ++i) {
         fill(drawn.live[i], bytesFor(headerBefore(drawn.live[i])->units), static_cast<uint32_t>(i));
     }
+}
+
+// The live blocks but one still hold what fillAll() gave them.
+void expectOthersIntact(const Drawn& drawn, std::size_t except)
+{
+    for (std::size_t i = 0; i < drawn.live.size(); ++i) {
+        EXPECT_TRUE(i == except ||
+                    holdsPattern(drawn.live[i], bytesFor(headerBefore(drawn.live[i])->units),
+                                 static_cast<uint32_t>(i)))
+            << i;
+    }
+}
+
+// Extends live block `n` of the drawing to `units` and expects the drawing `after`, with the block
+// `place` units from the start, its contents kept, and nothing got from the platform.
+void expectInPlace(const char* before, std::size_t n, uint32_t units, const char* after,
+                   std::ptrdiff_t place)
+{
+    const Drawn drawn = draw(before);
+    const uint32_t oldUnits = headerBefore(drawn.live[n])->units;
+    const uint32_t oldAllocated = allocated(drawn.tag);
+    const uint32_t used = rm_memused();
+    const int mallocs = callCount(Call::kMalloc);
+    fillAll(drawn);
     void* block = nullptr;
 
     EXPECT_EQ(linesOf([&] { block = rm_extendMemory(drawn.live[n], bytesFor(units), drawn.tag); }),
               Lines{});
 
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(layout(drawn.tag), after);
-    EXPECT_EQ(offsetInSegment(block, drawn.tag), 24 + unitsFromStart * 8 + 8);
+    ASSERT_EQ(layout(drawn.tag), after);
+    EXPECT_EQ(offsetInSegment(block, drawn.tag), 24 + place * 8 + 8);
     EXPECT_TRUE(holdsPattern(block, bytesFor(std::min(units, oldUnits)), static_cast<uint32_t>(n)));
-    for (std::size_t i = 0; i < drawn.live.size(); ++i) {
-        if (i != n) {
-            EXPECT_TRUE(holdsPattern(drawn.live[i], bytesFor(headerBefore(drawn.live[i])->units),
-                                     static_cast<uint32_t>(i)))
-                << i;
-        }
-    }
-    EXPECT_EQ(allocated(drawn.tag), was + (units - oldUnits) * 8);
+    expectOthersIntact(drawn, n);
+    EXPECT_EQ(allocated(drawn.tag), oldAllocated + (units - oldUnits) * 8);
     EXPECT_EQ(rm_memused(), used);
     EXPECT_EQ(callCount(Call::kMalloc), mallocs);
-    EXPECT_EQ(rmalloc::checkMemory(), 0U);
 }
 
 TEST_F(ExtendInPlace, ToTheSameSizeLeavesABlockBetweenLiveOnes)

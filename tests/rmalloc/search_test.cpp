@@ -24,7 +24,6 @@ using rmalloc::tagTable;
 using rmtest::draw;
 using rmtest::Drawn;
 using rmtest::headerBefore;
-using rmtest::layout;
 using rmtest::segmentsOf;
 using rmtest::wholeHeap;
 

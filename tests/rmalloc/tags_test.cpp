@@ -136,7 +136,7 @@ void makeTableAlmostFull()
     }
     rm_freeSeg(tagTable);
     tagTable = table;
-    rmalloc::memused += (kRecords - tagTabSize) * kRecord;
+    rmalloc::memused += kRecords * kRecord - kFirstTable;
     tagTabSize = kRecords;
     nTags = kRecords;
 }

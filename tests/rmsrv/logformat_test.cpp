@@ -213,6 +213,9 @@ TEST_F(ZeroExpansion, AWidthBeyondAPrecisionThatFillsTheBufferStillShows)
     EXPECT_EQ(expand("%300.280d"), std::string(20, ' ') + std::string(kSize - 1 - 20, '0'));
     EXPECT_EQ(expand("%310.300f"), std::string(8, ' ') + "0." + std::string(kSize - 11, '0'));
     EXPECT_EQ(expand("%20.15d", 10), "     0000");
+    EXPECT_EQ(expand("%1020.1000d"), std::string(20, ' ') + std::string(kSize - 1 - 20, '0'));
+    EXPECT_EQ(expand("%1010.1000f"), std::string(8, ' ') + "0." + std::string(kSize - 11, '0'));
+    EXPECT_EQ(expand("%#1010.1000g"), std::string(9, ' ') + "0." + std::string(kSize - 12, '0'));
 }
 
 TEST_F(ZeroExpansion, AWidthBeyondTheBufferShowsBlanksOnly)
@@ -317,7 +320,7 @@ struct Piece {
     std::string expansion;
 };
 
-constexpr std::size_t kWidest = 400;  // of a field; beyond the buffer, so that the cut is met too
+constexpr std::size_t kWidest = 1000;  // of a field; beyond the buffer, so that the cut is met too
 
 struct Field {
     std::string before;  // flags, width and precision

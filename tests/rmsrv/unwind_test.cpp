@@ -303,6 +303,19 @@ TEST_F(UnwindLocks, AreUsedAsBeforeAfterwards)
     EXPECT_EQ(growSemValue(), 1);
 }
 
+TEST_F(UnwindLocks, LinesForTheLogFileTakeFileSemAsBeforeAfterwards)
+{
+    openLog();
+    static_cast<void>(outcomeOf([] {
+        file::enterFileSem("unused");
+        fatalRMExit("a problem");
+    }));
+    resetCalls();
+    captureStderr([] { rm_systemLogWrite("a line"); });
+    EXPECT_EQ(callCount(Call::kSemtimedop), 1);
+    EXPECT_EQ(fileSemValue(), 1);
+}
+
 TEST_F(UnwindLocks, AFailedGrowthLeavesTwiceAndNotAThirdTime)
 {
     makeLocks();

@@ -193,6 +193,7 @@ auto through(const char* name, Args... args)
         (noteText(record, args), ...);
     }
     record.real = &realCall<Real>;
+    slot = record;  // a call that jumps out leaves at least its name
     int64_t result = 0;
     if (armed == nullptr || !answeredByFault(record, result)) {
         result = record.real(record);

@@ -1,5 +1,1 @@
-// The program whose precompiled headers the test programs share.
-int main()
-{
-    return 0;
-}
+// Nothing of its own: the test programs share the headers that are precompiled with this file.
