@@ -686,7 +686,7 @@ TEST_F(FailedGrowth, InsideFileSemReachesTheLogFileWithoutAWait)
 TEST_F(FailedGrowth, AppendsToALogFileThatIsAnotherFile)
 {
     openLog("log");
-    rm_systemLogWrite("an earlier line");
+    captureStderr([] { rm_systemLogWrite("an earlier line"); });
     const int16_t handle = openStepped(1000);
     ScopedFault fault(failedGrowth(ENOSPC));
     fatalEnd([&] { seekWrite(handle, 0, "x"); });

@@ -45,7 +45,7 @@ class FileSweep : public FileTest
         }
     }
 
-    static std::vector<int> bits(int n)
+    static std::vector<int> bits(int16_t n)
     {
         std::vector<int> values;
         for (int16_t slot = 0; slot < n; ++slot) {
@@ -181,7 +181,7 @@ TEST_F(FileSweep, FindsItsVictimsInTurnOverSeveralRounds)
     fileHandleLimit = 4;
     std::vector<int> victims;
     openMany(4);
-    for (int i = 4; i < 10; ++i) {
+    for (int16_t i = 4; i < 10; ++i) {
         openNew(("f" + std::to_string(i)).c_str());
         for (int16_t slot = 0; slot < i; ++slot) {
             if (entryOf(slot)->state == file::kSlotParked &&

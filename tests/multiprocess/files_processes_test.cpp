@@ -454,6 +454,7 @@ TEST_F(FileInheritance, AnInheritedLogFileTakesTheLinesOfAll)
     openLog("log", FILE_FATAL | FILE_STREAM | FILE_PINNED);
     constexpr int kLines = 100;
     std::vector<std::unique_ptr<Peer>> workers;
+    workers.reserve(4);
     for (int worker = 0; worker < 4; ++worker) {
         workers.push_back(std::make_unique<Peer>([worker](Peer::Channel&) {
             for (int i = 0; i < kLines; ++i) {
@@ -492,6 +493,7 @@ TEST_F(FileWorkers, ShareFilesThatEachHasOpenedItself)
         return (round * kWorkers + worker) * kRecordSize;
     };
     std::vector<std::unique_ptr<Peer>> workers;
+    workers.reserve(kWorkers);
     for (uint32_t worker = 0; worker < kWorkers; ++worker) {
         workers.push_back(std::make_unique<Peer>([=](Peer::Channel&) {
             fileHandleLimit = 4;

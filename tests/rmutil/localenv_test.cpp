@@ -630,6 +630,20 @@ TEST_F(LocalEnvWithoutMemory, WithoutATargetTheProcessEndsWithStatusZero)
     EXPECT_EQ(lines.back(), "Exiting to operating system");
 }
 
+TEST_F(LocalEnvMemory, AnArrayWhoseHeaderIsDamagedKeepsItsEntries)
+{
+    rm_putLocalEnv("A=1");
+    rmalloc::BlockHeader* header = rmalloc::headerOf(LocalEnv);
+    header->word1 = 0;
+    const std::string log = rmtest::captureStderr([] { rm_putLocalEnv("B=2"); });
+    header->word1 = rmalloc::kLiveMagic;
+    EXPECT_NE(log.find("WARNING: attempting to free bad pointer"), std::string::npos) << log;
+    EXPECT_EQ(slots(), (Slots{"A=1"}));
+    EXPECT_EQ(rmalloc::checkMemory(), 0U);
+    rm_putLocalEnv("B=2");
+    EXPECT_EQ(slots(), (Slots{"A=1", "B=2"}));
+}
+
 TEST_F(LocalEnvMemory, SlotNumber65536IsOutOfMemory)
 {
     // An array with every slot in use, all by one text: the count of slots has 16 bits.

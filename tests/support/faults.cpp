@@ -496,6 +496,11 @@ ScopedFault::~ScopedFault()
     }
 }
 
+void disarmFaults()
+{
+    armed = nullptr;
+}
+
 bool ScopedFault::takes(const CallRecord& record)
 {
     if (record.call != fault_.call || fault_.times == 0 || (fault_.when && !fault_.when(record))) {

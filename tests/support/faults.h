@@ -154,6 +154,10 @@ class ScopedFault
     int hits_ = 0;
 };
 
+// Takes all faults away. For a process that ends with some of them in its frames: what runs after
+// the frames are gone, the counters of a coverage build for one, meets the system as it is.
+void disarmFaults();
+
 // Calls since the start of the case or the last resetCalls(), faulted ones included.
 int callCount(Call call);
 

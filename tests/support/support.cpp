@@ -357,6 +357,7 @@ ChildResult runChild(const std::function<void()>& body, Milliseconds limit)
         prepareChild(out, err);
         close(out);
         close(err);
+        std::atexit(disarmFaults);
         body();
         endChild(failures);
     }

@@ -103,7 +103,8 @@ State stateNow()
 // The checker must see exactly what does not hold.
 uint32_t violationsOf(const State& state)
 {
-    return (state.named != state.counted ? 1U : 0U) + (state.set != state.stream ? 1U : 0U);
+    const bool reachable = state.set && state.stream;
+    return (state.named != state.counted ? 1U : 0U) + (state.counted > 0 && !reachable ? 1U : 0U);
 }
 
 uint32_t violationsNow()
