@@ -1128,8 +1128,10 @@ extern RM_API int16_t rmDiskFull;
 
 /**
  * Opens a file and gives it a handle.
+ * After a fatal end the slot that the file was to get stays in use, parked: nobody has its number,
+ * and rm_fileRemove() refuses its path.
  *
- * @param name path of the file, copied; used again whenever the file is reopened
+ * @param name path of the file, copied; used again whenever the file is reopened; null gives -1
  * @param openFlags RM_O_ values, combined with "|". A file that is created gets the permissions
  *                  0600. ::RM_O_TRUNC and ::RM_O_EXCL act now and not when the file is reopened.
  * @param modeFlags FILE_ values, combined with "|". ::FILE_STREAM needs a file open for writing.
