@@ -63,19 +63,18 @@ struct Operation {
     char path[rmsrv::kLogMessageSize];  // kGone only: as much of it as a log line shows
 };
 
-// Brings a parked file back. False when its handle has vanished with the attempt.
-bool bringBack(Operation* operation, FileHandle handle, const Texts& texts)
+// Brings a parked file back. The outcome is kGone when its handle has vanished with the attempt.
+void bringBack(Operation* operation, FileHandle handle, const Texts& texts)
 {
     makeRoom();
     StrncpyZ(operation->path, operation->entry->name, sizeof(operation->path));
     if (reopenFile(operation->entry) == RM_SUCCESS) {
         ++reopens;
-        return true;
+        return;
     }
     rm_systemLogWrite(texts.noReopen, handle);
     operation->entry = nullptr;
     operation->outcome = Operation::kGone;
-    return false;
 }
 
 void beginOperation(Operation* operation, FileHandle handle, const Texts& texts)

@@ -202,19 +202,19 @@ FileHandle file::assignHandle(const char* name, uint32_t openFlags, uint16_t mod
     }
     char* copy = rm_Strdup(name, fileTag);
     FileEntry* entry = ftab[slot];
-    *entry = {copy,
-              -1,
-              nullptr,
-              0,
-              initialSize,
-              growIncrement,
-              0,
-              rm_syncCreate(""),
-              openFlags,
-              modeFlags,
-              kSlotParked,
-              0,
-              1};
+    *entry = {.name = copy,
+              .fd = -1,
+              .stream = nullptr,
+              .position = 0,
+              .initialSize = initialSize,
+              .growIncrement = growIncrement,
+              .knownSize = 0,
+              .seekSem = rm_syncCreate(""),
+              .openFlags = openFlags,
+              .modeFlags = modeFlags,
+              .state = kSlotParked,
+              .busyCount = 0,
+              .recentlyUsed = 1};
     ++nHandles;
     return slot;
 }
