@@ -115,58 +115,54 @@ std::array<char, kLargest>& buffer()
     return bytes;
 }
 
-void writeOurs(benchmark::State& state)
+// One file that stays open, the same place of it over and over.
+template <typename Transfer>
+void hotOurs(benchmark::State& state, Transfer transfer)
 {
     Scratch scratch;
     const int16_t handle = rm_fileOpen(scratch.make(0), RM_O_RDWR, 0, 0, 0);
     const auto length = static_cast<uint32_t>(state.range(0));
     for (auto _ : state) {
-        benchmark::DoNotOptimize(rm_fileSeekWrite(handle, kOffset, buffer().data(), length));
+        benchmark::DoNotOptimize(transfer(handle, kOffset, buffer().data(), length));
     }
     rm_fileClose(handle);
     rm_syncTerminate();
+}
+
+template <typename Transfer>
+void hotBare(benchmark::State& state, Transfer transfer)
+{
+    Scratch scratch;
+    const BareLock lock;
+    const int fd = open(scratch.make(0), O_RDWR);
+    const auto length = static_cast<std::size_t>(state.range(0));
+    for (auto _ : state) {
+        lock.enter();
+        lock.leave();
+        lseek(fd, kOffset, SEEK_SET);
+        benchmark::DoNotOptimize(transfer(fd, buffer().data(), length));
+    }
+    close(fd);
+}
+
+void writeOurs(benchmark::State& state)
+{
+    hotOurs(state, rm_fileSeekWrite);
 }
 
 void writeBare(benchmark::State& state)
 {
-    Scratch scratch;
-    const BareLock lock;
-    const int fd = open(scratch.make(0), O_RDWR);
-    const auto length = static_cast<std::size_t>(state.range(0));
-    for (auto _ : state) {
-        lock.enter();
-        lock.leave();
-        lseek(fd, kOffset, SEEK_SET);
-        benchmark::DoNotOptimize(write(fd, buffer().data(), length));
-    }
-    close(fd);
+    hotBare(state, write);
 }
 
 void readOurs(benchmark::State& state)
 {
-    Scratch scratch;
-    const int16_t handle = rm_fileOpen(scratch.make(0), RM_O_RDWR, 0, 0, 0);
-    const auto length = static_cast<uint32_t>(state.range(0));
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(rm_fileSeekRead(handle, kOffset, buffer().data(), length));
-    }
-    rm_fileClose(handle);
-    rm_syncTerminate();
+    hotOurs(state, rm_fileSeekRead);
 }
 
 void readBare(benchmark::State& state)
 {
-    Scratch scratch;
-    const BareLock lock;
-    const int fd = open(scratch.make(0), O_RDWR);
-    const auto length = static_cast<std::size_t>(state.range(0));
-    for (auto _ : state) {
-        lock.enter();
-        lock.leave();
-        lseek(fd, kOffset, SEEK_SET);
-        benchmark::DoNotOptimize(read(fd, buffer().data(), length));
-    }
-    close(fd);
+    hotBare(state, read);
 }
 
 // Each operation meets a parked file and has to park another one: files in turn, more of them than
