@@ -449,6 +449,28 @@ class FileTest : public rmtest::RmTest
     }
 };
 
+inline int16_t openAnother()
+{
+    return rm_fileOpen("another", kReadWrite, 0, 0, 0);
+}
+
+// Everything that waits for fileSem: the operations of the table, and the rest of the interface.
+inline std::vector<FileOperation> lockedOperations()
+{
+    std::vector<FileOperation> operations = fileOperations();
+    operations.push_back(
+        {"rm_fileOpen", [](int16_t) -> int64_t { return openAnother(); }, 1, 0, false});
+    operations.push_back({"rm_fileClose",
+                          [](int16_t h) -> int64_t {
+                              rm_fileClose(h);
+                              return 0;
+                          },
+                          0, 0, false});
+    operations.push_back(
+        {"rm_fileSync", [](int16_t h) -> int64_t { return rm_fileSync(h); }, 0, 0, false});
+    return operations;
+}
+
 }  // namespace filetest
 
 #endif

@@ -32,27 +32,6 @@ class FileFaultLock : public FileFaultSync, public ::testing::WithParamInterface
 {
 };
 
-int16_t openLockedFile()
-{
-    return rm_fileOpen("another", kReadWrite, 0, 0, 0);
-}
-
-std::vector<FileOperation> lockedOperations()
-{
-    std::vector<FileOperation> operations = fileOperations();
-    operations.push_back(
-        {"rm_fileOpen", [](int16_t) -> int64_t { return openLockedFile(); }, 1, 0, false});
-    operations.push_back({"rm_fileClose",
-                          [](int16_t h) -> int64_t {
-                              rm_fileClose(h);
-                              return 0;
-                          },
-                          0, 0, false});
-    operations.push_back(
-        {"rm_fileSync", [](int16_t h) -> int64_t { return rm_fileSync(h); }, 0, 0, false});
-    return operations;
-}
-
 INSTANTIATE_TEST_SUITE_P(Operations, FileFaultLock, ::testing::ValuesIn(lockedOperations()),
                          operationName);
 
