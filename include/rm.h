@@ -97,8 +97,7 @@
  *    semaphores. Creating adds 1 to a semaphore, so a process that creates an object which others
  *    already use raises it to 2, and the lock lets two in.
  * 2. **That includes the two locks of the file layer.** A parent whose children use managed files
- *    sets `fileSem = rm_syncCreate("fileSem")` and `growSem = rm_syncCreate("growSem")` first,
- *    unless it has opened and grown files itself. Otherwise each child would make its own.
+ *    calls rm_init() first. Otherwise each child would make its own.
  * 3. **Workers end with `_exit`.** rm_exit() in any process removes the sync objects for all of
  *    them, and the next operation of the others is fatal. So is a fatal error in a worker without
  *    a target of its own: it ends in rm_exit(0).
@@ -161,16 +160,16 @@
 #define RM_SUCCESS 0              /**< success: every call with a status */
 #define RM_TIMEOUT 1              /**< timed out: rm_syncEnterExcl(), rm_syncWait() */
 #define RM_NO_ELEMENT 1           /**< no element, end of an iteration */
-#define RM_NOT_FOUND 2            /**< not found */
+#define RM_NOT_FOUND 2            /**< not found: rm_iniGet() */
 #define RM_FULL 5                 /**< full */
 #define RM_NONE (-1)              /**< no entry; no handle: rm_fileOpen(), rm_syncOpen() */
-#define RM_CANNOT_OPEN (-46)      /**< a file cannot be opened */
-#define RM_MISSING_ARGUMENT (-52) /**< an argument is missing */
+#define RM_CANNOT_OPEN (-46)      /**< a file cannot be opened: rm_iniSet() */
+#define RM_MISSING_ARGUMENT (-52) /**< an argument is missing: rm_iniGet(), rm_iniSet() */
 #define RM_INVALID (-56)          /**< invalid tag; damaged container */
 #define RM_UNKNOWN_MODULE (-1006) /**< unknown module */
 #define RM_COPY_FAILED (-1018)    /**< copy failed */
-#define RM_RENAME_FAILED (-1019)  /**< remove or rename failed */
-#define RM_OUT_OF_MEMORY (-2011)  /**< out of memory: StrToArgv() */
+#define RM_RENAME_FAILED (-1019)  /**< a file could not be replaced: rm_iniSet() */
+#define RM_OUT_OF_MEMORY (-2011)  /**< out of memory: StrToArgv(), rm_iniGet(), rm_iniSet() */
 /** @} */
 
 RM_BEGIN_DECLS
@@ -296,10 +295,11 @@ extern RM_API int16_t syslogon;
 
 /**
  * Managed file that receives a copy of each line at level 2 or more; -1, initially, for none.
- * It must have been opened with ::FILE_STREAM. Whoever sets it hands the file over: it is closed,
- * and this reset to -1, by rm_systemLogClose(), rm_exit(), rm_freeall() and a failed growth; also
- * when its handle is given up in another way. After a fatal error out of writing a line into it the
- * file is left alone until rm_systemLogClose().
+ * Set by rm_systemLogOpen(). A host may set it to a file of its own, opened with ::FILE_STREAM, and
+ * hands that file over with it. It is closed, and this reset to -1, by rm_systemLogClose(),
+ * rm_exit(), rm_freeall() and a failed growth; also when its handle is given up in another way.
+ * After a fatal error out of writing a line into it the file is left alone until
+ * rm_systemLogClose().
  */
 extern RM_API int16_t sysfile;
 
@@ -338,6 +338,23 @@ RM_API void rm_systemLogWrite(const char* format, ...) RM_PRINTF(1, 2);
 RM_API void rm_systemLogOptWrite(const char* format, ...) RM_PRINTF(1, 2);
 
 /**
+ * Opens the log file, empty. Does nothing while logging is off (level 0) or a log file is open.
+ *
+ * A file that exists already is kept as the backup, and replaces an older one: its name with
+ * ".bak" in place of everything from the last dot. **The last dot of the whole path counts**, so
+ * "logs.d/server" is kept as "logs.bak". Without any dot there is no backup, and the old log is
+ * lost. A backup that cannot be made is passed over without a word.
+ *
+ * Lines reach the file from level 2 on.
+ *
+ * @param path path of the file; null does nothing
+ * @fatal memory, lock, syscall; mode, when the file cannot be opened
+ * @locks #fileSem
+ * @log "reopenFile: errno=%d: failed to create file '%s'"; "fileSem timeout in rm_fileOpen"
+ */
+RM_API void rm_systemLogOpen(const char* path);
+
+/**
  * Closes the log file, if one is set, and turns logging off.
  *
  * @fatal lock, syscall, when a log file is set; else never
@@ -345,6 +362,130 @@ RM_API void rm_systemLogOptWrite(const char* format, ...) RM_PRINTF(1, 2);
  * @log as rm_fileClose()
  */
 RM_API void rm_systemLogClose(void);
+
+/** @} */
+
+/**
+ * @defgroup rm_stat Statistics
+ *
+ * Counters of events, indexed by numbers that the host assigns. The counters are the process's own
+ * and wrap at 2^32 without notice. An index outside them is ignored.
+ *
+ * @par Example
+ * @include statistics.c
+ * @{
+ */
+
+/**
+ * Makes the counters, all 0. Those there were are discarded.
+ *
+ * @param count how many; 0 makes none
+ * @fatal memory; there are no counters then
+ * @log as rm_getMemory()
+ */
+RM_API void rm_statInit(uint16_t count);
+
+/**
+ * Adds to a counter. Makes 54 counters first when there are none yet.
+ *
+ * @param index 0 to the number of counters - 1; ignored outside
+ * @param amount what to add
+ * @fatal memory, for the first call
+ * @log as rm_getMemory()
+ */
+RM_API void rm_statInc(int16_t index, uint16_t amount);
+
+/**
+ * Sets a counter to 0.
+ *
+ * @param index 0 to the number of counters - 1; ignored outside
+ * @fatal never
+ */
+RM_API void rm_statClear(int16_t index);
+
+/**
+ * Sets every counter to 0.
+ *
+ * @fatal never
+ */
+RM_API void rm_statClearAll(void);
+
+/**
+ * Gives the counters themselves, to be read in place.
+ *
+ * @param[out] count how many there are, 0 before the first use; may be null
+ * @return the first of them; null before the first use
+ * @fatal never
+ * @memory the library's, under tag 0: valid until rm_statInit(); do not free it
+ */
+RM_API uint32_t* rm_statRep(uint16_t* count);
+
+/** @} */
+
+/**
+ * @defgroup rm_startup Start-up
+ *
+ * One call at the top of main, before the server forks: it stores the limits, makes the two locks
+ * that all processes of the server share, and reads the one setting of the library from the
+ * server's profile. Everything works without it too, with the initial values of the variables.
+ *
+ * | Key          | Section  | Meaning                                                           |
+ * |--------------|----------|-------------------------------------------------------------------|
+ * | `FileCommit` | `server` | #fileCommit; 0 turns syncs off, and so does a text that is no number
+ * |
+ *
+ * The profile is the default INI file, see @ref rm_ini.
+ *
+ * @par Example
+ * @include startup.c
+ * @{
+ */
+
+/** Kept for the host; the library does not use it. Initially 0. */
+extern RM_API uint32_t hNormSh;
+
+/** Kept for the host; the library does not use it. Initially 0. */
+extern RM_API uint32_t hPriSh;
+
+/**
+ * Gives the library its settings.
+ * The limits are taken with every call. The locks #fileSem and #growSem are created, and
+ * `FileCommit` is read, only when that has not happened yet: a second call changes nothing there.
+ *
+ * @param memoryLimit bytes, stored in #rmemavail; or ::RM_NO_LIMIT
+ * @param handleLimit stored in #fileHandleLimit as it is, unlike rm_fileHandleLimit(); -1 for no
+ *                    limit
+ * @param freeSpace bytes, stored in #rminfree
+ * @fatal memory, lock, syscall
+ * @locks #fileSem, to read the profile
+ * @log as rm_syncCreate() and rm_iniGet()
+ */
+RM_API void rm_init(uint32_t memoryLimit, int16_t handleLimit, double freeSpace);
+
+/**
+ * Tells how much space a disk has free; the same as rm_flGetDiskFreeSpace().
+ *
+ * @param path any path on the disk
+ * @return bytes; -1.0 when the platform cannot tell
+ * @fatal never
+ */
+RM_API double rm_getDiskFreeSpace(const char* path);
+
+/**
+ * Says whether the disk counts as full; sets #rmDiskFull.
+ *
+ * @param flag not 0: no file is extended ahead of writes; 0: growth is allowed
+ * @fatal never
+ */
+RM_API void rm_setDiskFull(int16_t flag);
+
+/**
+ * Tells whether the disk counts as full.
+ *
+ * @return #rmDiskFull: 1 before anybody set it
+ * @fatal never
+ */
+RM_API int16_t rm_getDiskFull(void);
 
 /** @} */
 
@@ -378,7 +519,7 @@ RM_API void rm_systemLogClose(void);
 extern RM_API int16_t seg_alloc;
 
 /** Limit in bytes that tag 1 gets when the first allocation makes it. Initially ::RM_NO_LIMIT; set
- * by rm_setMemoryLimit(). */
+ * by rm_init() and rm_setMemoryLimit(). */
 extern RM_API uint32_t rmemavail;
 
 /**
@@ -902,7 +1043,8 @@ RM_API void rm_freeSeg(void* segment);
 #define RM_O_EXCL 0x400U   /**< with RM_O_CREAT: fail when the file exists */
 /** @} */
 
-/** 0: rm_flSync() does not sync. Any other value, and -1 at first: it does. Set by the host. */
+/** 0: rm_flSync() does not sync. Any other value, and -1 at first: it does. Set by rm_init() from
+ * the server's profile, or by the host. */
 extern RM_API int16_t fileCommit;
 
 /**
@@ -1106,24 +1248,25 @@ RM_API int16_t rm_fileValidate(const char* path);
 /** @} */
 
 /** Descriptors that the table holds open at most; -1 for no limit, and other values below 1 act as
- * 1. Initially 32; raised by rm_fileHandleLimit(), or set by the host. Exceeded while every open
- * file is busy or pinned. */
+ * 1. Initially 32; set by rm_init(), raised by rm_fileHandleLimit(), or set by the host. Exceeded
+ * while every open file is busy or pinned. */
 extern RM_API int16_t fileHandleLimit;
 
-/** Sync handle of the lock of the file table; -1 at first and after rm_syncTerminate(). Set by the
- * host before it forks, else made by the first rm_fileOpen(). */
+/** Sync handle of the lock of the file table; -1 at first and after rm_syncTerminate(). Made by
+ * rm_init(), else by the first rm_fileOpen(). A host of one process that wants no semaphores sets
+ * this and #growSem to ::RM_NULL_SYNC before its first call. */
 extern RM_API int16_t fileSem;
 
-/** Sync handle of the lock of file growth; -1 at first and after rm_syncTerminate(). Set by the
- * host before it forks, else made by the first growth. */
+/** Sync handle of the lock of file growth; -1 at first and after rm_syncTerminate(). Made by
+ * rm_init(), else by the first growth. */
 extern RM_API int16_t growSem;
 
 /** Bytes that growth must leave free on a disk, as rm_flGetDiskFreeSpace() counts them. Initially
- * 0.0; set by the host. */
+ * 0.0; set by rm_init(). */
 extern RM_API double rminfree;
 
-/** Not 0: no file is extended ahead of writes. Initially 1; cleared by the host, set to 1 by a
- * growth that leaves less than #rminfree free. */
+/** Not 0: no file is extended ahead of writes. Initially 1; cleared by the host (rm_setDiskFull()),
+ * set to 1 by a growth that leaves less than #rminfree free. */
 extern RM_API int16_t rmDiskFull;
 
 /**
@@ -1374,6 +1517,229 @@ RM_API void rm_fileCounts(uint32_t* open, uint32_t* parked, uint32_t* parkings, 
 /** @} */
 
 /**
+ * @defgroup rm_stream Text streams
+ *
+ * Lines of managed files, through a block of 512 bytes. A stream reads or writes; what happens when
+ * one does both is not defined. The lines end with "\n"; there is no other translation.
+ *
+ * **A last line that does not end with a newline** is returned only by the call that reads its
+ * block; when an earlier call has read that block, the line is lost, and the call returns null. A
+ * zero byte ends the file too.
+ *
+ * A write that fails is logged by the managed file and not reported here. Who must know compares
+ * the file with what it should be.
+ *
+ * @par Example
+ * @include textstream.c
+ * @{
+ */
+
+/** A text stream; made by rm_fileStreamOpen(). */
+typedef struct FileStream FileStream;
+
+/**
+ * Opens a text file as a stream.
+ *
+ * @param path path of the file; null opens nothing
+ * @param mode "r" to read; "w" to write, which creates the file or empties it; with "+" behind it
+ *             the file is opened for both. At most three characters are looked at, and others are
+ *             ignored: there is no mode to append, **"a" opens for reading**. Null reads.
+ * @return the stream; null when the file cannot be opened
+ * @fatal memory, lock, syscall
+ * @locks #fileSem
+ * @memory the caller's, until rm_fileStreamClose()
+ * @log as rm_fileOpen() without ::FILE_FATAL
+ */
+RM_API FileStream* rm_fileStreamOpen(const char* path, const char* mode);
+
+/**
+ * Writes what is still in the block, and closes the file.
+ *
+ * @param stream the stream; null does nothing
+ * @fatal lock, syscall
+ * @locks #fileSem
+ * @log as rm_fileWrite() and rm_fileClose()
+ */
+RM_API void rm_fileStreamClose(FileStream* stream);
+
+/**
+ * Reads a line, or as much of it as fits. The newline stays in the text.
+ *
+ * @param stream the stream; null gives null
+ * @param[out] buffer `size` bytes; null gives null
+ * @param size bytes of the buffer; at most `size` - 1 of them are filled from the line. With 1 the
+ *             text is empty, and one byte of the line is passed over; with 0 or less nothing is
+ *             read or written, and null comes back.
+ * @return `buffer`; null at the end of the file
+ * @fatal lock, syscall
+ * @locks #fileSem
+ * @log as rm_fileRead()
+ */
+RM_API char* rm_fileStreamGets(FileStream* stream, char* buffer, int32_t size);
+
+/**
+ * Writes a line: the text and a newline. A block reaches the file when the next byte comes, or with
+ * rm_fileStreamClose().
+ *
+ * @param stream the stream; null writes nothing
+ * @param text the line without its newline; null writes nothing
+ * @return the length of the text, without the newline; 0 for a null stream or text
+ * @fatal lock, syscall
+ * @locks #fileSem
+ * @log as rm_fileWrite()
+ */
+RM_API uint32_t rm_fileStreamPuts(FileStream* stream, const char* text);
+
+/**
+ * Reads a whole line of any length into a buffer that grows. The newline stays in the text.
+ *
+ * @param stream the stream; null gives null
+ * @param[in,out] lineBuffer address of the buffer, a block of tag 0, or of null: then one of 100
+ *                bytes is made. The buffer may move. A null address gives null.
+ * @param[in,out] lineSize address of the buffer's size in bytes; 0 stands for 100, and with a null
+ *                buffer it counts as 100. It grows by 100 as often as a line asks for it. A null
+ *                address gives null.
+ * @return the buffer; null at the end of the file, and when the buffer is no block of tag 0 and
+ *         cannot grow
+ * @fatal memory, lock, syscall
+ * @locks #fileSem
+ * @memory the buffer is the caller's, under tag 0, also when null comes back
+ * @log as rm_fileRead() and rm_extendMemory()
+ */
+RM_API char* rm_fileStreamGetLine(FileStream* stream, char** lineBuffer, uint32_t* lineSize);
+
+/** @} */
+
+/**
+ * @defgroup rm_ini INI files
+ *
+ * Settings that people can read: sections opened by `[name]`, entries `key=value`, comments that
+ * begin with `;`. A file is read anew by every call.
+ *
+ * The default file, of rm_iniGet() and rm_iniSet(), is "corvane.ini" in the current directory; with
+ * the variable `CATPATH` set, in the directory that it names (see @ref rm_path).
+ *
+ * **Rules that surprise.** Names are compared without regard to case, and nothing is trimmed:
+ * `key = value` has a key that ends in a blank and a value that begins with one.
+ *
+ * - *Reading a value*: an empty line ends the search, another section's header does not. Without an
+ *   empty line between them, a key of the following section is found too.
+ * - *Setting a new key*: it is written before the first line of the section that begins with white
+ *   space (in files with CR LF that includes empty lines), or at the end of the file when the
+ *   section is the last one, or is new. **Otherwise it is not written at all, and the result is
+ *   still 0.** The tool rmini, and a rm_iniGetPrivate() afterwards, tell.
+ * - *Deleting a key* deletes all lines of the section with it.
+ * - *A last line without a newline* is not read, unless its block begins with it (see
+ *   @ref rm_stream); a rewrite keeps it.
+ *
+ * **Rewriting.** A change copies the file into "_temp_.ini" in the same directory, brings that to
+ * the disk (unless #fileCommit is 0), removes the file, and renames the copy. Processes that change
+ * files of one directory take turns, by a lock on the directory, for which they wait up to 14 s.
+ * The new file has the permissions of the old one. When a change returns ::RM_RENAME_FAILED, or its
+ * process died in it, look at the path:
+ *
+ * | The path is | "_temp_.ini" is | Then                                                          |
+ * |-------------|-----------------|---------------------------------------------------------------|
+ * | there       | absent          | nothing was changed (or all, when the process died)           |
+ * | there       | there           | nothing was changed; remove "_temp_.ini" | | absent      |
+ * there           | the change stands whole in it: rename "_temp_.ini" to the path |
+ *
+ * **Do that before the next change of any file in the directory**, since that writes "_temp_.ini"
+ * anew. A host does best to look when it starts; @c docs/HOSTS.md has the lines for it.
+ *
+ * @par Example
+ * @include ini.c
+ * @{
+ */
+
+/**
+ * Reads a value, the entries of a section, or the names of all sections.
+ *
+ * - `section` null: the names of all sections.
+ * - `key` null: the entries of the section, up to an empty line or the next header.
+ * - both given: the value of the key, in the first section of that name.
+ *
+ * A list is a row of texts, each with its zero, and one more zero behind the last. What does not
+ * fit is cut; the result does not tell.
+ *
+ * @param section name of the section, or null
+ * @param key name of the key, or null
+ * @param[out] buffer `size` bytes. Left as it is when a value is not found, or the file cannot be
+ *                    opened. Behind a value it is filled with zeros.
+ * @param size bytes of the buffer. A value of `size` - 2 bytes fits. With 1 the text is empty, with
+ *             0 or less nothing is written.
+ * @param withValues for the entries of a section: 0 lists keys only, else whole lines
+ * @param path path of the file
+ * @return 0; ::RM_NOT_FOUND when there is no such thing, or the file cannot be opened;
+ *         ::RM_MISSING_ARGUMENT for a null buffer or path
+ * @fatal memory, lock, syscall
+ * @locks #fileSem; when the file is missing also the directory's, up to 14 s
+ * @log as rm_fileRead()
+ */
+RM_API int16_t rm_iniGetPrivate(const char* section, const char* key, char* buffer, int16_t size,
+                                uint16_t withValues, const char* path);
+
+/**
+ * As rm_iniGetPrivate(), on the default file.
+ *
+ * @param section name of the section, or null
+ * @param key name of the key, or null
+ * @param[out] buffer `size` bytes
+ * @param size bytes of the buffer
+ * @param withValues 0 lists keys only, else whole lines
+ * @return as rm_iniGetPrivate(); ::RM_OUT_OF_MEMORY when the path cannot be built: kept for
+ *         callers, since exhausted memory is fatal first
+ * @fatal memory, lock, syscall
+ * @locks as rm_iniGetPrivate()
+ * @log as rm_iniGetPrivate()
+ */
+RM_API int16_t rm_iniGet(const char* section, const char* key, char* buffer, int16_t size,
+                         uint16_t withValues);
+
+/**
+ * Sets an entry, deletes an entry, or deletes a section, in a file that exists.
+ *
+ * - `key` and `value` given: the entry is replaced, or added, see above when.
+ * - `value` null: all entries of the section with that key are deleted.
+ * - `key` null: the first section of that name is deleted, up to the next header.
+ *
+ * @param section name of the section
+ * @param key name of the key, or null; without "=" and newlines, which would be read back
+ *            differently
+ * @param value the value, or null; without newlines
+ * @param path path of the file; "_temp_.ini" itself cannot be changed
+ * @return 0, also when there was nothing to delete, **and when a new entry found no place**;
+ *         ::RM_MISSING_ARGUMENT for a null section or path; ::RM_CANNOT_OPEN when the file or its
+ *         copy cannot be opened, or another process kept the directory locked;
+ *         ::RM_RENAME_FAILED when the copy could not be written, or could not take the file's
+ *         place: see above what stands where then
+ * @fatal memory, lock, syscall; the copy may stay behind, and the file is untouched. The stream on
+ *        it stays open: the process can change that file no more.
+ * @locks the directory's, up to 14 s; #fileSem
+ * @log as rm_fileRead() and rm_fileWrite()
+ */
+RM_API int16_t rm_iniSetPrivate(const char* section, const char* key, const char* value,
+                                const char* path);
+
+/**
+ * As rm_iniSetPrivate(), on the default file. An entry that was set in section "ENVIRONMENT" is
+ * also put into the local environment (rm_putLocalEnv()), and has its effect in this process at
+ * once.
+ *
+ * @param section name of the section
+ * @param key name of the key, or null
+ * @param value the value, or null
+ * @return as rm_iniSetPrivate(); ::RM_OUT_OF_MEMORY when the path cannot be built: kept for
+ *         callers, since exhausted memory is fatal first
+ * @fatal as rm_iniSetPrivate()
+ * @locks as rm_iniSetPrivate()
+ * @log as rm_iniSetPrivate()
+ */
+RM_API int16_t rm_iniSet(const char* section, const char* key, const char* value);
+
+/** @} */
+
+/**
  * @defgroup rm_localenv Local environment
  *
  * Settings of this process that come before its environment. The library reads its own variables,
@@ -1549,6 +1915,98 @@ RM_API char* StrncpyZ(char* destination, const char* source, int n);
  * @fatal never
  */
 RM_API char* FgetsTrim(char* buffer, int16_t size, FILE* stream);
+
+/** @} */
+
+/**
+ * @defgroup rm_path Paths
+ *
+ * A path is made of a directory, a base name and an extension, joined by "/" and ".". **A directory
+ * that begins with "." does not count from the current directory** but from the one that the
+ * variable `CATPATH` names (rm_getenv(), so the local environment comes first). With `CATPATH`
+ * "/a/b/c":
+ *
+ * | Directory | stands for |
+ * |-----------|------------|
+ * | "./x"     | "/a/b/c/x" |
+ * | ".x"      | "/a/b/c/x" |
+ * | "."       | "/a/b/c/"  |
+ * | "../x"    | "/a/b/x"   |
+ * | ".."      | "/a/b/"    |
+ *
+ * Without `CATPATH` such a directory is dropped: the path is the base and the extension alone. One
+ * slash at the end of `CATPATH` makes no difference. Without a slash before its last component,
+ * ".." keeps nothing of it.
+ *
+ * @par Example
+ * @include paths.c
+ * @{
+ */
+
+/**
+ * Gives the last component of a path.
+ *
+ * @param path the path; may be null
+ * @return the text behind its last "/", inside `path`; `path` itself when it has none
+ * @fatal never
+ */
+RM_API char* pathBaseExt(const char* path);
+
+/**
+ * Lists the pieces of which a path is joined. `CATPATH` plays no part here.
+ *
+ * @param[out] parts array of 5 pointers; they point to the arguments and to literals
+ * @param directory the directory, or null; "/" follows it unless it is empty or ends with one
+ * @param base the base name, or null
+ * @param extension the extension without its dot, or null
+ * @return number of pieces, 0 to 5
+ * @fatal never
+ */
+RM_API uint16_t makePathInt(const char** parts, const char* directory, const char* base,
+                            const char* extension);
+
+/**
+ * Resolves a directory that begins with "." by `CATPATH`.
+ *
+ * @param directory the directory
+ * @return the directory that it stands for; null when `CATPATH` is not set, or the directory is
+ *         null or does not begin with "."
+ * @fatal memory
+ * @memory the caller's, under tag 0
+ * @log as rm_getMemory()
+ */
+RM_API char* allocWithCatPath(const char* directory);
+
+/**
+ * Makes a path. A base that holds a "/" is taken as the whole path, whatever the other two are.
+ *
+ * @param directory the directory; by `CATPATH` when it begins with "."; null counts as none
+ * @param base the base name, or null
+ * @param extension the extension without its dot, or null
+ * @param tag a tag in use
+ * @return the path; an empty text when it has no pieces
+ * @fatal memory
+ * @memory the caller's, under `tag`
+ * @log as rm_getMemory()
+ */
+RM_API char* makeAllocPath(const char* directory, const char* base, const char* extension,
+                           int16_t tag);
+
+/**
+ * Makes a path in a buffer. **A base that holds a "/" is joined like any other**, unlike in
+ * makeAllocPath().
+ *
+ * @param[out] buffer `size` bytes, and at least one even when `size` is 0
+ * @param size bytes of the buffer
+ * @param directory the directory; by `CATPATH` when it begins with "."; null counts as none
+ * @param base the base name, or null
+ * @param extension the extension without its dot, or null
+ * @return 0; -1 when the path was cut. It ends with a zero either way, unless `size` is 0.
+ * @fatal memory, when the directory begins with "."
+ * @log as rm_getMemory()
+ */
+RM_API int16_t makePath(char* buffer, uint16_t size, const char* directory, const char* base,
+                        const char* extension);
 
 /** @} */
 

@@ -100,6 +100,15 @@ void leaveSeekSem(const FileEntry* entry);
 // called on the way out of the abandoned frames.
 void abandonOperations();
 
+// --- fileio.cpp
+
+// As rm_fileRead, and tells the end of the file from a failure: `*error` is 0 or an errno.
+uint32_t readNext(FileHandle handle, void* buffer, uint32_t length, int16_t* error);
+
+// As rm_fileSync, for those who go on to destroy what the file replaces: reopens a parked file,
+// whose bytes may still be on their way, and returns 0 or the errno with which the disk refused.
+int16_t bringToDisk(FileHandle handle);
+
 // --- growth.cpp
 
 // Extends the file to `newSize` bytes unless the disk counts as full. Fatal when that fails.

@@ -54,6 +54,7 @@ constexpr Texts kSeekWrite = RM_FILE_TEXTS("rm_fileSeekWrite");
 constexpr Texts kRead = RM_FILE_TEXTS("rm_fileRead");
 constexpr Texts kSeekRead = RM_FILE_TEXTS("rm_fileSeekRead");
 constexpr Texts kLength = RM_FILE_TEXTS("rm_fileLength");
+constexpr Texts kSync = RM_FILE_TEXTS("rm_fileSync");
 
 // An operation on a handle, from its beginning to its end.
 struct Operation {
@@ -277,11 +278,9 @@ uint32_t rm_fileWrite(int16_t handle, const void* buffer, uint32_t length)
     return count;
 }
 
-uint32_t rm_fileRead(int16_t handle, void* buffer, uint32_t length)
+uint32_t file::readNext(FileHandle handle, void* buffer, uint32_t length, int16_t* error)
 {
-    if (length == 0) {
-        return 0;
-    }
+    *error = EBADF;
     Operation operation;
     beginOperation(&operation, handle, kRead);
     if (operation.outcome != Operation::kReady) {
@@ -292,9 +291,9 @@ uint32_t rm_fileRead(int16_t handle, void* buffer, uint32_t length)
     }
     FileEntry* entry = operation.entry;
     uint32_t count = 0;
-    const int16_t error = readAt(entry, entry->position, buffer, length, &count);
-    if (error != RM_SUCCESS) {
-        logReadFailure(entry->name, error);
+    *error = readAt(entry, entry->position, buffer, length, &count);
+    if (*error != RM_SUCCESS) {
+        logReadFailure(entry->name, *error);
         if (isFatal(entry)) {
             endFatally(entry);
         }
@@ -303,6 +302,12 @@ uint32_t rm_fileRead(int16_t handle, void* buffer, uint32_t length)
     ++fileOps;
     endOperation(entry);
     return count;
+}
+
+uint32_t rm_fileRead(int16_t handle, void* buffer, uint32_t length)
+{
+    int16_t error = RM_SUCCESS;
+    return length == 0 ? 0 : readNext(handle, buffer, length, &error);
 }
 
 uint32_t rm_fileSeekWrite(int16_t handle, uint32_t offset, const void* buffer, uint32_t length)
@@ -398,10 +403,10 @@ int16_t rm_fileSync(int16_t handle)
 {
     FileEntry* entry = usedEntry(handle);
     if (entry == nullptr) {
-        rm_systemLogWrite("rm_fileSync: invalid handle %d", handle);
+        rm_systemLogWrite(kSync.invalid, handle);
         return RM_SUCCESS;
     }
-    enterFileSem("fileSem timeout in rm_fileSync");
+    enterFileSem(kSync.timeout);
     ++entry->busyCount;
     if (entry->state != kSlotOpen) {
         --entry->busyCount;  // a parked file has nothing that is not written
@@ -412,4 +417,16 @@ int16_t rm_fileSync(int16_t handle)
     const int16_t result = rm_flSync(entry->fd);
     endOperation(entry);
     return result;
+}
+
+int16_t file::bringToDisk(FileHandle handle)
+{
+    Operation operation;
+    beginOperation(&operation, handle, kSync);
+    if (operation.outcome != Operation::kReady) {
+        return EBADF;
+    }
+    const int16_t error = os::bringToDisk(operation.entry->fd);
+    endOperation(operation.entry);
+    return error;
 }

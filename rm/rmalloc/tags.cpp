@@ -130,6 +130,7 @@ void forgetTablesOf(Tag tag)
 {
     if (tag == 0) {
         rmutil::forgetLocalEnv();
+        rmsrv::forgetStatistics();
     }
     if (file::fileTag != 0 && tag == file::fileTag) {
         file::forgetTable();

@@ -1,11 +1,12 @@
-// Service core, front page: the fatal path, the log writer and the settings of start-up.
+// Service core, front page: the fatal path, the log, statistics and start-up.
 //
 //   fatal.cpp    registered jump targets, the three fatal entry points, rm_exit
 //   unwind.cpp   the one place that leaves frames behind
 //   syslog.cpp   the log writer and its optional variant
 //   logformat.cpp  the second expansion of optional messages
-//   logfile.cpp  the handle of the log file and its closing
-//   startup.cpp  the settings that start-up gives to the other services
+//   logfile.cpp  the log file: opening it over the one of the previous run, closing it
+//   stats.cpp    counters of events, for the host
+//   startup.cpp  rm_init, the settings that the other services read, the state of the disk
 #ifndef RM_RMSRV_RMSRV_H
 #define RM_RMSRV_RMSRV_H
 
@@ -61,6 +62,14 @@ void trustLogFile();
 
 // The handle of the log file is none any more.
 void forgetLogFile();
+
+// --- stats.cpp
+
+extern uint32_t* stattab;   // the counters, under tag 0; null before their first use
+extern uint16_t statcount;  // how many there are
+
+// Forgets the counters without freeing them: their memory is about to go.
+void forgetStatistics();
 
 // --- logformat.cpp
 

@@ -15,6 +15,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 int16_t syslogon = 0;  // 0 off, 1 on, 2 or more on and copied to the log file
@@ -26,21 +28,67 @@ int32_t writingLogFile = 0;
 
 namespace
 {
-constexpr std::size_t kStampSize = 40;    // bytes, terminator included
+constexpr std::size_t kStampSize = 40;  // bytes, terminator included
+constexpr std::size_t kZoneSize = 64;   // of a time zone's name; with a longer one nothing is kept
 constexpr int16_t kLevelWithLogFile = 2;  // from here on the log file gets a copy
 constexpr const char* kStampFormat = "[%d-%b-%y %H:%M:%S]  ";
 
+// The stamp of the last line: most lines of a burst fall into the same second.
+struct KeptStamp {
+    std::time_t second;
+    bool hasZone;           // TZ was set: an empty one is another zone than none
+    char zone[kZoneSize];   // its value then
+    char text[kStampSize];  // empty until there is a stamp
+};
+
+KeptStamp keptStamp;
 char optionalMessage[rmsrv::kLogMessageSize];
 bool logFileFailed = false;  // a fatal error came out of writing to it
 
-void formatStamp(char (&stamp)[kStampSize])
+bool isCurrent(std::time_t now, const char* zone)
+{
+    return keptStamp.text[0] != '\0' && keptStamp.second == now &&
+           keptStamp.hasZone == (zone != nullptr) &&
+           (zone == nullptr || std::strcmp(keptStamp.zone, zone) == 0);
+}
+
+// The local time of now, formatted anew when the second or the time zone has changed.
+const char* stampOfNow()
 {
     const std::time_t now = std::time(nullptr);
-    const std::tm* local = std::localtime(&now);
-    stamp[0] = '\0';
-    if (local != nullptr) {
-        std::strftime(stamp, sizeof(stamp), kStampFormat, local);
+    const char* zone = std::getenv("TZ");
+    if (!isCurrent(now, zone)) {
+        const std::tm* local = std::localtime(&now);
+        keptStamp.text[0] = '\0';
+        if (local != nullptr) {
+            std::strftime(keptStamp.text, sizeof(keptStamp.text), kStampFormat, local);
+        }
+        keptStamp.second = now;
+        keptStamp.hasZone = zone != nullptr;
+        // A name that is cut equals none: nothing is kept then.
+        StrncpyZ(keptStamp.zone, zone, kZoneSize);
     }
+    return keptStamp.text;
+}
+
+// The stamp, the message and the newline of one line, built where they are written from.
+struct Line {
+    char text[kStampSize + rmsrv::kLogMessageSize + 1];
+    std::size_t length;
+};
+
+void formatLine(Line* line, const char* format, va_list arguments)
+{
+    const int savedErrno = errno;  // the message may show it
+    StrncpyZ(line->text, stampOfNow(), kStampSize);
+    char* message = line->text + std::strlen(line->text);
+    errno = savedErrno;
+    *message = '\0';
+    std::vsnprintf(message, rmsrv::kLogMessageSize, format, arguments);
+    char* end = message + std::strlen(message);
+    *end++ = '\n';
+    *end = '\0';
+    line->length = static_cast<std::size_t>(end - line->text);
 }
 }  // namespace
 
@@ -65,28 +113,23 @@ int16_t rm_systemLog(int16_t level)
 void rm_systemLogWrite(const char* format, ...)
 {
     const int savedErrno = errno;  // callers log first and look at errno afterwards
-    char stamp[kStampSize];
-    formatStamp(stamp);
-
-    char message[rmsrv::kLogMessageSize];
-    message[0] = '\0';
-    errno = savedErrno;
+    Line line;
     va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(message, sizeof(message), format, arguments);
+    formatLine(&line, format, arguments);
     va_end(arguments);
 
     // Standard output is flushed around the line, so that what a process prints and what it logs
     // stand in the order in which they were written when both go to one terminal. The line leaves
     // in one piece: lines of several processes do not mix.
     std::fflush(stdout);
-    std::fprintf(stderr, "%s%s\n", stamp, message);
+    std::fwrite(line.text, 1, line.length, stderr);
     std::fflush(stdout);
 
     if (rmsrv::writingLogFile == 0 && syslogon >= kLevelWithLogFile && sysfile != RM_NONE &&
         !logFileFailed) {
         rmsrv::writingLogFile = 1;
-        rm_filePrintf(sysfile, "%s%s\n", stamp, message);
+        rm_filePrintf(sysfile, "%s", line.text);
         rmsrv::writingLogFile = 0;
     }
     errno = savedErrno;

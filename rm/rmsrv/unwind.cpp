@@ -7,10 +7,12 @@
 // Invariant: no other file of the library contains the jump; a gate of the build looks for it.
 #include "rm/file/file.h"
 #include "rm/rmsrv/rmsrv.h"
+#include "rm/rmutil/rmutil.h"
 
 void rmsrv::unwindTo(jmp_buf env, int value)
 {
     file::abandonOperations();
+    rmutil::abandonRewrite();
     abandonLogLine();
     leaveFatalPath();
     longjmp(env, value);

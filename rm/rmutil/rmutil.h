@@ -1,15 +1,37 @@
 // Conveniences, front page.
 //
-//   localenv.cpp  settings of this process that override its environment
+//   localenv.cpp    settings of this process that override its environment
+//   textstream.cpp  lines of managed files
+//   iniread.cpp     INI files: sections, entries and values
+//   iniwrite.cpp    INI files: rewriting one through a temporary file
 #ifndef RM_RMUTIL_RMUTIL_H
 #define RM_RMUTIL_RMUTIL_H
 
 #include "rm/base.h"
 
 #include <cstdint>
+#include <span>
+#include <string_view>
 
 namespace rmutil
 {
+constexpr uint32_t kStreamBlock = 512;  // bytes
+}
+
+// The fields up to `buffer` are the ones of every release of the library, in their order.
+struct FileStream {
+    FileHandle handle;
+    uint32_t pending;                   // bytes of the block that are not written yet
+    uint32_t cursor;                    // next byte in the block, 0 to 512
+    char buffer[rmutil::kStreamBlock];  // the block
+    uint32_t filled;                    // bytes that the last read gave
+    bool failed;                        // a read failed, or a write fell short, at any time
+};
+
+namespace rmutil
+{
+
+// --- localenv.cpp
 
 extern char** LocalEnv;       // whole NAME=value texts under tag 0; a slot may be null
 extern uint16_t NumLocalEnv;  // slots in the array
@@ -19,6 +41,72 @@ uint32_t checkLocalEnv();
 
 // Forgets all entries without freeing them: their memory is about to go.
 void forgetLocalEnv();
+
+// --- textstream.cpp
+
+constexpr uint32_t kLineStep = 100;  // bytes by which a buffer for lines grows
+
+// Where lines of any length are put together.
+struct LineContext {
+    FileStream* stream;
+    char* buffer;       // under tag 0; null until it is needed
+    uint32_t size;      // bytes that it has to have: 100, and 100 more as often as a line asked
+    uint32_t capacity;  // bytes that it has
+};
+
+constexpr LineContext linesOf(FileStream* stream)
+{
+    return {stream, nullptr, kLineStep, 0};
+}
+
+// Reads a line into the `size` bytes at `buffer`, which are the context's own, and makes them more
+// as long as it does not end. 0 when there is no line.
+int16_t GetLine(char* buffer, uint32_t size, LineContext* context);
+
+// The next line as GetLine gives it, without its newline, and without copying it where the block
+// holds it whole. Valid until the next call. The buffer in the context is freed by the caller.
+bool nextLine(LineContext* context, std::string_view* line);
+
+// The next line with every byte that it has, zeros too; the last one need not end with a newline.
+bool nextWhole(LineContext* context, std::string_view* line);
+
+// Gives back what the buffer has beyond its size.
+void finishLines(LineContext* context);
+
+// Writes the pieces and a newline.
+void putLine(FileStream* stream, std::span<const std::string_view> pieces);
+
+// Writes what is pending. False when the stream has failed, now or before.
+bool flushStream(FileStream* stream);
+
+// --- iniread.cpp
+
+constexpr char kIniComment = ';';
+constexpr char kIniSection = '[';
+constexpr char kIniEquals = '=';
+
+// True when `line` begins with "[" and the text up to its first "]" is `section`, in any case.
+bool isHeaderOf(std::string_view line, const char* section);
+
+// True when both are the same text but for the case of ASCII letters.
+bool equalsFolded(std::string_view text, const char* other);
+
+// The path of the file that rm_iniGet and rm_iniSet use, made anew for each call; tag 0.
+char* defaultIniPath();
+
+// 1 when the section is found: its entries are read next.
+int16_t FindSection(LineContext* lines, const char* section);
+
+// --- iniwrite.cpp
+
+// Writes an entry, behind an empty line and the section's header when `section` is not null.
+int16_t AddLine(FileStream* stream, const char* section, const char* key, const char* value);
+
+// Comes back when no process rewrites a file in the directory of `path`, or after a while.
+void waitForRewrite(const char* path);
+
+// Gives back the lock of a rewrite whose frames are abandoned.
+void abandonRewrite();
 
 }  // namespace rmutil
 

@@ -1,6 +1,7 @@
 // Text and path utilities, front page.
 //
 //   strings.cpp  case, comparison, splitting, joining, bounded copies, line reading
+//   paths.cpp    paths of a directory, a base name and an extension
 //
 // Character classes are those of ASCII whatever locale the host has set, and bytes from 0x80 up
 // belong to none of them: a database server must order and fold its keys the same way on every

@@ -33,7 +33,7 @@ namespace
 {
 static_assert(sizeof(off_t) == sizeof(int64_t), "files reach beyond 2 GiB: _FILE_OFFSET_BITS=64");
 
-constexpr int kReadAttempts = 6;
+constexpr int kAttempts = 6;  // of a call that signals interrupt
 constexpr double kFreeBlockBytes = 512.0;
 constexpr int kSpaceAttempts = 1000;  // interrupted ones; a bound, so that no caller can hang
 constexpr int kTempNameTries = 10000;
@@ -109,7 +109,7 @@ int16_t rm_flRead(int32_t fd, void* buffer, int32_t length, int32_t* count)
         if (*count == length || errno == 0) {
             return RM_SUCCESS;
         }
-        if (errno != EINTR || attempt == kReadAttempts) {
+        if (errno != EINTR || attempt == kAttempts) {
             return static_cast<int16_t>(errno);
         }
     }
@@ -177,6 +177,22 @@ int16_t rm_flSync(int32_t fd)
 {
     if (fileCommit != 0) {
         fsync(fd);
+    }
+    return RM_SUCCESS;
+}
+
+int16_t os::bringToDisk(int32_t fd)
+{
+    if (fileCommit == 0) {
+        return RM_SUCCESS;
+    }
+    for (int attempt = 1; fsync(fd) != 0; ++attempt) {
+        if (errno == EINVAL || errno == ENOTSUP) {
+            return RM_SUCCESS;  // a device that has nothing to sync
+        }
+        if (errno != EINTR || attempt == kAttempts) {
+            return static_cast<int16_t>(errno);
+        }
     }
     return RM_SUCCESS;
 }

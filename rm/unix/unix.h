@@ -4,6 +4,7 @@
 //   token.cpp    the files by whose paths processes find the same IPC object
 //   sync.cpp     sync objects: one semaphore set of 20 per process
 //   osfile.cpp   descriptors
+//   osdir.cpp    what the replacement of a file needs of its directory and its permissions
 #ifndef RM_UNIX_UNIX_H
 #define RM_UNIX_UNIX_H
 
@@ -61,6 +62,25 @@ extern int32_t null_block_filled;                // 1 once the block has been cl
 
 // As rm_flSeek, with an offset of any width: the managed layer's offsets are unsigned 32-bit.
 int16_t seekDescriptor(int32_t fd, int64_t offset, int16_t whence, uint32_t* position);
+
+// As rm_flSync, but tells: 0, or the errno with which the disk refused.
+int16_t bringToDisk(int32_t fd);
+
+// --- osdir.cpp
+
+constexpr int32_t kDirectoryBusy = -2;  // another process kept the lock for the whole time
+
+// Excludes other processes that lock the same directory. Returns a descriptor for unlockDirectory;
+// RM_NONE when the system offers no lock there, and the caller goes on without; kDirectoryBusy
+// after `timeoutMs`. Dies with the process.
+int32_t lockDirectory(const char* path, uint32_t timeoutMs);
+void unlockDirectory(int32_t lock);
+
+// True when both paths lead to one file.
+bool isSameFile(const char* path, const char* otherPath);
+
+// Gives the file at `to` the permissions, and where it may the owner, of the one at `from`.
+void copyPermissions(const char* from, const char* to);
 
 }  // namespace os
 

@@ -62,7 +62,7 @@ int busyAtTheEndOf(Call failing, const std::function<void()>& run)
 {
     int busy = -1;
     ScopedFault fault({.call = failing, .error = EIO});
-    Spy spy(Call::kFprintf, [&](const CallRecord&) { busy = entryOf(0)->busyCount; });
+    Spy spy(Call::kFwrite, [&](const CallRecord&) { busy = entryOf(0)->busyCount; });
     EXPECT_TRUE(fatalEnd(run).jumped);
     return busy;
 }

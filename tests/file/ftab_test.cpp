@@ -626,7 +626,7 @@ TEST_F(FileOpen, InFatalModeLeavesFileSemBeforeItsLine)
 {
     rm_fileClose(openNew("f"));
     std::vector<int> values;
-    Spy spy(Call::kFprintf, [&](const CallRecord&) { values.push_back(fileSemValue()); });
+    Spy spy(Call::kFwrite, [&](const CallRecord&) { values.push_back(fileSemValue()); });
     fatalEnd([] { rm_fileOpen("missing", RM_O_RDWR, FILE_FATAL, 0, 0); });
     ASSERT_FALSE(values.empty());
     EXPECT_EQ(values.front(), 1);
@@ -837,7 +837,7 @@ TEST_F(FileClose, OfAFreeSlotLeavesFileSemBeforeItsLine)
 {
     openMany(1);
     int value = -1;
-    Spy spy(Call::kFprintf, [&](const CallRecord&) { value = fileSemValue(); });
+    Spy spy(Call::kFwrite, [&](const CallRecord&) { value = fileSemValue(); });
     linesOf([] { rm_fileClose(5); });
     EXPECT_EQ(value, 1);
 }

@@ -597,7 +597,7 @@ TEST_F(FailedGrowth, LeavesGrowSemOnceBeforeItsLinesAndOnceAfterThem)
     openStepped(1000);
     ScopedFault fault(failedGrowth(ENOSPC));
     std::vector<int> values;
-    Spy spy(Call::kFprintf, [&](const CallRecord&) { values.push_back(growSemValue()); });
+    Spy spy(Call::kFwrite, [&](const CallRecord&) { values.push_back(growSemValue()); });
     fatalEnd([] { seekWrite(0, 0, "x"); });
     ASSERT_GE(values.size(), 3U);
     EXPECT_EQ(values[0], 1);

@@ -514,7 +514,7 @@ TEST_F(FatalWorker, IsMarkedBeforeTheBanner)
     ASSERT_EQ(rm_foregroundThread(), 1);
     runChild([] {
         static int16_t atFirstLine = -1;
-        ScopedFault watch({.call = Call::kFprintf, .when = [](const CallRecord&) {
+        ScopedFault watch({.call = Call::kFwrite, .when = [](const CallRecord&) {
                                if (atFirstLine == -1) {
                                    atFirstLine = rm_getOSTerm();
                                }
@@ -530,7 +530,7 @@ TEST_F(FatalWorker, IsMarkedAfterItsOwnLines)
     ASSERT_EQ(rm_foregroundThread(), 1);
     runChild([] {
         static int16_t atFirstLine = -1;
-        ScopedFault watch({.call = Call::kFprintf, .when = [](const CallRecord&) {
+        ScopedFault watch({.call = Call::kFwrite, .when = [](const CallRecord&) {
                                if (atFirstLine == -1) {
                                    atFirstLine = rm_getOSTerm();
                                }
@@ -571,7 +571,7 @@ TEST_F(FatalWorker, WithoutTargetIsNeverMarkedAsUnwinding)
     ASSERT_EQ(rm_foregroundThread(), 1);
     const ChildResult child = runChild([] {
         static bool unwinding = false;
-        static ScopedFault watch({.call = Call::kFprintf, .when = [](const CallRecord&) {
+        static ScopedFault watch({.call = Call::kFwrite, .when = [](const CallRecord&) {
                                       unwinding = unwinding || rm_getOSTerm() == 2;
                                       return false;
                                   }});

@@ -397,8 +397,8 @@ TEST_F(LogStandardOutput, IsFlushedBeforeAndAfterTheLine)
         rm_systemLogWrite("a line");
     });
     std::vector<std::string> steps;
-    for (const CallRecord& call : callTrace({Call::kFflush, Call::kFprintf})) {
-        if (call.pointer<FILE>(0) == stderr && call.call == Call::kFprintf) {
+    for (const CallRecord& call : callTrace({Call::kFflush, Call::kFwrite})) {
+        if (call.pointer<FILE>(3) == stderr && call.call == Call::kFwrite) {
             steps.emplace_back("line");
         } else if (call.pointer<FILE>(0) == stdout) {
             steps.emplace_back("flush");
@@ -466,7 +466,7 @@ TEST_F(LogErrno, IsTheCallersWhenEveryWayOfTheLineFails)
     openLog();
     ScopedFault zone({.call = Call::kLocaltime, .error = EOVERFLOW, .times = kForever});
     ScopedFault flush({.call = Call::kFflush, .error = EIO, .times = kForever});
-    ScopedFault error({.call = Call::kFprintf, .error = EPIPE, .times = kForever});
+    ScopedFault error({.call = Call::kFwrite, .error = EPIPE, .times = kForever});
     ScopedFault file({.call = Call::kVfprintf, .error = ENOSPC, .times = kForever});
     errno = EDOM;
     rm_systemLogWrite("a line");
@@ -582,7 +582,7 @@ TEST_F(LogFaults, AStandardErrorThatFailsDoesNotKeepTheLineFromTheFile)
     for (const int error : rmtest::kWriteErrors) {
         openLog();
         {
-            ScopedFault fault({.call = Call::kFprintf, .error = error, .times = kForever});
+            ScopedFault fault({.call = Call::kFwrite, .error = error, .times = kForever});
             rm_systemLogWrite("a line");
         }
         EXPECT_THAT(fileLines(), ElementsAre("a line"));

@@ -153,7 +153,7 @@ TEST_F(Unwind, TheFatalPathIsOverAtTheExitTarget)
 TEST_F(Unwind, EveryEntryPointBeginsTheFatalPath)
 {
     static bool dying = false;
-    ScopedFault watch({.call = Call::kFprintf, .when = [](const CallRecord&) {
+    ScopedFault watch({.call = Call::kFwrite, .when = [](const CallRecord&) {
                            dying = rmsrv::inFatalPath();
                            return false;
                        }});

@@ -20,6 +20,7 @@
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/msg.h>
@@ -293,6 +294,10 @@ RM_WRAP(kTime, time_t, time, (time_t* out), ("time", out));
 RM_WRAP(kLocaltime, struct tm*, localtime, (const time_t* t), ("localtime", t));
 RM_WRAP(kLocaltimeR, struct tm*, localtime_r, (const time_t* t, struct tm* out), ("localtime_r", t, out));
 RM_WRAP(kClockGettime, int, clock_gettime, (clockid_t clock, struct timespec* now), ("clock_gettime", clock, now));
+RM_WRAP(kNanosleep, int, nanosleep, (const struct timespec* wanted, struct timespec* left), ("nanosleep", wanted, left));
+RM_WRAP(kFlock, int, flock, (int fd, int operation), ("flock", fd, operation));
+RM_WRAP(kChmod, int, chmod, (const char* path, mode_t mode), ("chmod", path, mode));
+RM_WRAP(kChown, int, chown, (const char* path, uid_t owner, gid_t group), ("chown", path, owner, group));
 // clang-format on
 
 RM_WRAP(kGetMemory, void*, rm_getMemory, (uint32_t size, int16_t tag), ("rm_getMemory", size, tag));

@@ -75,6 +75,10 @@ enum class Call : uint8_t {
     kLocaltime,
     kLocaltimeR,
     kClockGettime,
+    kNanosleep,
+    kFlock,
+    kChmod,
+    kChown,
     kGetMemory,   // rm_getMemory, as files outside the memory manager call it
     kAllocBlock,  // rmalloc::allocBlock, as other files of the library call it
     kCallCount    // not a call, their number

@@ -1,0 +1,245 @@
+// INI files: changing one.
+//
+// Why: a settings file is rewritten whole, through a temporary file beside it, so that whoever is
+// killed in the middle leaves the old file or the new one and never a part of either:
+//
+//   1. lock the directory            processes that rewrite files in it take turns
+//   2. copy, with the change, into "_temp_.ini"
+//   3. bring that to the disk        any failure up to here: it is removed, the old file stands
+//   4. remove the old file           a failure: both stand
+//   5. rename the temporary file     a failure, or an end between 4 and 5: the new content stands
+//                                    whole in "_temp_.ini", and the path is absent
+//
+// What is copied is copied byte for byte, carriage returns and zeros too, and the last line whether
+// it ends with a newline or not.
+//
+// Owns: the lock on the directory while a rewrite runs.
+//
+// Locks: the directory's, then those of the managed files. Fatal: no memory, a lock that is not
+// free in time; the temporary file stays then, the old one is untouched. Nothing is logged but by
+// the managed files.
+#include "rm/file/file.h"
+#include "rm/rmutil/rmutil.h"
+#include "rm/txtutil/txtutil.h"
+#include "rm/unix/unix.h"
+
+#include <cstring>
+
+using namespace rmutil;
+
+namespace
+{
+constexpr char kTempName[] = "_temp_.ini";
+constexpr const char* kEnvironment = "ENVIRONMENT";
+
+int32_t rewriteLock = RM_NONE;  // what lockDirectory gave; RM_NONE outside a rewrite
+
+// What is to be changed: an entry set when `value` is given, an entry deleted when only `key` is,
+// else the section.
+struct Change {
+    const char* section;
+    const char* key;
+    const char* value;
+};
+
+// The copy as far as it has come.
+struct Copy {
+    const Change* change;
+    FileStream* out;
+    bool inSection;  // since its header
+    bool done;       // all that follows is copied
+};
+
+void put(FileStream* out, std::string_view line)
+{
+    putLine(out, {&line, 1});
+}
+
+void addEntry(const Copy& copy, const char* section)
+{
+    AddLine(copy.out, section, copy.change->key, copy.change->value);
+}
+
+// Lines before the section. Its header goes with it when it is deleted.
+void copyOutside(Copy* copy, std::string_view line)
+{
+    copy->inSection = isHeaderOf(line, copy->change->section);
+    if (!copy->inSection || copy->change->key != nullptr) {
+        put(copy->out, line);
+    }
+}
+
+bool isEntryOf(std::string_view line, const char* key)
+{
+    const std::size_t equals = line.find(kIniEquals);
+    return equals != std::string_view::npos && !line.starts_with(kIniComment) &&
+           equalsFolded({line.data(), equals}, key);
+}
+
+// Lines of the section, when an entry is set or deleted.
+void copyInside(Copy* copy, std::string_view line)
+{
+    const bool setting = copy->change->value != nullptr;
+    if (setting && !line.empty() && txtutil::isSpace(line.front())) {
+        addEntry(*copy, nullptr);
+        put(copy->out, line);
+        copy->done = true;
+    } else if (line.starts_with(kIniSection)) {
+        // Deliberate: a new entry is not written before the next section. Files in which sections
+        // are not separated by a line that begins with white space are left as they are.
+        put(copy->out, line);
+        copy->done = true;
+    } else if (!isEntryOf(line, copy->change->key)) {
+        put(copy->out, line);
+    } else if (setting) {
+        addEntry(*copy, nullptr);
+        copy->done = true;
+    }
+}
+
+void copyLine(Copy* copy, std::string_view line)
+{
+    if (copy->done) {
+        put(copy->out, line);
+    } else if (!copy->inSection) {
+        copyOutside(copy, line);
+    } else if (copy->change->key != nullptr) {
+        copyInside(copy, line);
+    } else if (line.starts_with(kIniSection)) {
+        put(copy->out, line);
+        copy->done = true;
+    }
+}
+
+// True when all of `in` has been read, and the temporary file is as it has to be, on the disk.
+bool copyWith(const Change& change, FileStream* in, FileStream* out)
+{
+    Copy copy = {&change, out, false, false};
+    LineContext lines = linesOf(in);
+    std::string_view line;
+    while (!out->failed && nextWhole(&lines, &line)) {
+        copyLine(&copy, line);
+    }
+    rm_freeMemory(lines.buffer, 0);
+    if (!copy.done && change.key != nullptr && change.value != nullptr) {
+        addEntry(copy, copy.inSection ? nullptr : change.section);
+    }
+    return flushStream(out) && !in->failed && file::bringToDisk(out->handle) == RM_SUCCESS;
+}
+
+int16_t rewrite(const Change& change, const char* path, const char* tempPath)
+{
+    // The file first: when it is missing, a temporary file may be all that is left of it.
+    FileStream* in = rm_fileStreamOpen(path, "r");
+    if (in == nullptr) {
+        return RM_CANNOT_OPEN;
+    }
+    FileStream* out = os::isSameFile(path, tempPath) ? nullptr : rm_fileStreamOpen(tempPath, "w");
+    if (out == nullptr) {
+        rm_fileStreamClose(in);
+        return RM_CANNOT_OPEN;
+    }
+    const bool complete = copyWith(change, in, out);
+    rm_fileStreamClose(in);
+    rm_fileStreamClose(out);
+    if (!complete) {
+        rm_fileRemove(tempPath);
+        return RM_RENAME_FAILED;
+    }
+    os::copyPermissions(path, tempPath);
+    const bool replaced =
+        rm_fileRemove(path) == RM_SUCCESS && rm_fileRename(tempPath, path) == RM_SUCCESS;
+    return replaced ? int16_t{RM_SUCCESS} : int16_t{RM_RENAME_FAILED};
+}
+
+// Bytes of the path up to and including its last slash.
+std::size_t directoryLength(const char* path)
+{
+    const char* slash = std::strrchr(path, '/');
+    return slash != nullptr ? static_cast<std::size_t>(slash - path) + 1 : 0;
+}
+
+// The directory of `path` followed by `name`, under tag 0.
+char* besides(const char* path, const char* name)
+{
+    const std::size_t length = directoryLength(path);
+    auto* result =
+        static_cast<char*>(rm_getMemory(static_cast<uint32_t>(length + std::strlen(name) + 1), 0));
+    std::memcpy(result, path, length);
+    std::strcpy(result + length, name);
+    return result;
+}
+
+int32_t lockDirectoryOf(const char* path)
+{
+    char* directory = besides(path, ".");
+    const int32_t lock = os::lockDirectory(directory, file::kLockTimeoutMs);
+    rm_freeMemory(directory, 0);
+    return lock;
+}
+}  // namespace
+
+int16_t rmutil::AddLine(FileStream* stream, const char* section, const char* key, const char* value)
+{
+    if (key == nullptr || value == nullptr) {
+        return RM_MISSING_ARGUMENT;
+    }
+    if (section != nullptr) {
+        const std::string_view header[] = {"[", section, "]"};
+        putLine(stream, {});
+        putLine(stream, header);
+    }
+    const std::string_view entry[] = {key, "=", value};
+    putLine(stream, entry);
+    return RM_SUCCESS;
+}
+
+void rmutil::waitForRewrite(const char* path)
+{
+    os::unlockDirectory(lockDirectoryOf(path));
+}
+
+void rmutil::abandonRewrite()
+{
+    os::unlockDirectory(rewriteLock);
+    rewriteLock = RM_NONE;
+}
+
+int16_t rm_iniSetPrivate(const char* section, const char* key, const char* value, const char* path)
+{
+    if (section == nullptr || path == nullptr) {
+        return RM_MISSING_ARGUMENT;
+    }
+    rewriteLock = lockDirectoryOf(path);
+    if (rewriteLock == os::kDirectoryBusy) {
+        rewriteLock = RM_NONE;
+        return RM_CANNOT_OPEN;
+    }
+    char* tempPath = besides(path, kTempName);
+    const Change change = {section, key, value};
+    const int16_t result = rewrite(change, path, tempPath);
+    rm_freeMemory(tempPath, 0);
+    abandonRewrite();
+    return result;
+}
+
+int16_t rm_iniSet(const char* section, const char* key, const char* value)
+{
+    if (section == nullptr) {
+        return RM_MISSING_ARGUMENT;
+    }
+    char* path = defaultIniPath();
+    if (path == nullptr) {
+        return RM_OUT_OF_MEMORY;
+    }
+    const int16_t result = rm_iniSetPrivate(section, key, value, path);
+    rm_freeMemory(path, 0);
+    if (result == RM_SUCCESS && key != nullptr && value != nullptr &&
+        stricmp(section, kEnvironment) == 0) {
+        const char* entry[] = {key, "=", value};
+        char* text = StrArrayCat(entry, 3, 0);
+        rm_putLocalEnv(text);
+        rm_freeMemory(text, 0);
+    }
+    return result;
+}
