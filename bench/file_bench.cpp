@@ -1,113 +1,32 @@
 // Managed files against the bare sequence of the system calls that an operation has to make: the
 // timed lock of the table, the seek and the transfer; and, when a file must come back, the close of
 // another one, the open, the measuring and the seek to its place.
+#include "bare.h"
 #include "pairs.h"
 
 #include "rm.h"
 
 #include <array>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
 #include <string>
-#include <vector>
 
 #include <fcntl.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
 #include <unistd.h>
 
 namespace
 {
-constexpr unsigned kTimeoutSeconds = 14;
 constexpr off_t kOffset = 4096;
 constexpr std::size_t kLargest = 4096;
 constexpr int16_t kOpenAtOnce = 8;
 constexpr std::size_t kManyFiles = 32;
 
-void onAlarm(int /*signalNumber*/) {}
+using rmbench::BareLock;
+using rmbench::Scratch;
 
-void must(bool done, const char* what)
+// A file of two pages, so that reads at kOffset find their bytes.
+std::string makeFile(Scratch* scratch, std::size_t number)
 {
-    if (!done) {
-        std::perror(what);
-        std::exit(1);
-    }
+    return scratch->make(std::to_string(number), std::string(2 * kLargest, '\0'));
 }
-
-// A directory for the files of one benchmark; they are removed with it.
-class Scratch
-{
-  public:
-    Scratch()
-    {
-        const char* base = std::getenv("TMPDIR");
-        path_ = std::string(base != nullptr ? base : "/tmp") + "/rm_bench.XXXXXX";
-        must(mkdtemp(path_.data()) != nullptr, "mkdtemp");
-    }
-
-    ~Scratch()
-    {
-        for (const std::string& file : files_) {
-            unlink(file.c_str());
-        }
-        rmdir(path_.c_str());
-    }
-
-    Scratch(const Scratch&) = delete;
-    Scratch& operator=(const Scratch&) = delete;
-
-    // A file of two pages, so that reads at kOffset find their bytes.
-    const char* make(std::size_t number)
-    {
-        files_.push_back(path_ + "/" + std::to_string(number));
-        const int fd = open(files_.back().c_str(), O_RDWR | O_CREAT, 0600);
-        const std::array<char, 2 * kLargest> zeros = {};
-        must(write(fd, zeros.data(), zeros.size()) == static_cast<ssize_t>(zeros.size()), "write");
-        close(fd);
-        return files_.back().c_str();
-    }
-
-  private:
-    std::string path_;
-    std::vector<std::string> files_;
-};
-
-// The table's lock, made bare.
-class BareLock
-{
-  public:
-    BareLock() : id_(semget(IPC_PRIVATE, 1, IPC_CREAT | 0600))
-    {
-        must(id_ != -1, "semget");
-        leave();
-    }
-
-    ~BareLock() { semctl(id_, 0, IPC_RMID); }
-
-    BareLock(const BareLock&) = delete;
-    BareLock& operator=(const BareLock&) = delete;
-
-    void enter() const
-    {
-        sembuf operation = {0, -1, 0};
-        const timespec limit = {kTimeoutSeconds, 0};
-        signal(SIGALRM, onAlarm);
-        alarm(kTimeoutSeconds);
-        benchmark::DoNotOptimize(semtimedop(id_, &operation, 1, &limit));
-        alarm(0);
-    }
-
-    void leave() const
-    {
-        sembuf operation = {0, 1, 0};
-        benchmark::DoNotOptimize(semop(id_, &operation, 1));
-    }
-
-  private:
-    int id_;
-};
 
 std::array<char, kLargest>& buffer()
 {
@@ -120,7 +39,7 @@ template <typename Transfer>
 void hotOurs(benchmark::State& state, Transfer transfer)
 {
     Scratch scratch;
-    const int16_t handle = rm_fileOpen(scratch.make(0), RM_O_RDWR, 0, 0, 0);
+    const int16_t handle = rm_fileOpen(makeFile(&scratch, 0).c_str(), RM_O_RDWR, 0, 0, 0);
     const auto length = static_cast<uint32_t>(state.range(0));
     for (auto _ : state) {
         benchmark::DoNotOptimize(transfer(handle, kOffset, buffer().data(), length));
@@ -134,7 +53,7 @@ void hotBare(benchmark::State& state, Transfer transfer)
 {
     Scratch scratch;
     const BareLock lock;
-    const int fd = open(scratch.make(0), O_RDWR);
+    const int fd = open(makeFile(&scratch, 0).c_str(), O_RDWR);
     const auto length = static_cast<std::size_t>(state.range(0));
     for (auto _ : state) {
         lock.enter();
@@ -173,7 +92,7 @@ void parkOurs(benchmark::State& state)
     fileHandleLimit = kOpenAtOnce;
     std::array<int16_t, kManyFiles> handles = {};
     for (std::size_t i = 0; i < kManyFiles; ++i) {
-        handles[i] = rm_fileOpen(scratch.make(i), RM_O_RDWR, 0, 0, 0);
+        handles[i] = rm_fileOpen(makeFile(&scratch, i).c_str(), RM_O_RDWR, 0, 0, 0);
     }
     std::size_t next = 0;
     for (auto _ : state) {
@@ -200,7 +119,7 @@ void parkBare(benchmark::State& state)
     std::array<std::string, kManyFiles> names;
     std::array<int, kManyFiles> fds = {};
     for (std::size_t i = 0; i < kManyFiles; ++i) {
-        names[i] = scratch.make(i);
+        names[i] = makeFile(&scratch, i);
         paths[i] = names[i].c_str();
         fds[i] = i + kOpenAtOnce >= kManyFiles ? open(paths[i], O_RDWR) : -1;
     }

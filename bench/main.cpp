@@ -134,6 +134,9 @@ int main(int argc, char** argv)
     rmbench::addSyncPairs();
     rmbench::addFilePairs();
     rmbench::addMemoryPairs();
+    rmbench::addLogPairs();
+    rmbench::addStreamPairs();
+    rmbench::addIniPairs();
 
     std::printf("Running %zu pairs; a few minutes.\n", rmbench::allPairs().size());
     std::fflush(stdout);

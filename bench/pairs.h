@@ -53,6 +53,9 @@ std::string bareName(const Pair& pair);
 void addSyncPairs();
 void addFilePairs();
 void addMemoryPairs();
+void addLogPairs();
+void addStreamPairs();
+void addIniPairs();
 }  // namespace rmbench
 
 #endif
