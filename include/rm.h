@@ -1634,9 +1634,9 @@ RM_API char* rm_fileStreamGetLine(FileStream* stream, char** lineBuffer, uint32_
  *
  * **Rewriting.** A change copies the file into "_temp_.ini" in the same directory, brings that to
  * the disk (unless #fileCommit is 0), removes the file, and renames the copy. Processes that change
- * files of one directory take turns, by a lock on the directory, for which they wait up to 14 s.
- * The new file has the permissions of the old one. When a change returns ::RM_RENAME_FAILED, or its
- * process died in it, look at the path:
+ * files of one directory take turns, by a lock on the copy, for which they wait up to 14 s; and so
+ * does a reader that finds no file while there is a copy. The new file has the permissions of the
+ * old one. When a change returns ::RM_RENAME_FAILED, or its process died in it, look at the path:
  *
  * | The path is | "_temp_.ini" is | Then                                                          |
  * |-------------|-----------------|---------------------------------------------------------------|
@@ -1673,7 +1673,7 @@ RM_API char* rm_fileStreamGetLine(FileStream* stream, char** lineBuffer, uint32_
  * @return 0; ::RM_NOT_FOUND when there is no such thing, or the file cannot be opened;
  *         ::RM_MISSING_ARGUMENT for a null buffer or path
  * @fatal memory, lock, syscall
- * @locks #fileSem; when the file is missing also the directory's, up to 14 s
+ * @locks #fileSem; when the file is missing also that of a rewrite, up to 14 s
  * @log as rm_fileRead()
  */
 RM_API int16_t rm_iniGetPrivate(const char* section, const char* key, char* buffer, int16_t size,
@@ -1710,12 +1710,12 @@ RM_API int16_t rm_iniGet(const char* section, const char* key, char* buffer, int
  * @param path path of the file; "_temp_.ini" itself cannot be changed
  * @return 0, also when there was nothing to delete, **and when a new entry found no place**;
  *         ::RM_MISSING_ARGUMENT for a null section or path; ::RM_CANNOT_OPEN when the file or its
- *         copy cannot be opened, or another process kept the directory locked;
+ *         copy cannot be opened, or another process kept the copy locked;
  *         ::RM_RENAME_FAILED when the copy could not be written, or could not take the file's
  *         place: see above what stands where then
  * @fatal memory, lock, syscall; the copy may stay behind, and the file is untouched. The stream on
  *        it stays open: the process can change that file no more.
- * @locks the directory's, up to 14 s; #fileSem
+ * @locks that on the copy, up to 14 s; #fileSem
  * @log as rm_fileRead() and rm_fileWrite()
  */
 RM_API int16_t rm_iniSetPrivate(const char* section, const char* key, const char* value,

@@ -11,7 +11,7 @@
 //
 // Names are compared without regard to case.
 //
-// Owns: nothing. Locks: those of a managed file; a lock on the directory when a file is missing.
+// Owns: nothing. Locks: those of a managed file; that of a rewrite when the file is missing.
 //
 // Fatal: no memory, a lock that is not free in time. Nothing is logged.
 #include "rm/file/file.h"
@@ -162,13 +162,11 @@ int16_t answerValue(LineContext* lines, const char* section, const char* key, co
     return RM_SUCCESS;
 }
 
-// A file that is not there may be on its way back: a rewrite removes the old one before it renames
-// the new one. So a missing file is looked for again when no rewrite is going on in its directory.
+// A file that was not there a moment ago may be there now: see isThere.
 FileStream* openForReading(const char* path)
 {
     FileStream* stream = rm_fileStreamOpen(path, "r");
-    if (stream == nullptr && rm_fileValidate(path) != RM_SUCCESS) {
-        waitForRewrite(path);
+    if (stream == nullptr && isThere(path)) {
         stream = rm_fileStreamOpen(path, "r");
     }
     return stream;

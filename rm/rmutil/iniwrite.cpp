@@ -3,8 +3,8 @@
 // Why: a settings file is rewritten whole, through a temporary file beside it, so that whoever is
 // killed in the middle leaves the old file or the new one and never a part of either:
 //
-//   1. lock the directory            processes that rewrite files in it take turns
-//   2. copy, with the change, into "_temp_.ini"
+//   1. lock "_temp_.ini"             processes that rewrite files of one directory take turns
+//   2. copy into it, with the change
 //   3. bring that to the disk        any failure up to here: it is removed, the old file stands
 //   4. remove the old file           a failure: both stand
 //   5. rename the temporary file     a failure, or an end between 4 and 5: the new content stands
@@ -13,11 +13,11 @@
 // What is copied is copied byte for byte, carriage returns and zeros too, and the last line whether
 // it ends with a newline or not.
 //
-// Owns: the lock on the directory while a rewrite runs.
+// Owns: the lock on the temporary file while a rewrite runs.
 //
-// Locks: the directory's, then those of the managed files. Fatal: no memory, a lock that is not
-// free in time; the temporary file stays then, the old one is untouched. Nothing is logged but by
-// the managed files.
+// Locks: the temporary file's, then those of the managed files. Fatal: no memory, a lock that is
+// not free in time; the temporary file stays then, the old one is untouched. Nothing is logged but
+// by the managed files.
 #include "rm/file/file.h"
 #include "rm/rmutil/rmutil.h"
 #include "rm/txtutil/txtutil.h"
@@ -32,7 +32,7 @@ namespace
 constexpr char kTempName[] = "_temp_.ini";
 constexpr const char* kEnvironment = "ENVIRONMENT";
 
-int32_t rewriteLock = RM_NONE;  // what lockDirectory gave; RM_NONE outside a rewrite
+int32_t rewriteLock = RM_NONE;  // what lockFile gave; RM_NONE outside a rewrite
 
 // What is to be changed: an entry set when `value` is given, an entry deleted when only `key` is,
 // else the section.
@@ -170,12 +170,25 @@ char* besides(const char* path, const char* name)
     return result;
 }
 
-int32_t lockDirectoryOf(const char* path)
+bool exists(const char* path)
 {
-    char* directory = besides(path, ".");
-    const int32_t lock = os::lockDirectory(directory, file::kLockTimeoutMs);
-    rm_freeMemory(directory, 0);
-    return lock;
+    return rm_fileValidate(path) == RM_SUCCESS;
+}
+
+int16_t rewriteLocked(const Change& change, const char* path, const char* tempPath)
+{
+    bool created = false;
+    rewriteLock = os::lockFile(tempPath, file::kLockTimeoutMs, &created);
+    if (rewriteLock < 0) {
+        rewriteLock = RM_NONE;
+        return RM_CANNOT_OPEN;
+    }
+    const int16_t result = rewrite(change, path, tempPath);
+    if (result == RM_CANNOT_OPEN && created) {
+        rm_flRemove(tempPath);  // only one's own: another's may be all that is left of a file
+    }
+    abandonRewrite();
+    return result;
 }
 }  // namespace
 
@@ -194,14 +207,20 @@ int16_t rmutil::AddLine(FileStream* stream, const char* section, const char* key
     return RM_SUCCESS;
 }
 
-void rmutil::waitForRewrite(const char* path)
+bool rmutil::isThere(const char* path)
 {
-    os::unlockDirectory(lockDirectoryOf(path));
+    if (exists(path)) {
+        return true;
+    }
+    char* tempPath = besides(path, kTempName);
+    os::unlockFile(os::lockFile(tempPath, file::kLockTimeoutMs, nullptr));
+    rm_freeMemory(tempPath, 0);
+    return exists(path);
 }
 
 void rmutil::abandonRewrite()
 {
-    os::unlockDirectory(rewriteLock);
+    os::unlockFile(rewriteLock);
     rewriteLock = RM_NONE;
 }
 
@@ -210,16 +229,13 @@ int16_t rm_iniSetPrivate(const char* section, const char* key, const char* value
     if (section == nullptr || path == nullptr) {
         return RM_MISSING_ARGUMENT;
     }
-    rewriteLock = lockDirectoryOf(path);
-    if (rewriteLock == os::kDirectoryBusy) {
-        rewriteLock = RM_NONE;
+    if (!isThere(path)) {
         return RM_CANNOT_OPEN;
     }
     char* tempPath = besides(path, kTempName);
     const Change change = {section, key, value};
-    const int16_t result = rewrite(change, path, tempPath);
+    const int16_t result = rewriteLocked(change, path, tempPath);
     rm_freeMemory(tempPath, 0);
-    abandonRewrite();
     return result;
 }
 

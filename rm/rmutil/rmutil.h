@@ -102,8 +102,9 @@ int16_t FindSection(LineContext* lines, const char* section);
 // Writes an entry, behind an empty line and the section's header when `section` is not null.
 int16_t AddLine(FileStream* stream, const char* section, const char* key, const char* value);
 
-// Comes back when no process rewrites a file in the directory of `path`, or after a while.
-void waitForRewrite(const char* path);
+// True when the file exists. One that does not may be on its way back, since a rewrite removes the
+// old file before it renames the new one: then it is looked for again after that rewrite.
+bool isThere(const char* path);
 
 // Gives back the lock of a rewrite whose frames are abandoned.
 void abandonRewrite();

@@ -4,7 +4,7 @@
 //   token.cpp    the files by whose paths processes find the same IPC object
 //   sync.cpp     sync objects: one semaphore set of 20 per process
 //   osfile.cpp   descriptors
-//   osdir.cpp    what the replacement of a file needs of its directory and its permissions
+//   osreplace.cpp  what the replacement of a file needs: turns, identity, permissions
 #ifndef RM_UNIX_UNIX_H
 #define RM_UNIX_UNIX_H
 
@@ -66,15 +66,16 @@ int16_t seekDescriptor(int32_t fd, int64_t offset, int16_t whence, uint32_t* pos
 // As rm_flSync, but tells: 0, or the errno with which the disk refused.
 int16_t bringToDisk(int32_t fd);
 
-// --- osdir.cpp
+// --- osreplace.cpp
 
-constexpr int32_t kDirectoryBusy = -2;  // another process kept the lock for the whole time
+constexpr int32_t kFileBusy = -2;  // another process kept the lock for the whole time
 
-// Excludes other processes that lock the same directory. Returns a descriptor for unlockDirectory;
-// RM_NONE when the system offers no lock there, and the caller goes on without; kDirectoryBusy
-// after `timeoutMs`. Dies with the process.
-int32_t lockDirectory(const char* path, uint32_t timeoutMs);
-void unlockDirectory(int32_t lock);
+// Excludes other processes that lock the same path: whoever holds it may write, rename and remove
+// the file. It is made when it does not exist, and `*created` set then; with a null `created` it is
+// not made. Returns a descriptor for unlockFile, RM_NONE when the file cannot be opened, kFileBusy
+// after `timeoutMs`. Ends with the process.
+int32_t lockFile(const char* path, uint32_t timeoutMs, bool* created);
+void unlockFile(int32_t lock);
 
 // True when both paths lead to one file.
 bool isSameFile(const char* path, const char* otherPath);
