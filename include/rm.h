@@ -104,11 +104,14 @@
  * 4. **Workers open their files after the fork.** An inherited descriptor shares its offset with
  *    the parent's: a seek in one process moves the other. Whoever does use an inherited handle
  *    holds a lock of the host around every operation on it, in every process.
- * 5. **An inherited log stream may be written by all.** It appends, as long as nobody's copy of it
- *    is parked: open the log with ::FILE_PINNED.
+ * 5. **An inherited log stream may be written by all as long as nobody's copy of it is parked**,
+ *    since they share its offset; rm_systemLogOpen() does not keep it from being parked. A host
+ *    whose workers share the log sets #sysfile to a file that it opened with ::RM_O_APPEND, or with
+ *    ::FILE_PINNED.
  *
  * @section rm_locks Lock order
  *
+ * - OK: locks of the host, then the lock on the copy of an INI file (@ref rm_ini), then #fileSem.
  * - OK: locks of the host, then #fileSem, then #growSem.
  * - OK: locks of the host, then a file's own lock, then #growSem.
  * - The library leaves #fileSem before it enters a file's own lock. Only a line for the log file
@@ -343,9 +346,12 @@ RM_API void rm_systemLogOptWrite(const char* format, ...) RM_PRINTF(1, 2);
  * A file that exists already is kept as the backup, and replaces an older one: its name with
  * ".bak" in place of everything from the last dot. **The last dot of the whole path counts**, so
  * "logs.d/server" is kept as "logs.bak". Without any dot there is no backup, and the old log is
- * lost. A backup that cannot be made is passed over without a word.
+ * lost; so it is when the path itself ends in ".bak". A backup that cannot be made is passed over
+ * without a word.
  *
- * Lines reach the file from level 2 on.
+ * Lines reach the file from level 2 on. **The file may be parked, and then processes that inherited
+ * it write over each other's lines**: a worker opens one of its own (after rm_systemLogClose() and
+ * rm_systemLog()), or the host shares another one, see @ref rm_fork.
  *
  * @param path path of the file; null does nothing
  * @fatal memory, lock, syscall; mode, when the file cannot be opened
@@ -386,11 +392,11 @@ RM_API void rm_systemLogClose(void);
 RM_API void rm_statInit(uint16_t count);
 
 /**
- * Adds to a counter. Makes 54 counters first when there are none yet.
+ * Adds to a counter. Makes 54 counters first when rm_statInit() has not been called.
  *
  * @param index 0 to the number of counters - 1; ignored outside
  * @param amount what to add
- * @fatal memory, for the first call
+ * @fatal memory, when the counters are made
  * @log as rm_getMemory()
  */
 RM_API void rm_statInc(int16_t index, uint16_t amount);
@@ -416,7 +422,8 @@ RM_API void rm_statClearAll(void);
  * @param[out] count how many there are, 0 before the first use; may be null
  * @return the first of them; null before the first use
  * @fatal never
- * @memory the library's, under tag 0: valid until rm_statInit(); do not free it
+ * @memory the library's, under tag 0: valid until rm_statInit() or the end of tag 0
+ *         (rm_freeTagMemory(), rm_freeall()); do not free it
  */
 RM_API uint32_t* rm_statRep(uint16_t* count);
 
@@ -429,10 +436,9 @@ RM_API uint32_t* rm_statRep(uint16_t* count);
  * that all processes of the server share, and reads the one setting of the library from the
  * server's profile. Everything works without it too, with the initial values of the variables.
  *
- * | Key          | Section  | Meaning                                                           |
- * |--------------|----------|-------------------------------------------------------------------|
- * | `FileCommit` | `server` | #fileCommit; 0 turns syncs off, and so does a text that is no number
- * |
+ * | Key          | Section  | Meaning                                                        |
+ * |--------------|----------|----------------------------------------------------------------|
+ * | `FileCommit` | `server` | #fileCommit: 0, or a text that is no number, turns syncs off   |
  *
  * The profile is the default INI file, see @ref rm_ini.
  *
@@ -457,7 +463,7 @@ extern RM_API uint32_t hPriSh;
  *                    limit
  * @param freeSpace bytes, stored in #rminfree
  * @fatal memory, lock, syscall
- * @locks #fileSem, to read the profile
+ * @locks as rm_iniGet(), to read the profile
  * @log as rm_syncCreate() and rm_iniGet()
  */
 RM_API void rm_init(uint32_t memoryLimit, int16_t handleLimit, double freeSpace);
@@ -571,7 +577,8 @@ RM_API void rm_resetTag(jmp_buf env, int16_t tag);
 /**
  * Frees all blocks of a tag at once, and its name.
  *
- * @param tag a tag in use; -1 is ignored. With 0 the local environment goes too.
+ * @param tag a tag in use; -1 is ignored. With 0 the local environment and the statistics
+ *            go too.
  * @param release 0 keeps the tag, empty; any other value gives its number back too. Keep tag 0: the
  *                library allocates from it.
  * @fatal never
@@ -1543,7 +1550,7 @@ typedef struct FileStream FileStream;
  * @param path path of the file; null opens nothing
  * @param mode "r" to read; "w" to write, which creates the file or empties it; with "+" behind it
  *             the file is opened for both. At most three characters are looked at, and others are
- *             ignored: there is no mode to append, **"a" opens for reading**. Null reads.
+ *             ignored: there is no mode to append, **and "a" opens for reading**. Null reads.
  * @return the stream; null when the file cannot be opened
  * @fatal memory, lock, syscall
  * @locks #fileSem
@@ -1570,7 +1577,8 @@ RM_API void rm_fileStreamClose(FileStream* stream);
  * @param size bytes of the buffer; at most `size` - 1 of them are filled from the line. With 1 the
  *             text is empty, and one byte of the line is passed over; with 0 or less nothing is
  *             read or written, and null comes back.
- * @return `buffer`; null at the end of the file
+ * @return `buffer`; null at the end of the file, at a zero byte, and when the file cannot be read.
+ *         The buffer may hold the beginning of a line that is lost then.
  * @fatal lock, syscall
  * @locks #fileSem
  * @log as rm_fileRead()
@@ -1599,8 +1607,8 @@ RM_API uint32_t rm_fileStreamPuts(FileStream* stream, const char* text);
  * @param[in,out] lineSize address of the buffer's size in bytes; 0 stands for 100, and with a null
  *                buffer it counts as 100. It grows by 100 as often as a line asks for it. A null
  *                address gives null.
- * @return the buffer; null at the end of the file, and when the buffer is no block of tag 0 and
- *         cannot grow
+ * @return the buffer; null at the end of the file and the like, as rm_fileStreamGets(), and when
+ * the buffer is no block of tag 0 and cannot grow
  * @fatal memory, lock, syscall
  * @locks #fileSem
  * @memory the buffer is the caller's, under tag 0, also when null comes back
@@ -1633,19 +1641,26 @@ RM_API char* rm_fileStreamGetLine(FileStream* stream, char** lineBuffer, uint32_
  *   @ref rm_stream); a rewrite keeps it.
  *
  * **Rewriting.** A change copies the file into "_temp_.ini" in the same directory, brings that to
- * the disk (unless #fileCommit is 0), removes the file, and renames the copy. Processes that change
- * files of one directory take turns, by a lock on the copy, for which they wait up to 14 s; and so
- * does a reader that finds no file while there is a copy. The new file has the permissions of the
- * old one. When a change returns ::RM_RENAME_FAILED, or its process died in it, look at the path:
+ * the disk (unless #fileCommit is 0), removes the file, and renames the copy. The new file has the
+ * permissions of the old one, and its owner and group where the process may give it away; a
+ * permission that would be somebody else's is left out. A symbolic link is replaced by the file.
  *
- * | The path is | "_temp_.ini" is | Then                                                          |
- * |-------------|-----------------|---------------------------------------------------------------|
- * | there       | absent          | nothing was changed (or all, when the process died)           |
- * | there       | there           | nothing was changed; remove "_temp_.ini" | | absent      |
- * there           | the change stands whole in it: rename "_temp_.ini" to the path |
+ * Processes that change files of one directory take turns, by a lock on the copy (flock), for which
+ * they wait up to 14 s; and a reader waits as long for a file that is missing while the copy is
+ * locked. On a file system without locks nobody waits, and the host must see to the turns.
+ *
+ * When a change returns ::RM_RENAME_FAILED, or its process died in it, look at the path:
+ *
+ * | The path is | "_temp_.ini" is | Then                                                  |
+ * |-------------|-----------------|-------------------------------------------------------|
+ * | there       | absent          | nothing was changed; or all, when the process died    |
+ * | there       | there           | nothing was changed: remove "_temp_.ini"              |
+ * | absent      | there           | it is the changed file, whole: rename it to the path  |
  *
  * **Do that before the next change of any file in the directory**, since that writes "_temp_.ini"
- * anew. A host does best to look when it starts; @c docs/HOSTS.md has the lines for it.
+ * anew, **and only while you hold the lock on "_temp_.ini"**, since all three rows are also what a
+ * change in progress looks like. A host does best to look when it starts; @ref md_HOSTS has the
+ * lines for it.
  *
  * @par Example
  * @include ini.c
@@ -1665,13 +1680,14 @@ RM_API char* rm_fileStreamGetLine(FileStream* stream, char** lineBuffer, uint32_
  * @param section name of the section, or null
  * @param key name of the key, or null
  * @param[out] buffer `size` bytes. Left as it is when a value is not found, or the file cannot be
- *                    opened. Behind a value it is filled with zeros.
+ *                    opened. Behind a value, zeros fill all but its last byte.
  * @param size bytes of the buffer. A value of `size` - 2 bytes fits. With 1 the text is empty, with
  *             0 or less nothing is written.
  * @param withValues for the entries of a section: 0 lists keys only, else whole lines
  * @param path path of the file
  * @return 0; ::RM_NOT_FOUND when there is no such thing, or the file cannot be opened;
- *         ::RM_MISSING_ARGUMENT for a null buffer or path
+ *         ::RM_MISSING_ARGUMENT for a null buffer or path. A list that has no room for a single
+ *         byte is ::RM_NOT_FOUND.
  * @fatal memory, lock, syscall
  * @locks #fileSem; when the file is missing also that of a rewrite, up to 14 s
  * @log as rm_fileRead()
@@ -1713,8 +1729,7 @@ RM_API int16_t rm_iniGet(const char* section, const char* key, char* buffer, int
  *         copy cannot be opened, or another process kept the copy locked;
  *         ::RM_RENAME_FAILED when the copy could not be written, or could not take the file's
  *         place: see above what stands where then
- * @fatal memory, lock, syscall; the copy may stay behind, and the file is untouched. The stream on
- *        it stays open: the process can change that file no more.
+ * @fatal memory, lock, syscall; the copy may stay behind, and the file is untouched
  * @locks that on the copy, up to 14 s; #fileSem
  * @log as rm_fileRead() and rm_fileWrite()
  */
@@ -1935,8 +1950,8 @@ RM_API char* FgetsTrim(char* buffer, int16_t size, FILE* stream);
  * | ".."      | "/a/b/"    |
  *
  * Without `CATPATH` such a directory is dropped: the path is the base and the extension alone. One
- * slash at the end of `CATPATH` makes no difference. Without a slash before its last component,
- * ".." keeps nothing of it.
+ * slash at the end of `CATPATH` makes no difference. When it is empty, or ".." meets one without a
+ * slash before its last component, nothing of it is kept, and "./x" or "../x" stands for "/x".
  *
  * @par Example
  * @include paths.c

@@ -130,9 +130,11 @@ void forgetTablesOf(Tag tag)
 {
     if (tag == 0) {
         rmutil::forgetLocalEnv();
+        rmutil::forgetIniStreams();
         rmsrv::forgetStatistics();
     }
     if (file::fileTag != 0 && tag == file::fileTag) {
+        rmutil::forgetIniStreams();
         file::forgetTable();
     }
 }

@@ -6,8 +6,9 @@
 //
 // Owns: `sysfile`.
 //
-// Fatal: a log file that cannot be opened; what closing a managed file ends (a lock that is not
-// free in time).
+// Locks: fileSem, in opening and closing the managed file.
+//
+// Fatal: a log file that cannot be opened; no memory, a lock that is not free in time.
 #include "rm/rmsrv/rmsrv.h"
 
 #include <cstring>

@@ -5,12 +5,14 @@
 // profile have one moment at which they must be there: before the host forks and opens files. Each
 // has a value with which the library works before anybody set it.
 //
-// Owns: the settings below. The services that read them never change them, but for the locks, which
-// the file layer makes itself when nobody has, and `rmDiskFull`, which growth sets.
+// Owns: the settings below. Of the services that read them, the file layer makes the locks when
+// nobody has, growth sets `rmDiskFull`, and the end of all sync objects takes the locks away.
 //
-// Locks: fileSem, to read the profile. Fatal: what makes a sync object, no memory.
+// Locks: those of reading an INI file. Fatal: a sync object that cannot be made, no memory, a lock
+// that is not free in time.
 #include "rm/rmsrv/rmsrv.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 double rminfree = 0.0;         // bytes that growth leaves free on the disk
@@ -40,7 +42,7 @@ int16_t readFileCommit()
     if (rm_iniGet("server", "FileCommit", text, kCommitSize, kWithValues) != RM_SUCCESS) {
         return 1;
     }
-    return static_cast<int16_t>(std::atoi(text));
+    return static_cast<int16_t>(std::clamp(std::atoi(text), INT16_MIN, INT16_MAX));
 }
 }  // namespace
 

@@ -5,20 +5,20 @@
 //
 // Owns: the array of counters, under tag 0.
 //
-// Invariant: `statcount` counters stand at `stattab`, and both are 0 together.
+// Invariant: `statcount` counters stand at `stattab`, and none at null.
 //
 // Fatal: no memory for the counters. There are none then, as before the first use.
 #include "rm/rmsrv/rmsrv.h"
 
 #include <algorithm>
 
+using namespace rmsrv;
+
 namespace rmsrv
 {
 uint32_t* stattab = nullptr;
 uint16_t statcount = 0;
 }  // namespace rmsrv
-
-using namespace rmsrv;
 
 namespace
 {

@@ -11,9 +11,11 @@
 //
 // Names are compared without regard to case.
 //
-// Owns: nothing. Locks: those of a managed file; that of a rewrite when the file is missing.
+// Owns: the streams of a call, so that one that a fatal error leaves open is closed by the next.
 //
-// Fatal: no memory, a lock that is not free in time. Nothing is logged.
+// Locks: those of a managed file. A file that is missing while it is rewritten is waited for.
+//
+// Fatal: no memory, a lock that is not free in time. Nothing is logged but by the managed file.
 #include "rm/file/file.h"
 #include "rm/rmutil/rmutil.h"
 #include "rm/unix/unix.h"
@@ -27,12 +29,24 @@ namespace
 {
 constexpr const char* kDefaultBase = "corvane";
 constexpr const char* kDefaultExtension = "ini";
+constexpr int kTries = 5;  // to open a file that is there
 
 // The caller's buffer while a list is put into it.
 struct List {
     char* at;
     std::size_t left;  // bytes, the terminator of the whole list not counted
 };
+
+// The buffer of the caller; `size` as he gave it.
+struct Answer {
+    char* buffer;
+    int16_t size;
+    bool withValues;
+
+    std::size_t capacity() const { return size > 1 ? static_cast<std::size_t>(size) - 1 : 0; }
+};
+
+FileStream* iniStreams[2] = {nullptr, nullptr};  // by IniStream; null when not open
 
 // A bounded copy that fills all `size` bytes: what the text leaves of them is zeros.
 void copyBounded(char* to, std::string_view text, std::size_t size)
@@ -124,15 +138,6 @@ bool findValue(LineContext* lines, const char* key, std::string_view* value)
     return false;
 }
 
-// The buffer of the caller; `size` as he gave it.
-struct Answer {
-    char* buffer;
-    int16_t size;
-    bool withValues;
-
-    std::size_t capacity() const { return size > 1 ? static_cast<std::size_t>(size) - 1 : 0; }
-};
-
 int16_t answerList(LineContext* lines, const char* section, const Answer& answer)
 {
     List list = {answer.buffer, answer.capacity()};
@@ -162,16 +167,44 @@ int16_t answerValue(LineContext* lines, const char* section, const char* key, co
     return RM_SUCCESS;
 }
 
-// A file that was not there a moment ago may be there now: see isThere.
+// A file that was not there a moment ago may be there now, and gone again: see isThere.
 FileStream* openForReading(const char* path)
 {
-    FileStream* stream = rm_fileStreamOpen(path, "r");
-    if (stream == nullptr && isThere(path)) {
-        stream = rm_fileStreamOpen(path, "r");
+    FileStream* stream = openIni(kIniRead, path, "r");
+    for (int tries = 0; stream == nullptr && tries < kTries && isThere(path); ++tries) {
+        stream = openIni(kIniRead, path, "r");
     }
     return stream;
 }
 }  // namespace
+
+FileStream* rmutil::openIni(IniStream which, const char* path, const char* mode)
+{
+    closeIni(which);
+    iniStreams[which] = rm_fileStreamOpen(path, mode);
+    return iniStreams[which];
+}
+
+void rmutil::closeIni(IniStream which)
+{
+    FileStream* stream = iniStreams[which];
+    iniStreams[which] = nullptr;
+    if (stream != nullptr) {
+        stream->pending = 0;  // of a copy that nobody finished
+        rm_fileStreamClose(stream);
+    }
+}
+
+void rmutil::forgetIniStreams()
+{
+    iniStreams[kIniRead] = nullptr;
+    iniStreams[kIniCopy] = nullptr;
+}
+
+char* rmutil::defaultIniPath()
+{
+    return makeAllocPath(".", kDefaultBase, kDefaultExtension, 0);
+}
 
 bool rmutil::equalsFolded(std::string_view text, const char* other)
 {
@@ -211,7 +244,7 @@ int16_t rm_iniGetPrivate(const char* section, const char* key, char* buffer, int
                                ? answerList(&lines, section, answer)
                                : answerValue(&lines, section, key, answer);
     rm_freeMemory(lines.buffer, 0);
-    rm_fileStreamClose(stream);
+    closeIni(kIniRead);
     return result;
 }
 
@@ -228,9 +261,4 @@ int16_t rm_iniGet(const char* section, const char* key, char* buffer, int16_t si
     const int16_t result = rm_iniGetPrivate(section, key, buffer, size, withValues, path);
     rm_freeMemory(path, 0);
     return result;
-}
-
-char* rmutil::defaultIniPath()
-{
-    return makeAllocPath(".", kDefaultBase, kDefaultExtension, 0);
 }

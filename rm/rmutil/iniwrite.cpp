@@ -3,12 +3,12 @@
 // Why: a settings file is rewritten whole, through a temporary file beside it, so that whoever is
 // killed in the middle leaves the old file or the new one and never a part of either:
 //
-//   1. lock "_temp_.ini"             processes that rewrite files of one directory take turns
-//   2. copy into it, with the change
-//   3. bring that to the disk        any failure up to here: it is removed, the old file stands
-//   4. remove the old file           a failure: both stand
-//   5. rename the temporary file     a failure, or an end between 4 and 5: the new content stands
-//                                    whole in "_temp_.ini", and the path is absent
+//   1. lock "_temp_.ini"           processes that rewrite files of one directory take turns
+//   2. copy into it, with the change, and with the permissions of the old file
+//   3. bring that to the disk      any failure up to here: it is removed, the old file stands
+//   4. remove the old file         a failure: both stand
+//   5. rename the temporary file   a failure, or an end between 4 and 5: the new content stands
+//                                  whole in "_temp_.ini", and the path is absent
 //
 // What is copied is copied byte for byte, carriage returns and zeros too, and the last line whether
 // it ends with a newline or not.
@@ -31,8 +31,8 @@ namespace
 {
 constexpr char kTempName[] = "_temp_.ini";
 constexpr const char* kEnvironment = "ENVIRONMENT";
-
-int32_t rewriteLock = RM_NONE;  // what lockFile gave; RM_NONE outside a rewrite
+constexpr int kLooks = 5;               // for a file that is missing while nobody rewrites it
+constexpr uint32_t kMostPolls = 25000;  // while somebody does; about 14 s
 
 // What is to be changed: an entry set when `value` is given, an entry deleted when only `key` is,
 // else the section.
@@ -49,6 +49,8 @@ struct Copy {
     bool inSection;  // since its header
     bool done;       // all that follows is copied
 };
+
+int32_t rewriteLock = RM_NONE;  // what lockFile gave; RM_NONE outside a rewrite
 
 void put(FileStream* out, std::string_view line)
 {
@@ -111,7 +113,7 @@ void copyLine(Copy* copy, std::string_view line)
     }
 }
 
-// True when all of `in` has been read, and the temporary file is as it has to be, on the disk.
+// True when all of `in` has been read, and the copy is as it has to be.
 bool copyWith(const Change& change, FileStream* in, FileStream* out)
 {
     Copy copy = {&change, out, false, false};
@@ -124,32 +126,44 @@ bool copyWith(const Change& change, FileStream* in, FileStream* out)
     if (!copy.done && change.key != nullptr && change.value != nullptr) {
         addEntry(copy, copy.inSection ? nullptr : change.section);
     }
-    return flushStream(out) && !in->failed && file::bringToDisk(out->handle) == RM_SUCCESS;
+    return flushStream(out) && !in->failed;
 }
 
-int16_t rewrite(const Change& change, const char* path, const char* tempPath)
+// The copy takes the place of the file. Not when it has gone: who cleans up without asking for the
+// lock has removed it, and the old file is all there is.
+bool replace(const char* path, const char* directory, const char* tempPath)
 {
-    // The file first: when it is missing, a temporary file may be all that is left of it.
-    FileStream* in = rm_fileStreamOpen(path, "r");
-    if (in == nullptr) {
+    os::bringDirectoryToDisk(directory);
+    if (!os::leadsTo(tempPath, rewriteLock) || rm_fileRemove(path) != RM_SUCCESS ||
+        rm_fileRename(tempPath, path) != RM_SUCCESS) {
+        return false;
+    }
+    os::bringDirectoryToDisk(directory);
+    return true;
+}
+
+int16_t rewrite(const Change& change, const char* path, const char* directory, const char* tempPath)
+{
+    FileStream* in = openIni(kIniRead, path, "r");
+    if (in == nullptr || os::leadsTo(path, rewriteLock)) {
+        closeIni(kIniRead);
         return RM_CANNOT_OPEN;
     }
-    FileStream* out = os::isSameFile(path, tempPath) ? nullptr : rm_fileStreamOpen(tempPath, "w");
+    FileStream* out = openIni(kIniCopy, tempPath, "w");
     if (out == nullptr) {
-        rm_fileStreamClose(in);
+        closeIni(kIniRead);
         return RM_CANNOT_OPEN;
     }
-    const bool complete = copyWith(change, in, out);
-    rm_fileStreamClose(in);
-    rm_fileStreamClose(out);
-    if (!complete) {
+    bool good = copyWith(change, in, out);
+    os::copyPermissions(path, rewriteLock);
+    good = good && file::bringToDisk(out->handle) == RM_SUCCESS;
+    closeIni(kIniRead);
+    closeIni(kIniCopy);
+    if (!good) {
         rm_fileRemove(tempPath);
         return RM_RENAME_FAILED;
     }
-    os::copyPermissions(path, tempPath);
-    const bool replaced =
-        rm_fileRemove(path) == RM_SUCCESS && rm_fileRename(tempPath, path) == RM_SUCCESS;
-    return replaced ? int16_t{RM_SUCCESS} : int16_t{RM_RENAME_FAILED};
+    return replace(path, directory, tempPath) ? int16_t{RM_SUCCESS} : int16_t{RM_RENAME_FAILED};
 }
 
 // Bytes of the path up to and including its last slash.
@@ -175,17 +189,17 @@ bool exists(const char* path)
     return rm_fileValidate(path) == RM_SUCCESS;
 }
 
-int16_t rewriteLocked(const Change& change, const char* path, const char* tempPath)
+int16_t rewriteLocked(const Change& change, const char* path, const char* directory,
+                      const char* tempPath)
 {
-    bool created = false;
-    rewriteLock = os::lockFile(tempPath, file::kLockTimeoutMs, &created);
+    rewriteLock = os::lockFile(tempPath, file::kLockTimeoutMs);
     if (rewriteLock < 0) {
         rewriteLock = RM_NONE;
         return RM_CANNOT_OPEN;
     }
-    const int16_t result = rewrite(change, path, tempPath);
-    if (result == RM_CANNOT_OPEN && created) {
-        rm_flRemove(tempPath);  // only one's own: another's may be all that is left of a file
+    const int16_t result = rewrite(change, path, directory, tempPath);
+    if (result == RM_CANNOT_OPEN && os::isEmptyFile(rewriteLock)) {
+        rm_flRemove(tempPath);  // the one that the lock made; any other may be all that is left
     }
     abandonRewrite();
     return result;
@@ -212,8 +226,17 @@ bool rmutil::isThere(const char* path)
     if (exists(path)) {
         return true;
     }
+    // Between two looks at the path and at the copy a rewrite may end and the next one remove the
+    // file again; that this happens several times in a row is not believed.
     char* tempPath = besides(path, kTempName);
-    os::unlockFile(os::lockFile(tempPath, file::kLockTimeoutMs, nullptr));
+    int looks = kLooks;
+    for (uint32_t polls = 0; looks > 0 && polls < kMostPolls && !exists(path); ++polls) {
+        if (os::isLocked(tempPath)) {
+            os::waitABit();
+        } else {
+            --looks;
+        }
+    }
     rm_freeMemory(tempPath, 0);
     return exists(path);
 }
@@ -229,13 +252,12 @@ int16_t rm_iniSetPrivate(const char* section, const char* key, const char* value
     if (section == nullptr || path == nullptr) {
         return RM_MISSING_ARGUMENT;
     }
-    if (!isThere(path)) {
-        return RM_CANNOT_OPEN;
-    }
+    char* directory = besides(path, ".");
     char* tempPath = besides(path, kTempName);
     const Change change = {section, key, value};
-    const int16_t result = rewriteLocked(change, path, tempPath);
+    const int16_t result = rewriteLocked(change, path, directory, tempPath);
     rm_freeMemory(tempPath, 0);
+    rm_freeMemory(directory, 0);
     return result;
 }
 

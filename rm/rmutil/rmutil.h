@@ -50,13 +50,14 @@ constexpr uint32_t kLineStep = 100;  // bytes by which a buffer for lines grows
 struct LineContext {
     FileStream* stream;
     char* buffer;       // under tag 0; null until it is needed
-    uint32_t size;      // bytes that it has to have: 100, and 100 more as often as a line asked
+    uint32_t size;      // bytes that it has to have: more by 100 as often as a line asked for it
     uint32_t capacity;  // bytes that it has
+    char** home;        // where the caller keeps the pointer; null when it is kept here
 };
 
 constexpr LineContext linesOf(FileStream* stream)
 {
-    return {stream, nullptr, kLineStep, 0};
+    return {stream, nullptr, kLineStep, 0, nullptr};
 }
 
 // Reads a line into the `size` bytes at `buffer`, which are the context's own, and makes them more
@@ -90,6 +91,16 @@ bool isHeaderOf(std::string_view line, const char* section);
 
 // True when both are the same text but for the case of ASCII letters.
 bool equalsFolded(std::string_view text, const char* other);
+
+enum IniStream { kIniRead, kIniCopy };
+
+// The streams of a call in progress. One that a fatal error has left open is closed by the next
+// call: the process could not replace its file otherwise.
+FileStream* openIni(IniStream which, const char* path, const char* mode);
+void closeIni(IniStream which);
+
+// Forgets the streams without closing them: their memory, or the file table, is about to go.
+void forgetIniStreams();
 
 // The path of the file that rm_iniGet and rm_iniSet use, made anew for each call; tag 0.
 char* defaultIniPath();

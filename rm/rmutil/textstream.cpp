@@ -83,6 +83,17 @@ uint32_t lineLength(const char* from, uint32_t length, bool* newline)
     return static_cast<uint32_t>(zero - from);
 }
 
+// The buffer has become another block. The caller's pointer follows at once: the next step may not
+// return, and what it led to is free.
+void moveBuffer(LineContext* context, char* block, uint32_t capacity)
+{
+    context->buffer = block;
+    context->capacity = capacity;
+    if (context->home != nullptr) {
+        *context->home = block;
+    }
+}
+
 // Makes the buffer as large as it has to be, and in larger steps than the lines grow by: what is
 // too much is given back at the end. False when it is no block of tag 0; the log says so then.
 bool reserve(LineContext* context)
@@ -98,8 +109,7 @@ bool reserve(LineContext* context)
         context->size = context->capacity;
         return false;
     }
-    context->buffer = longer;
-    context->capacity = capacity;
+    moveBuffer(context, longer, capacity);
     return true;
 }
 
@@ -211,22 +221,17 @@ char* rm_fileStreamGetLine(FileStream* stream, char** lineBuffer, uint32_t* line
     if (stream == nullptr || lineBuffer == nullptr || lineSize == nullptr) {
         return nullptr;
     }
-    LineContext context = {stream, *lineBuffer, *lineSize, *lineSize};
-    if (context.buffer == nullptr) {
-        context.buffer = static_cast<char*>(rm_getMemory(kLineStep, 0));
-        context.size = kLineStep;
-    } else if (context.size == 0) {
-        context.size = kLineStep;
+    if (*lineBuffer == nullptr) {
+        *lineBuffer = static_cast<char*>(rm_getMemory(kLineStep, 0));
+        *lineSize = kLineStep;
     }
-    context.capacity = context.size;
-    *lineBuffer = context.buffer;
-    *lineSize = context.size;
+    const uint32_t size = *lineSize != 0 ? *lineSize : kLineStep;
+    LineContext context = {stream, *lineBuffer, size, size, lineBuffer};
 
     // One byte has no room for any of a line: it is made longer first.
     const bool roomy = context.size > 1 || grow(&context);
     const bool found = roomy && GetLine(context.buffer, context.size, &context) != 0;
     finishLines(&context);
-    *lineBuffer = context.buffer;
     *lineSize = context.size;
     return found ? context.buffer : nullptr;
 }
@@ -320,8 +325,7 @@ void rmutil::finishLines(LineContext* context)
 {
     if (context->capacity > context->size) {
         auto* exact = static_cast<char*>(rm_extendMemory(context->buffer, context->size, 0));
-        context->buffer = exact != nullptr ? exact : context->buffer;
-        context->capacity = context->size;
+        moveBuffer(context, exact != nullptr ? exact : context->buffer, context->size);
     }
 }
 

@@ -1,5 +1,5 @@
-// What the replacement of a file needs beyond its bytes: turns between processes, identity,
-// permissions.
+// What the replacement of a file needs beyond its bytes: turns between processes, permissions, the
+// directory on the disk.
 //
 // Why: files are replaced through a temporary file with a fixed name in the same directory. Two
 // processes that do it at once would write into one file and rename each other's away. So the
@@ -7,7 +7,8 @@
 // host's: servers are started under a lock on it.
 //
 // Locks: flock on the file. It goes with the descriptor, so it ends with the process, and a child
-// that is forked inside it would keep it; nothing here forks.
+// that is forked inside it would keep it; nothing here forks. Where the file system has no locks,
+// all go on without.
 //
 // Fatal: never.
 #include "rm/unix/unix.h"
@@ -22,82 +23,79 @@
 
 namespace
 {
-constexpr uint32_t kPollMs = 10;
-constexpr long kNsPerMs = 1000000;
-constexpr mode_t kPermissionBits = 07777;
+constexpr int64_t kMsPerSecond = 1000;
+constexpr int64_t kNsPerMs = 1000000;
+constexpr long kPollNs = 500000;
 constexpr mode_t kOwnOnly = 0600;  // of a temporary file, until it takes the place of another
+constexpr mode_t kPermissionBits = 07777;
+constexpr mode_t kGroupBits = 070;
+constexpr mode_t kSpecialBits = 07000;  // they act for the owner and the group, so they need both
 
-void waitABit()
+int64_t nowMs()
 {
-    const timespec interval = {0, kPollMs * kNsPerMs};
-    nanosleep(&interval, nullptr);
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * kMsPerSecond + now.tv_nsec / kNsPerMs;
 }
 
 // A link is refused: what it leads to is not ours to write. A FIFO is not waited for.
-int openToLock(const char* path, bool* created)
+int openToLock(const char* path)
 {
-    constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    const int fd = open(path, (created != nullptr ? O_RDWR : O_RDONLY) | kFlags);
-    if (fd != -1 || errno != ENOENT || created == nullptr) {
-        return fd;
+    constexpr int kFlags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    const int fd = open(path, kFlags);
+    return fd != -1 || errno != ENOENT ? fd : open(path, kFlags | O_CREAT | O_EXCL, kOwnOnly);
+}
+
+// 0 when it is ours, EAGAIN when it is another's.
+int tryLock(int fd, int operation)
+{
+    return flock(fd, operation | LOCK_NB) != 0 && errno == EWOULDBLOCK ? EAGAIN : 0;
+}
+
+// Only a file of one name may take the place of another: a device or a pipe has no bytes, and what
+// is written into a file with a second name changes that one too.
+bool mayReplace(int fd)
+{
+    struct stat status = {};
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink <= 1;
+}
+
+// One attempt: the descriptor with the lock; RM_NONE when the path cannot be opened or is no file
+// to replace another with; kFileBusy when it is another's, or the path leads to another file by
+// now.
+int32_t tryLockFile(const char* path)
+{
+    const int fd = openToLock(path);
+    if (fd == -1) {
+        return errno == EEXIST ? os::kFileBusy : int32_t{RM_NONE};
     }
-    const int made = open(path, O_RDWR | O_CREAT | O_EXCL | kFlags, kOwnOnly);
-    *created = *created || made != -1;
-    return made;
-}
-
-// Asked for again and again instead of waited for: no alarm is needed, whose handler and time
-// belong to the host. Where the system has no locks all go on without.
-bool waitForLock(int fd, uint32_t timeoutMs, uint32_t* waitedMs)
-{
-    while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK && errno != EINTR) {
-            return true;
-        }
-        if (*waitedMs >= timeoutMs) {
-            return false;
-        }
-        waitABit();
-        *waitedMs += kPollMs;
+    int32_t result = fd;
+    if (!mayReplace(fd)) {
+        result = RM_NONE;
+    } else if (tryLock(fd, LOCK_EX) != 0 || !os::leadsTo(path, fd)) {
+        result = os::kFileBusy;
     }
-    return true;
-}
-
-bool isOneFile(const struct stat& a, const struct stat& b)
-{
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
-bool leadsTo(const char* path, int fd)
-{
-    struct stat named = {};
-    struct stat opened = {};
-    return lstat(path, &named) == 0 && fstat(fd, &opened) == 0 && isOneFile(named, opened);
+    if (result != fd) {
+        close(fd);
+    }
+    return result;
 }
 }  // namespace
 
-int32_t os::lockFile(const char* path, uint32_t timeoutMs, bool* created)
+int32_t os::lockFile(const char* path, uint32_t timeoutMs)
 {
-    if (created != nullptr) {
-        *created = false;
+    // Asked for again and again instead of waited for: no alarm is needed, whose handler and time
+    // belong to the host.
+    const int64_t deadline = nowMs() + int64_t{timeoutMs};
+    int32_t lock = tryLockFile(path);
+    while (lock == kFileBusy && nowMs() < deadline) {
+        waitABit();
+        lock = tryLockFile(path);
     }
-    for (uint32_t waitedMs = 0;; waitedMs += kPollMs) {
-        const int fd = openToLock(path, created);
-        if (fd == -1 && errno != EEXIST) {
-            return RM_NONE;
-        }
-        if (fd != -1) {
-            const bool locked = waitForLock(fd, timeoutMs, &waitedMs);
-            if (locked && leadsTo(path, fd)) {
-                return fd;
-            }
-            close(fd);
-        }
-        // Whoever had it before has renamed or removed it: the path leads to the next one.
-        if (waitedMs >= timeoutMs) {
-            return kFileBusy;
-        }
+    if (lock >= 0) {
+        fchmod(lock, kOwnOnly);
     }
+    return lock;
 }
 
 void os::unlockFile(int32_t lock)
@@ -107,23 +105,63 @@ void os::unlockFile(int32_t lock)
     }
 }
 
-bool os::isSameFile(const char* path, const char* otherPath)
+bool os::isLocked(const char* path)
 {
-    struct stat status = {};
-    struct stat otherStatus = {};
-    return stat(path, &status) == 0 && stat(otherPath, &otherStatus) == 0 &&
-           isOneFile(status, otherStatus);
+    const int fd = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd == -1) {
+        return false;
+    }
+    const bool locked = tryLock(fd, LOCK_SH) != 0;
+    close(fd);
+    return locked;
 }
 
-void os::copyPermissions(const char* from, const char* to)
+void os::waitABit()
+{
+    const timespec interval = {0, kPollNs};
+    nanosleep(&interval, nullptr);
+}
+
+bool os::leadsTo(const char* path, int32_t fd)
+{
+    struct stat named = {};
+    struct stat opened = {};
+    return stat(path, &named) == 0 && fstat(fd, &opened) == 0 && named.st_dev == opened.st_dev &&
+           named.st_ino == opened.st_ino;
+}
+
+bool os::isEmptyFile(int32_t fd)
+{
+    struct stat status = {};
+    return fstat(fd, &status) == 0 && status.st_size == 0;
+}
+
+void os::copyPermissions(const char* from, int32_t to)
 {
     struct stat status = {};
     if (stat(from, &status) != 0) {
         return;
     }
-    if (chown(to, status.st_uid, status.st_gid) != 0) {
-        // Only the superuser may give a file away. Whoever may not replaces it by one of his own,
-        // with the same permissions.
+    mode_t mode = status.st_mode & kPermissionBits;
+    // Only the superuser may give a file away, and others may only give it to groups of theirs. A
+    // permission that would be another's then is not given at all.
+    if (fchown(to, status.st_uid, status.st_gid) != 0) {
+        mode &= ~kSpecialBits;
+        if (fchown(to, static_cast<uid_t>(-1), status.st_gid) != 0) {
+            mode &= ~kGroupBits;
+        }
     }
-    chmod(to, status.st_mode & kPermissionBits);
+    fchmod(to, mode);
+}
+
+void os::bringDirectoryToDisk(const char* path)
+{
+    if (fileCommit == 0) {
+        return;
+    }
+    const int fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd != -1) {
+        fsync(fd);  // some file systems refuse, and have their own order then
+        close(fd);
+    }
 }

@@ -70,18 +70,30 @@ int16_t bringToDisk(int32_t fd);
 
 constexpr int32_t kFileBusy = -2;  // another process kept the lock for the whole time
 
-// Excludes other processes that lock the same path: whoever holds it may write, rename and remove
-// the file. It is made when it does not exist, and `*created` set then; with a null `created` it is
-// not made. Returns a descriptor for unlockFile, RM_NONE when the file cannot be opened, kFileBusy
-// after `timeoutMs`. Ends with the process.
-int32_t lockFile(const char* path, uint32_t timeoutMs, bool* created);
+// Makes the file when there is none, and excludes other processes that lock the same path: whoever
+// holds it may write, rename and remove the file. Returns a descriptor for unlockFile; RM_NONE when
+// the file cannot be opened, or is none that could replace another; kFileBusy after `timeoutMs`.
+// Ends with the process.
+int32_t lockFile(const char* path, uint32_t timeoutMs);
 void unlockFile(int32_t lock);
 
-// True when both paths lead to one file.
-bool isSameFile(const char* path, const char* otherPath);
+// True when some process holds the lock of the path now.
+bool isLocked(const char* path);
 
-// Gives the file at `to` the permissions, and where it may the owner, of the one at `from`.
-void copyPermissions(const char* from, const char* to);
+// As long as it is worth waiting for somebody else's lock before asking again.
+void waitABit();
+
+// True when the path, links followed, leads to the file behind the descriptor.
+bool leadsTo(const char* path, int32_t fd);
+
+bool isEmptyFile(int32_t fd);
+
+// Gives the file behind `to` the permissions of the one at `from`; its owner and group too, as far
+// as the process may. What would be a permission for somebody else is left out.
+void copyPermissions(const char* from, int32_t to);
+
+// Brings the names in a directory to the disk, as bringToDisk does with a file's bytes.
+void bringDirectoryToDisk(const char* path);
 
 }  // namespace os
 
