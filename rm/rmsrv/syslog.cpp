@@ -41,6 +41,12 @@ struct KeptStamp {
     char text[kStampSize];  // empty until there is a stamp
 };
 
+// The stamp, the message and the newline of one line, built where they are written from.
+struct Line {
+    char text[kStampSize + rmsrv::kLogMessageSize + 1];
+    std::size_t length;
+};
+
 KeptStamp keptStamp;
 char optionalMessage[rmsrv::kLogMessageSize];
 bool logFileFailed = false;  // a fatal error came out of writing to it
@@ -70,12 +76,6 @@ const char* stampOfNow()
     }
     return keptStamp.text;
 }
-
-// The stamp, the message and the newline of one line, built where they are written from.
-struct Line {
-    char text[kStampSize + rmsrv::kLogMessageSize + 1];
-    std::size_t length;
-};
 
 void formatLine(Line* line, const char* format, va_list arguments)
 {
