@@ -29,16 +29,17 @@ int32_t writingLogFile = 0;
 namespace
 {
 constexpr std::size_t kStampSize = 40;  // bytes, terminator included
-constexpr std::size_t kZoneSize = 64;   // of a time zone's name; with a longer one nothing is kept
+constexpr std::size_t kZoneSize = 64;  // of a time zone's name; under a longer one no stamp is kept
 constexpr int16_t kLevelWithLogFile = 2;  // from here on the log file gets a copy
 constexpr const char* kStampFormat = "[%d-%b-%y %H:%M:%S]  ";
 
 // The stamp of the last line: most lines of a burst fall into the same second.
 struct KeptStamp {
+    bool kept;  // the rest holds for the next line too, if it comes in time
     std::time_t second;
     bool hasZone;           // TZ was set: an empty one is another zone than none
     char zone[kZoneSize];   // its value then
-    char text[kStampSize];  // empty until there is a stamp
+    char text[kStampSize];  // empty when the system could not tell
 };
 
 // The stamp, the message and the newline of one line, built where they are written from.
@@ -53,8 +54,7 @@ bool logFileFailed = false;  // a fatal error came out of writing to it
 
 bool isCurrent(std::time_t now, const char* zone)
 {
-    return keptStamp.text[0] != '\0' && keptStamp.second == now &&
-           keptStamp.hasZone == (zone != nullptr) &&
+    return keptStamp.kept && keptStamp.second == now && keptStamp.hasZone == (zone != nullptr) &&
            (zone == nullptr || std::strcmp(keptStamp.zone, zone) == 0);
 }
 
@@ -69,9 +69,9 @@ const char* stampOfNow()
         if (local != nullptr) {
             std::strftime(keptStamp.text, sizeof(keptStamp.text), kStampFormat, local);
         }
+        keptStamp.kept = local != nullptr && (zone == nullptr || std::strlen(zone) < kZoneSize);
         keptStamp.second = now;
         keptStamp.hasZone = zone != nullptr;
-        // A name that is cut equals none: nothing is kept then.
         StrncpyZ(keptStamp.zone, zone, kZoneSize);
     }
     return keptStamp.text;

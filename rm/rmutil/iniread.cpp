@@ -163,6 +163,9 @@ int16_t answerValue(LineContext* lines, const char* section, const char* key, co
     if (FindSection(lines, section) == 0 || !findValue(lines, key, &value)) {
         return RM_NOT_FOUND;
     }
+    if (lines->stream->failed) {
+        return RM_NOT_FOUND;  // the line ends where the file could not be read
+    }
     copyBounded(answer.buffer, value, answer.size == 1 ? 1 : answer.capacity());
     return RM_SUCCESS;
 }
@@ -239,7 +242,8 @@ int16_t rm_iniGetPrivate(const char* section, const char* key, char* buffer, int
         return RM_NOT_FOUND;
     }
     LineContext lines = linesOf(stream);
-    const Answer answer = {buffer, size, withValues != 0};
+    Answer answer = {nullptr, size, withValues != 0};
+    answer.buffer = buffer;
     const int16_t result = section == nullptr || key == nullptr
                                ? answerList(&lines, section, answer)
                                : answerValue(&lines, section, key, answer);

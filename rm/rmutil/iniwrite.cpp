@@ -31,8 +31,7 @@ namespace
 {
 constexpr char kTempName[] = "_temp_.ini";
 constexpr const char* kEnvironment = "ENVIRONMENT";
-constexpr int kLooks = 5;               // for a file that is missing while nobody rewrites it
-constexpr uint32_t kMostPolls = 25000;  // while somebody does; about 14 s
+constexpr int kLooks = 5;  // for a file that is missing while nobody rewrites it
 
 // What is to be changed: an entry set when `value` is given, an entry deleted when only `key` is,
 // else the section.
@@ -229,8 +228,9 @@ bool rmutil::isThere(const char* path)
     // Between two looks at the path and at the copy a rewrite may end and the next one remove the
     // file again; that this happens several times in a row is not believed.
     char* tempPath = besides(path, kTempName);
-    int looks = kLooks;
-    for (uint32_t polls = 0; looks > 0 && polls < kMostPolls && !exists(path); ++polls) {
+    const int64_t deadline = os::nowMs() + file::kLockTimeoutMs;
+    bool there = false;
+    for (int looks = kLooks; !there && looks > 0 && os::nowMs() < deadline; there = exists(path)) {
         if (os::isLocked(tempPath)) {
             os::waitABit();
         } else {
@@ -238,7 +238,7 @@ bool rmutil::isThere(const char* path)
         }
     }
     rm_freeMemory(tempPath, 0);
-    return exists(path);
+    return there;
 }
 
 void rmutil::abandonRewrite()
@@ -251,6 +251,9 @@ int16_t rm_iniSetPrivate(const char* section, const char* key, const char* value
 {
     if (section == nullptr || path == nullptr) {
         return RM_MISSING_ARGUMENT;
+    }
+    if (!isThere(path)) {
+        return RM_CANNOT_OPEN;  // what stands in the temporary file may be all that is left of it
     }
     char* directory = besides(path, ".");
     char* tempPath = besides(path, kTempName);

@@ -47,6 +47,15 @@ uint32_t openFlagsOf(const char* mode)
     return flags;
 }
 
+// A transfer has failed. The handle may have vanished with it; its number is another file's soon.
+void noteFailure(FileStream* stream)
+{
+    stream->failed = true;
+    if (file::usedEntry(stream->handle) == nullptr) {
+        stream->handle = RM_NONE;
+    }
+}
+
 // Bytes that were read; the cursor is at the first of them.
 uint32_t readBlock(FileStream* stream)
 {
@@ -56,14 +65,17 @@ uint32_t readBlock(FileStream* stream)
         stream->buffer[stream->filled] = '\0';
     }
     stream->cursor = 0;
-    stream->failed = stream->failed || error != RM_SUCCESS;
+    if (error != RM_SUCCESS) {
+        noteFailure(stream);
+    }
     return stream->filled;
 }
 
 void writeBlock(FileStream* stream, uint32_t length)
 {
-    const uint32_t written = rm_fileWrite(stream->handle, stream->buffer, length);
-    stream->failed = stream->failed || written != length;
+    if (rm_fileWrite(stream->handle, stream->buffer, length) != length) {
+        noteFailure(stream);
+    }
     stream->cursor = 0;
     stream->pending = 0;
 }
@@ -162,7 +174,9 @@ void rm_fileStreamClose(FileStream* stream)
         return;
     }
     flushStream(stream);
-    rm_fileClose(stream->handle);
+    if (stream->handle != RM_NONE) {
+        rm_fileClose(stream->handle);
+    }
     rm_freeMemory(stream, 0);
 }
 

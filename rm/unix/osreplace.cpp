@@ -31,25 +31,25 @@ constexpr mode_t kPermissionBits = 07777;
 constexpr mode_t kGroupBits = 070;
 constexpr mode_t kSpecialBits = 07000;  // they act for the owner and the group, so they need both
 
-int64_t nowMs()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * kMsPerSecond + now.tv_nsec / kNsPerMs;
-}
-
-// A link is refused: what it leads to is not ours to write. A FIFO is not waited for.
+// A link is refused: what it leads to is not ours to write. A FIFO is not waited for. A file that
+// may only be read can still be locked, and with that be waited for.
 int openToLock(const char* path)
 {
-    constexpr int kFlags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    const int fd = open(path, kFlags);
-    return fd != -1 || errno != ENOENT ? fd : open(path, kFlags | O_CREAT | O_EXCL, kOwnOnly);
+    constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    int fd = open(path, O_WRONLY | kFlags);
+    if (fd == -1 && errno == EACCES) {
+        fd = open(path, O_RDONLY | kFlags);
+    }
+    if (fd == -1 && errno == ENOENT) {
+        fd = open(path, O_WRONLY | O_CREAT | O_EXCL | kFlags, kOwnOnly);
+    }
+    return fd;
 }
 
-// 0 when it is ours, EAGAIN when it is another's.
-int tryLock(int fd, int operation)
+// False when it is another's. Where there are no locks it is everybody's.
+bool tryLock(int fd, int operation)
 {
-    return flock(fd, operation | LOCK_NB) != 0 && errno == EWOULDBLOCK ? EAGAIN : 0;
+    return flock(fd, operation | LOCK_NB) == 0 || (errno != EWOULDBLOCK && errno != EINTR);
 }
 
 // Only a file of one name may take the place of another: a device or a pipe has no bytes, and what
@@ -72,7 +72,7 @@ int32_t tryLockFile(const char* path)
     int32_t result = fd;
     if (!mayReplace(fd)) {
         result = RM_NONE;
-    } else if (tryLock(fd, LOCK_EX) != 0 || !os::leadsTo(path, fd)) {
+    } else if (!tryLock(fd, LOCK_EX) || !os::leadsTo(path, fd)) {
         result = os::kFileBusy;
     }
     if (result != fd) {
@@ -111,9 +111,16 @@ bool os::isLocked(const char* path)
     if (fd == -1) {
         return false;
     }
-    const bool locked = tryLock(fd, LOCK_SH) != 0;
+    const bool locked = !tryLock(fd, LOCK_SH);
     close(fd);
     return locked;
+}
+
+int64_t os::nowMs()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * kMsPerSecond + now.tv_nsec / kNsPerMs;
 }
 
 void os::waitABit()

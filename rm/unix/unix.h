@@ -80,6 +80,8 @@ void unlockFile(int32_t lock);
 // True when some process holds the lock of the path now.
 bool isLocked(const char* path);
 
+int64_t nowMs();  // of a clock that nobody sets
+
 // As long as it is worth waiting for somebody else's lock before asking again.
 void waitABit();
 

@@ -298,6 +298,8 @@ RM_WRAP(kNanosleep, int, nanosleep, (const struct timespec* wanted, struct times
 RM_WRAP(kFlock, int, flock, (int fd, int operation), ("flock", fd, operation));
 RM_WRAP(kChmod, int, chmod, (const char* path, mode_t mode), ("chmod", path, mode));
 RM_WRAP(kChown, int, chown, (const char* path, uid_t owner, gid_t group), ("chown", path, owner, group));
+RM_WRAP(kFchmod, int, fchmod, (int fd, mode_t mode), ("fchmod", fd, mode));
+RM_WRAP(kFchown, int, fchown, (int fd, uid_t owner, gid_t group), ("fchown", fd, owner, group));
 // clang-format on
 
 RM_WRAP(kGetMemory, void*, rm_getMemory, (uint32_t size, int16_t tag), ("rm_getMemory", size, tag));

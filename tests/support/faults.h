@@ -79,6 +79,8 @@ enum class Call : uint8_t {
     kFlock,
     kChmod,
     kChown,
+    kFchmod,
+    kFchown,
     kGetMemory,   // rm_getMemory, as files outside the memory manager call it
     kAllocBlock,  // rmalloc::allocBlock, as other files of the library call it
     kCallCount    // not a call, their number
