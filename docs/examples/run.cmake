@@ -1,7 +1,12 @@
-# Runs EXAMPLE in the empty directory SCRATCH. It must end with 0, not by the fatal path (whose
-# status is 0 as well), and leave no file but the one named LEAVES, which it must: a token file that is left means a semaphore set that is.
+# Runs EXAMPLE in the empty directory SCRATCH, into which the files GIVEN are copied. It must end
+# with 0, not by the fatal path (whose status is 0 as well), and leave no file but those named
+# LEAVES, which it must: a token file that is left means a semaphore set that is.
 file(REMOVE_RECURSE ${SCRATCH})
 file(MAKE_DIRECTORY ${SCRATCH})
+if(GIVEN)
+    file(COPY ${GIVEN} DESTINATION ${SCRATCH})
+endif()
+unset(ENV{CATPATH}) # it would move the default INI file out of the directory
 execute_process(COMMAND ${EXAMPLE}
     WORKING_DIRECTORY ${SCRATCH}
     RESULT_VARIABLE result
@@ -14,12 +19,12 @@ endif()
 if(log MATCHES "Exiting to operating system")
     message(FATAL_ERROR "${EXAMPLE}: ended by a fatal error")
 endif()
-if(DEFINED LEAVES)
-    if(NOT EXISTS ${SCRATCH}/${LEAVES})
-        message(FATAL_ERROR "${EXAMPLE}: made no ${LEAVES}")
+foreach(file IN LISTS LEAVES)
+    if(NOT EXISTS ${SCRATCH}/${file})
+        message(FATAL_ERROR "${EXAMPLE}: made no ${file}")
     endif()
-    file(REMOVE ${SCRATCH}/${LEAVES})
-endif()
+    file(REMOVE ${SCRATCH}/${file})
+endforeach()
 file(GLOB left LIST_DIRECTORIES true ${SCRATCH}/* ${SCRATCH}/.*)
 list(FILTER left EXCLUDE REGEX "/\\.\\.?$")
 if(left)
