@@ -24,7 +24,8 @@ title "install into an empty prefix, then move it"
 "$cmake" --install "$build" --prefix "$work/first"
 mv first prefix
 installed=$(cd prefix && find . -type f | sort)
-for file in include/rm.h _rm.so _rm.a pkgconfig/_rm.pc cmake/_rm/_rm-config.cmake; do
+for file in include/rm.h _rm.so _rm.a pkgconfig/_rm.pc cmake/_rm/_rm-config.cmake bin/rmini \
+    man/man1/rmini.1 bash-completion/completions/rmini; do
     grep -q "/$file\$" <<<"$installed" || { echo "not installed: $file"; exit 1; }
 done
 
@@ -41,3 +42,9 @@ title "hosts by find_package"
 "$cmake" --build consumer
 works ./consumer/host_shared
 works ./consumer/host_static
+
+title "the tool, with its manual page"
+printf '[server]\nport=1\n' >server.ini
+prefix/bin/rmini set server.ini server port 2
+[ "$(prefix/bin/rmini get server.ini server port)" = 2 ] || { echo "rmini does not work"; exit 1; }
+grep -q '^\.Dt RMINI 1$' "$(find prefix -name rmini.1)"
