@@ -8,6 +8,7 @@
 #include "board.h"
 
 #include "console.h"
+#include "journal.h"
 
 #include "rm.h"
 
@@ -29,6 +30,35 @@ void* mapShared(std::size_t bytes)
 }
 }  // namespace
 
+void publishSettings(SharedSettings& shared, const Settings& settings)
+{
+    uint32_t words[kSettingsWords];
+    std::memcpy(words, &settings, sizeof(words));
+    const uint32_t next = shared.generation.load(std::memory_order_relaxed) + 1;
+    // Whoever sees a word of the new copy sees by then that the one before is over.
+    std::atomic_thread_fence(std::memory_order_release);
+    for (std::size_t i = 0; i < kSettingsWords; ++i) {
+        shared.words[next % 2][i].store(words[i], std::memory_order_relaxed);
+    }
+    shared.generation.store(next, std::memory_order_release);
+}
+
+uint32_t copySettings(const SharedSettings& shared, Settings& settings)
+{
+    uint32_t words[kSettingsWords];
+    for (;;) {
+        const uint32_t generation = shared.generation.load(std::memory_order_acquire);
+        for (std::size_t i = 0; i < kSettingsWords; ++i) {
+            words[i] = shared.words[generation % 2][i].load(std::memory_order_relaxed);
+        }
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (shared.generation.load(std::memory_order_relaxed) == generation) {
+            std::memcpy(&settings, words, sizeof(words));
+            return generation;
+        }
+    }
+}
+
 FileMoves fileMoves()
 {
     FileMoves moves = {};
@@ -46,7 +76,12 @@ void noteResources(Figures& figures, const FileMoves& before, int16_t tag, uint3
     const FileMoves now = fileMoves();
     figures.parkings = now.parkings - before.parkings;
     figures.reopens = now.reopens - before.reopens;
-    figures.memoryUsed = static_cast<int32_t>(tagLimit) - rm_memoryAvail(tag);
+    const int32_t available = rm_memoryAvail(tag);
+    figures.memoryUsed = static_cast<int32_t>(tagLimit) - available;
+    if (available < 0) {
+        warn("its memory passes the limit of %u bytes by %d", tagLimit, -available);
+    }
+    publishCounters(figures.counter);
 }
 
 Board* makeBoard(uint32_t records)

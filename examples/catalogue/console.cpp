@@ -27,11 +27,11 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kRedrawInterval(100);
-constexpr std::chrono::milliseconds kPlainInterval(1000);
 constexpr int kDefaultColumns = 80;    // of a terminal that does not say
 constexpr int kColumnsBesideBar = 60;  // phase, percentage, counts
 constexpr int kMaxBar = 40;            // columns
 
+std::chrono::milliseconds plainInterval(1000);
 bool onTerminal = false;
 bool lineShown = false;       // a progress line stands on the terminal
 const char* shownPhase = "";  // of the last progress shown
@@ -122,7 +122,7 @@ void showProgress(const char* phase, uint64_t done, uint64_t total)
         if (newPhase || sinceLast >= kRedrawInterval) {
             drawLine(phase, done, total, now);
         }
-    } else if (!phaseEnded && (done == total || sinceLast >= kPlainInterval)) {
+    } else if (!phaseEnded && (done == total || sinceLast >= plainInterval)) {
         std::printf("%s: %s of %s (%u %%)\n", phase, grouped(done).text, grouped(total).text,
                     percent(done, total));
         std::fflush(stdout);
@@ -138,6 +138,20 @@ void clearProgress()
         std::fflush(stdout);
         lineShown = false;
     }
+}
+
+void makeWay()
+{
+    if (onTerminal) {
+        std::fputs("\r\033[K", stdout);
+        std::fflush(stdout);
+        lineShown = false;
+    }
+}
+
+void setProgressInterval(uint32_t milliseconds)
+{
+    plainInterval = std::chrono::milliseconds(milliseconds);
 }
 
 void disownProgress()

@@ -20,8 +20,14 @@ void complain(const char* format, ...) RM_PRINTF(1, 2);
 // elsewhere every second and at the end of the phase. Call it as often as is convenient.
 void showProgress(const char* phase, uint64_t done, uint64_t total);
 
+// How often a plain line shows it.
+void setProgressInterval(uint32_t milliseconds);
+
 // Takes the progress line off the terminal: before other output, and at the end of a phase.
 void clearProgress();
+
+// Likewise, before a line of the log; also in a worker, which does not know what the parent shows.
+void makeWay();
 
 // In a forked worker: the progress line belongs to the parent.
 void disownProgress();

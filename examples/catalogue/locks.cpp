@@ -4,8 +4,8 @@
 // decision and a write that must not be divided. The library makes one positioned read or write
 // whole; what belongs together beyond that is the host's own business.
 //
-// Owns: 16 sync objects, so two buckets share a lock. A process has 20 objects; fileSem and
-// growSem are two of them.
+// Owns: 16 sync objects, so two buckets of 32 share a lock. A process has 20 objects; fileSem and
+// growSem of the library, which rm_init makes, are two of them.
 //
 // Invariant: a process holds at most one of these, and enters it before any lock of the library.
 //
@@ -61,8 +61,6 @@ void add(std::atomic<uint64_t>& figure, uint64_t amount)
 
 void createLocks()
 {
-    fileSem = rm_syncCreate("fileSem");
-    growSem = rm_syncCreate("growSem");
     for (uint32_t i = 0; i < kLocks; ++i) {
         handles[i] = rm_syncCreate(kNames[i]);
     }
@@ -78,15 +76,16 @@ Entered enterBucket(uint32_t bucket, const Board& board, Figures& figures)
         if (board.stop != 0) {
             return Entered::kStopped;
         }
+        count(kLockTimeouts);
         if (++timeouts == kTimeouts) {
             complain("the lock \"%s\" was not free within %d s: its holder does not answer.",
                      kNames[lock], kTimeouts);
             return Entered::kGaveUp;
         }
     }
-    add(figures.lockEnters, 1);
+    count(kLockEnters);
     if (timesSlept() != sleptBefore) {
-        add(figures.lockWaits, 1);
+        count(kLockWaits);
         add(figures.lockWaitedNs, static_cast<uint64_t>((Clock::now() - begin).count()));
     }
     return Entered::kYes;

@@ -15,11 +15,11 @@ enum class Entered {
     kGaveUp,   // whoever holds it does not come back; said so
 };
 
-// Creates fileSem and growSem of the library, and the locks of the buckets. Call it once, in the
-// parent, before it forks: processes exclude each other only on objects that existed then.
+// Creates the locks of the buckets. Call it once, in the parent, before it forks: processes exclude
+// each other only on objects that existed then.
 void createLocks();
 
-// Enters the lock that guards `bucket`, and counts in `figures` whether it had to wait.
+// Enters the lock that guards `bucket`, and counts whether it had to wait; `figures` gets how long.
 Entered enterBucket(uint32_t bucket, const Board& board, Figures& figures);
 
 void leaveBucket(uint32_t bucket);

@@ -10,18 +10,26 @@
 //   - in memory of a tag, if it is plain data.
 // It may not be a local of a function that calls the library, directly or through others.
 //
-// Lifecycle: command line, input, run directory; then the two targets; then the run. Every end
-// passes through rm_exit and arrives at the exit target: sync objects and tagged memory are gone
-// then, and what remains to be done is to remove the run directory.
+// Lifecycle: command line, targets, settings, input, run directory, run. From the targets on every
+// end passes through rm_exit and arrives at the exit target: sync objects and tagged memory are
+// gone then, and what remains to be done is to remove the run directory.
 //
-//   main ──> runServer ──────> rm_exit(outcome) ──> exit target ──> remove directory, exit status
+//   main ──> settings, run ──> rm_exit(outcome) ──> exit target ──> remove directory, exit status
 //                 │                  ^
 //                 └─ fatal target ───┘  (shutdown processing: stop the workers)
+//
+// The settings are read before there is anything of a run, so a mistake in them leaves nothing
+// behind. Reading a file takes the library's lock of its file table, for which it would make a
+// semaphore set and a token file in the current directory; readWithoutLocks keeps it from that.
+#include "adopt.h"
 #include "console.h"
+#include "journal.h"
 #include "options.h"
+#include "profile.h"
 #include "records.h"
 #include "rundir.h"
 #include "server.h"
+#include "settings.h"
 
 #include "rm.h"
 
@@ -33,26 +41,71 @@ namespace
 {
 constexpr int kExitVerified = 0;
 constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
+constexpr int kExitWrong = 2;     // command line, settings
 constexpr int kExitSignal = 128;  // and the signal's number
-
-constexpr int16_t kFileHandles = 8;  // descriptors for 32 files: most of them are parked
 
 // Static, and not locals of main: see above. The jumps also leave their values alone there.
 catalogue::Options options;
 catalogue::Input input;
 catalogue::RunDirectory directory;
+catalogue::Profile profile;
+catalogue::Settings settings;
+catalogue::Problems problems;
 jmp_buf fatalTarget;
 jmp_buf exitTarget;
 
-// The settings that the library reads when it first needs them.
-void setUpLibrary()
+// False after having said what is wrong with them.
+bool findSettings()
 {
-    rm_errorJump(fatalTarget);
-    rm_exitJump(exitTarget);
-    rm_setForegroundThread();  // so the library can tell this process from its workers
-    fileHandleLimit = kFileHandles;
-    rmDiskFull = 0;  // until then no file is extended ahead of writes
+    using namespace catalogue;
+    readWithoutLocks();
+    if (!findProfile(profile, options.config, problems) ||
+        !readSettings(profile, options.given, settings, problems)) {
+        for (uint32_t i = 0; i < problems.count; ++i) {
+            complain("%s", problems.text[i]);
+        }
+        return false;
+    }
+    if (options.killWorker > settings.number[kWorkers]) {
+        complain("--kill-worker %u: there are %u workers", options.killWorker,
+                 static_cast<unsigned>(settings.number[kWorkers]));
+        return false;
+    }
+    return true;
+}
+
+// What is needed before the run. True, or false with the outcome.
+bool prepare(catalogue::Outcome& outcome)
+{
+    using namespace catalogue;
+    outcome = kFailed;
+    if (!readInput(options.inputs, input)) {
+        return false;
+    }
+    if (options.damageRecord > input.records.size()) {
+        complain("--damage-record %u: there are %zu records", options.damageRecord,
+                 input.records.size());
+        outcome = kWrongSettings;
+        return false;
+    }
+    return directory.make(options.directory);
+}
+
+catalogue::Outcome work()
+{
+    using namespace catalogue;
+    if (!findSettings()) {
+        return kWrongSettings;
+    }
+    if (options.printConfig) {
+        printSettings(settings, profile.found ? profile.path : nullptr);
+        return kVerified;
+    }
+    Outcome outcome = kFailed;
+    if (!prepare(outcome)) {
+        return outcome;
+    }
+    return runServer({options, input, directory, profile, settings});
 }
 
 // The run is over and the library torn down.
@@ -70,33 +123,27 @@ int finish(int status)
 int main(int argc, char** argv)
 {
     using namespace catalogue;
+    blockSignals();
     switch (parseOptions(argc, argv, options)) {
         case CommandLine::kRun:
             break;
         case CommandLine::kHelp:
             return kExitVerified;
         case CommandLine::kWrong:
-            return kExitUsage;
+            return kExitWrong;
+    }
+    if (!settleHome()) {
+        return kExitWrong;
     }
     openConsole();
-    blockSignals();
-    if (!readInput(options.inputs, input)) {
-        return kExitFailed;
-    }
-    if (options.damageRecord > input.records.size()) {
-        complain("--damage-record %u: there are %zu records", options.damageRecord,
-                 input.records.size());
-        return kExitUsage;
-    }
-    if (!directory.make(options.directory)) {
-        return finish(kExitFailed);
-    }
 
     switch (setjmp(exitTarget)) {
         case 0:
             break;
         case kVerified:
             return finish(kExitVerified);
+        case kWrongSettings:
+            return finish(kExitWrong);
         case kInterrupted:
             return finish(kExitSignal + interruptedBy());
         default:
@@ -109,8 +156,11 @@ int main(int argc, char** argv)
         complain(
             "the library met an error that cannot be mended; its log lines above say which.\n"
             "Everything of this run is removed, so the next one starts afresh.");
+        closeJournalInHaste("end: failed, the library met an error that cannot be mended");
         rm_exit(kFailed);
     }
-    setUpLibrary();
-    rm_exit(runServer(options, input, directory));
+    rm_errorJump(fatalTarget);
+    rm_exitJump(exitTarget);
+    rm_setForegroundThread();  // so the library can tell this process from its workers
+    rm_exit(work());
 }

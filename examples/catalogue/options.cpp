@@ -3,13 +3,15 @@
 // Why: the demonstration needs no argument at all, so every option has a default that works on any
 // Debian. What is wrong with an argument is said together with what would be right.
 //
+// A setting that the command line gives is checked here and kept as its text: it is put over what
+// the file says whenever that is read.
+//
 // No function of the library is called here: these frames cannot be jumped over, and they may own
 // what they like.
 #include "options.h"
 
 #include "console.h"
 
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -19,12 +21,11 @@ namespace catalogue
 namespace
 {
 constexpr const char* kDefaultInput = "/var/lib/dpkg/status";
-constexpr uint64_t kMaxOperations = 1000000000;
 
 constexpr const char* kHelp =
     R"(usage: catalogue [option...] [file...]
 
-Loads records into 32 bucket files, lets worker processes look them up and update
+Loads records into bucket files, lets worker processes look them up and update
 them at the same time, and compares every record with the input at the end.
 
 A file holds records of "Field: value" lines, separated by blank lines; a line
@@ -32,31 +33,37 @@ that begins with white space continues the field before it. The value of a
 record's first field is its name. Without a file, the package database of this
 machine is taken: /var/lib/dpkg/status.
 
-  --dir DIR         make the run directory in DIR
-                    (default: $TMPDIR, or the current directory without it)
-  --workers N       worker processes, 1 to 16 (default 4)
-  --operations N    lookups and updates, all workers together (default 250000)
-  --help            print this text
+  --dir DIR           make the run directory in DIR
+                      (default: $TMPDIR, or the current directory without it)
+  --help              print this text
+
+Settings come from corvane.ini in the current directory, or in the one that
+$CATPATH names; options win over the file. SIGHUP has the file read again.
+  --config FILE       take FILE instead of corvane.ini
+  --print-config      print the settings in effect, as such a file, and end
+
+  --workers N         worker processes, 1 to 16 (default 4)
+  --operations N      lookups and updates, all workers together (default 250000)
+  --buckets N         files for the records, 1 to 64 (default 32)
+  --handle-limit N    descriptors of a process for its files (default 8)
+  --memory-limit N    bytes that a process is to get by with (default none)
+  --free-space N      bytes of the disk that growing files leave (default 0)
+  --progress N        milliseconds between two progress lines (default 1000)
+  --log-level N       0 no log, 1 on standard error, 2 into a file as well
+  --log FILE          the log file (default catalogue.log)
 
 Test aids:
-  --kill-worker N   worker N kills itself half-way through an update
-  --damage-record N flip one byte of record N (1 is the first) before verification
+  --kill-worker N     worker N kills itself half-way through an update
+  --damage-record N   flip one byte of record N (1 is the first) before verification
 
 Exit status: 0 every record is as it must be; 1 something failed, standard error
-says what; 2 the command line is wrong; 130 or 143 interrupted, ended in order.
+says what; 2 the command line or corvane.ini is wrong; 130 or 143 interrupted,
+ended in order.
 )";
 
-bool parseNumber(std::string_view text, uint64_t low, uint64_t high, uint64_t& number)
-{
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size() && low <= number &&
-           number <= high;
-}
-
-// An option that takes a number, and where the number goes.
+// An option that takes a number and is no setting.
 struct NumberOption {
     std::string_view name;
-    uint64_t low;
     uint64_t high;
     uint64_t value;
 };
@@ -66,16 +73,60 @@ std::string defaultDirectory()
     const char* temporary = std::getenv("TMPDIR");
     return temporary != nullptr && *temporary != '\0' ? temporary : ".";
 }
+
+bool takeNumber(NumberOption& option, std::string_view value)
+{
+    if (parseNumber(value, 1, option.high, option.value)) {
+        return true;
+    }
+    complain("%s takes a number from 1 to %llu, not \"%s\"", option.name.data(),
+             static_cast<unsigned long long>(option.high), value.data());
+    return false;
+}
+
+bool takeSettingOption(Setting setting, const char* value, Options& options)
+{
+    Settings scratch = {};
+    if (!takeSetting(scratch, setting, value, Origin::kCommandLine)) {
+        complain("%s takes %s, not \"%s\"", kDefinitions[setting].option,
+                 allowedValues(setting).text, value);
+        return false;
+    }
+    options.given[setting] = value;
+    return true;
+}
+
+// An option with a value. False after having said what is wrong with it.
+bool takeOption(const char* name, const char* value, NumberOption (&numbers)[2], Options& options)
+{
+    const std::string_view argument = name;
+    if (argument == "--dir") {
+        options.directory = value;
+        return true;
+    }
+    if (argument == "--config") {
+        options.config = value;
+        return true;
+    }
+    for (NumberOption& number : numbers) {
+        if (argument == number.name) {
+            return takeNumber(number, value);
+        }
+    }
+    for (uint32_t i = 0; i < kSettings; ++i) {
+        if (kDefinitions[i].option != nullptr && argument == kDefinitions[i].option) {
+            return takeSettingOption(static_cast<Setting>(i), value, options);
+        }
+    }
+    complain("\"%s\" is not an option; see catalogue --help", name);
+    return false;
+}
 }  // namespace
 
 CommandLine parseOptions(int argc, char** argv, Options& options)
 {
-    NumberOption numbers[] = {
-        {"--workers", 1, kMaxWorkers, options.workers},
-        {"--operations", 1, kMaxOperations, options.operations},
-        {"--kill-worker", 1, kMaxWorkers, 0},
-        {"--damage-record", 1, UINT32_MAX, 0},
-    };
+    NumberOption numbers[] = {{"--kill-worker", kMaxWorkers, 0},
+                              {"--damage-record", UINT32_MAX, 0}};
     options.directory = defaultDirectory();
 
     for (int i = 1; i < argc; ++i) {
@@ -83,6 +134,10 @@ CommandLine parseOptions(int argc, char** argv, Options& options)
         if (argument == "--help") {
             std::fputs(kHelp, stdout);
             return CommandLine::kHelp;
+        }
+        if (argument == "--print-config") {
+            options.printConfig = true;
+            continue;
         }
         if (!argument.starts_with("--")) {
             options.inputs.emplace_back(argument);
@@ -92,37 +147,14 @@ CommandLine parseOptions(int argc, char** argv, Options& options)
             complain("\"%s\" is not an option, or lacks its value; see catalogue --help", argv[i]);
             return CommandLine::kWrong;
         }
-        const std::string_view value = argv[++i];
-        if (argument == "--dir") {
-            options.directory = value;
-            continue;
-        }
-        NumberOption* wanted = nullptr;
-        for (NumberOption& number : numbers) {
-            if (number.name == argument) {
-                wanted = &number;
-            }
-        }
-        if (wanted == nullptr) {
-            complain("\"%s\" is not an option; see catalogue --help", argv[i - 1]);
-            return CommandLine::kWrong;
-        }
-        if (!parseNumber(value, wanted->low, wanted->high, wanted->value)) {
-            complain("%s takes a number from %llu to %llu, not \"%s\"", argv[i - 1],
-                     static_cast<unsigned long long>(wanted->low),
-                     static_cast<unsigned long long>(wanted->high), argv[i]);
+        ++i;
+        if (!takeOption(argv[i - 1], argv[i], numbers, options)) {
             return CommandLine::kWrong;
         }
     }
 
-    options.workers = static_cast<uint32_t>(numbers[0].value);
-    options.operations = numbers[1].value;
-    options.killWorker = static_cast<uint32_t>(numbers[2].value);
-    options.damageRecord = static_cast<uint32_t>(numbers[3].value);
-    if (options.killWorker > options.workers) {
-        complain("--kill-worker %u: there are %u workers", options.killWorker, options.workers);
-        return CommandLine::kWrong;
-    }
+    options.killWorker = static_cast<uint32_t>(numbers[0].value);
+    options.damageRecord = static_cast<uint32_t>(numbers[1].value);
     if (options.inputs.empty()) {
         options.inputs.emplace_back(kDefaultInput);
     }

@@ -2,6 +2,8 @@
 #ifndef CATALOGUE_OPTIONS_H
 #define CATALOGUE_OPTIONS_H
 
+#include "settings.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -9,15 +11,14 @@
 namespace catalogue
 {
 
-constexpr uint32_t kMaxWorkers = 16;
-
 struct Options {
-    std::vector<std::string> inputs;  // files to load; never empty after parseOptions
-    std::string directory;            // where the run directory is made
-    uint32_t workers = 4;             // 1 to kMaxWorkers
-    uint64_t operations = 250000;     // lookups and updates of all workers together
-    uint32_t killWorker = 0;          // test aid: worker that dies in mid-update, 0 for none
-    uint32_t damageRecord = 0;        // test aid: record damaged before verification, 0 for none
+    std::vector<std::string> inputs;    // files to load; never empty after parseOptions
+    std::string directory;              // where the run directory is made
+    const char* given[kSettings] = {};  // settings as the command line has them, null for none
+    const char* config = nullptr;       // the INI file; null for the default one
+    bool printConfig = false;           // print the settings and end
+    uint32_t killWorker = 0;            // test aid: worker that dies in mid-update, 0 for none
+    uint32_t damageRecord = 0;          // test aid: record damaged before verification, 0 for none
 };
 
 enum class CommandLine {

@@ -31,14 +31,12 @@ Grouped rate(uint64_t count, double seconds)
 }
 
 // The sums of the workers' figures.
-void addUp(const Options& options, const Board& board, Figures& sum)
+void addUp(const Board& board, Figures& sum)
 {
-    for (uint32_t i = 0; i < options.workers; ++i) {
-        const Figures& figures = board.worker[i];
-        sum.lookups += figures.lookups;
-        sum.updates += figures.updates;
-        sum.lockEnters += figures.lockEnters;
-        sum.lockWaits += figures.lockWaits;
+    for (const Figures& figures : board.worker) {
+        for (int16_t i = 0; i < kCounters; ++i) {
+            sum.counter[i] += figures.counter[i];
+        }
         sum.lockWaitedNs += figures.lockWaitedNs;
         sum.filesOpen += figures.filesOpen;
         sum.filesParked += figures.filesParked;
@@ -61,9 +59,9 @@ void printRow(const char* name, const Figures& figures, uint64_t tagLimit)
 {
     std::printf("  %-11s%5u%7u%9s%9s", name, figures.filesOpen.load(), figures.filesParked.load(),
                 grouped(figures.parkings).text, grouped(figures.reopens).text);
-    if (figures.lockEnters != 0) {
-        std::printf("%9s%8s%7.2f", grouped(figures.lockEnters).text,
-                    grouped(figures.lockWaits).text,
+    if (figures.counter[kLockEnters] != 0) {
+        std::printf("%9s%8s%7.2f", grouped(figures.counter[kLockEnters]).text,
+                    grouped(figures.counter[kLockWaits]).text,
                     static_cast<double>(figures.lockWaitedNs) / kNsPerSecond);
     } else {
         std::printf("%9s%8s%7s", "-", "-", "-");
@@ -74,19 +72,31 @@ void printRow(const char* name, const Figures& figures, uint64_t tagLimit)
     std::printf("%11s\n", memory);
 }
 
-void printRun(const Options& options, const Input& input, const RunFigures& run, const Figures& sum)
+// What every process has counted for itself, added up.
+void printCounters(const Board& board, const Figures& sum)
+{
+    std::printf("\n  %-16s%12s%14s\n", "counted", "parent", "all workers");
+    for (int16_t i = 0; i < kCounters; ++i) {
+        std::printf("    %-16s%10s%14s\n", counterName(static_cast<Counter>(i)),
+                    grouped(board.parent.counter[i]).text, grouped(sum.counter[i]).text);
+    }
+}
+
+void printRun(const Options& options, const Settings& settings, const Input& input,
+              const RunFigures& run, const Figures& sum)
 {
     for (const std::string& path : options.inputs) {
         std::printf("  input     %s\n", path.c_str());
     }
     std::printf("  records   %s of %s bytes\n", grouped(input.records.size()).text,
                 grouped(input.bytes).text);
-    std::printf("  loaded    into %u bucket files of %.1f MiB together, in %.2f s\n", kBuckets,
-                mebibytes(run.bytesLoaded), run.loadSeconds);
-    std::printf("  lookups   %s, %s per second\n", grouped(sum.lookups).text,
-                rate(sum.lookups, run.serveSeconds).text);
-    std::printf("  updates   %s, %s per second\n", grouped(sum.updates).text,
-                rate(sum.updates, run.serveSeconds).text);
+    std::printf("  loaded    into %u bucket files of %.1f MiB together, in %.2f s\n",
+                static_cast<uint32_t>(settings.number[kBuckets]), mebibytes(run.bytesLoaded),
+                run.loadSeconds);
+    std::printf("  lookups   %s, %s per second\n", grouped(sum.counter[kLookups]).text,
+                rate(sum.counter[kLookups], run.serveSeconds).text);
+    std::printf("  updates   %s, %s per second\n", grouped(sum.counter[kUpdates]).text,
+                rate(sum.counter[kUpdates], run.serveSeconds).text);
     std::printf("  files     %.1f MiB together now: a first update moves its record to the end\n",
                 mebibytes(run.bytesAtEnd));
     std::printf("  verified  %s records in %.2f s: text, updates and checksum of each\n",
@@ -94,25 +104,36 @@ void printRun(const Options& options, const Input& input, const RunFigures& run,
 }
 }  // namespace
 
-void printSummary(const Options& options, const Input& input, const Board& board,
-                  const RunFigures& run)
+void printSummary(const Options& options, const Settings& settings, const Input& input,
+                  const Board& board, const RunFigures& run)
 {
     Figures sum = {};
-    addUp(options, board, sum);
+    addUp(board, sum);
+    const auto workers = static_cast<uint32_t>(settings.number[kWorkers]);
 
     std::printf("\n");
-    printRun(options, input, run, sum);
+    printRun(options, settings, input, run, sum);
     printHeadings();
     printRow("parent", board.parent, board.tagLimit);
-    for (uint32_t i = 0; i < options.workers; ++i) {
+    for (uint32_t i = 0; i < workers; ++i) {
         char name[32];
         std::snprintf(name, sizeof(name), "worker %u", i + 1);
         printRow(name, board.worker[i], board.tagLimit);
     }
-    printRow("all workers", sum, uint64_t{options.workers} * board.tagLimit);
+    printRow("all workers", sum, uint64_t{workers} * board.tagLimit);
     std::printf(
         "  (waits: how often a lock was held by another process, and the seconds lost to it)\n");
+    printCounters(board, sum);
     std::printf("\nEvery record matches the input and the updates made to it.\n");
+}
+
+uint64_t countedByAll(const Board& board, Counter counter)
+{
+    uint64_t sum = board.parent.counter[counter];
+    for (const Figures& figures : board.worker) {
+        sum += figures.counter[counter];
+    }
+    return sum;
 }
 
 }  // namespace catalogue

@@ -5,6 +5,7 @@
 #include "board.h"
 #include "options.h"
 #include "records.h"
+#include "settings.h"
 
 #include <cstdint>
 
@@ -20,8 +21,11 @@ struct RunFigures {
     uint64_t bytesAtEnd;
 };
 
-void printSummary(const Options& options, const Input& input, const Board& board,
-                  const RunFigures& run);
+void printSummary(const Options& options, const Settings& settings, const Input& input,
+                  const Board& board, const RunFigures& run);
+
+// The sum of a counter over all processes.
+uint64_t countedByAll(const Board& board, Counter counter);
 
 }  // namespace catalogue
 

@@ -4,10 +4,15 @@
 // every record must look like at the end. It works on the files only while nobody else does, before
 // the fork and after the last worker, so it needs no lock of its own.
 //
-// Owns: the workers' process ids, the board, the signal that interrupted the run.
+// Owns: the workers' process ids, the board, the signals that have come.
 //
 // Lifecycle: load, close, fork, watch, verify. The handles of the loading are closed before the
 // fork, so that a worker begins with an empty file table and shares no descriptor with anybody.
+//
+// Signals: all of them stay blocked, and are fetched between two steps: between two records while
+// it loads and verifies, between two looks at the workers. So none interrupts a call of the
+// library, and a SIGHUP, which asks for the settings to be read again, may be answered by calling
+// it. (With a handler the same holds if it sets a flag and nothing else.)
 //
 // Locks: a worker that is killed leaves locks behind that nobody gives back, its bucket's and
 // perhaps fileSem or growSem. From that moment on the parent calls nothing that could wait for one:
@@ -17,8 +22,12 @@
 // owns anything; what must be ended, the workers, is reached through stopWorkers.
 #include "server.h"
 
+#include "adopt.h"
 #include "board.h"
+#include "chronicle.h"
 #include "console.h"
+#include "counters.h"
+#include "journal.h"
 #include "locks.h"
 #include "report.h"
 #include "store.h"
@@ -54,7 +63,9 @@ struct Worker {
 
 Worker workers[kMaxWorkers];
 Board* board = nullptr;
-int endSignal = 0;  // that asked for the end of the run
+int endSignal = 0;          // that asked for the end of the run
+bool reloadWanted = false;  // SIGHUP has come
+char endReason[200] = "standard error says why";
 
 sigset_t handledSignals()
 {
@@ -72,10 +83,27 @@ bool endRequested(milliseconds wait)
     const sigset_t set = handledSignals();
     const timespec time = {wait.count() / 1000, static_cast<long>(wait.count() % 1000) * 1000000};
     const int signalNumber = sigtimedwait(&set, nullptr, &time);
-    if (signalNumber > 0 && signalNumber != SIGCHLD) {
+    if (signalNumber == SIGHUP) {
+        reloadWanted = true;
+    } else if (signalNumber > 0 && signalNumber != SIGCHLD) {
         endSignal = signalNumber;
     }
     return endSignal != 0;
+}
+
+// Between two steps: answers what signals have asked for, and looks at the disk. False when the run
+// is to end.
+bool goOn(const Job& job, milliseconds wait)
+{
+    if (endRequested(wait)) {
+        return false;
+    }
+    if (reloadWanted) {
+        reloadWanted = false;
+        reloadSettings(job.options, job.profile, job.settings, *board);
+    }
+    watchDisk();
+    return true;
 }
 
 double secondsSince(Clock::time_point begin)
@@ -85,8 +113,11 @@ double secondsSince(Clock::time_point begin)
 
 // A budget for one process's tag, in bytes. The library enforces no limit: it tells how much of it
 // is left, and what to do about that is the host's decision. This one prints it.
-uint32_t tagLimitFor(const Input& input)
+uint32_t tagLimitFor(const Settings& settings, const Input& input)
 {
+    if (settings.number[kMemoryLimit] != kNoLimit) {
+        return rmemavail;  // where rm_init has put it
+    }
     constexpr uint64_t kBase = 65536;
     constexpr uint64_t kPerRecord = 128;
     constexpr uint64_t kMost = uint64_t{1} << 30;
@@ -102,15 +133,16 @@ int16_t newTag(const char* job)
     return tag;
 }
 
-bool load(const Input& input, RunFigures& run)
+bool load(const Job& job, RunFigures& run)
 {
+    const Input& input = job.input;
     const Clock::time_point begin = Clock::now();
     const int16_t tag = newTag("load");
     Store store = {};
-    createStore(store, tag, input.largest);
+    createStore(store, tag, input.largest, board->buckets);
     uint64_t done = 0;
     for (const Record& record : input.records) {
-        if (endRequested(milliseconds(0)) || !appendRecord(store, record)) {
+        if (!goOn(job, milliseconds(0)) || !appendRecord(store, record)) {
             return false;
         }
         showProgress("loading", ++done, input.records.size());
@@ -122,19 +154,24 @@ bool load(const Input& input, RunFigures& run)
     closeStore(store);
     rm_freeTagMemory(tag, 1);
     run.loadSeconds = secondsSince(begin);
+    note("loaded %s records into %u files, %s bytes, in %.2f s", grouped(done).text, board->buckets,
+         grouped(run.bytesLoaded).text, run.loadSeconds);
     return true;
 }
 
-bool forkWorkers(const Options& options, const Input& input)
+bool forkWorkers(const Job& job)
 {
     const pid_t parent = getpid();
+    const auto count = static_cast<uint32_t>(job.settings.number[kWorkers]);
+    const uint64_t operations = job.settings.number[kOperations];
     std::fflush(nullptr);  // or every worker would have a copy of what is buffered
-    for (uint32_t i = 0; i < options.workers; ++i) {
-        const uint64_t share = options.operations / options.workers +
-                               (i < options.operations % options.workers ? 1 : 0);
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint64_t share = operations / count + (i < operations % count ? 1 : 0);
+        const uint32_t generation = board->settings.generation;  // that of the inherited settings
         const pid_t pid = fork();
         if (pid == 0) {
-            runWorker({i + 1, parent, share, &input, board, i + 1 == options.killWorker});
+            runWorker({i + 1, parent, share, &job.input, board, &job.settings, generation,
+                       i + 1 == job.options.killWorker});
         }
         if (pid < 0) {
             complain("cannot start worker %u: %s\nAllow more processes, or take fewer --workers.",
@@ -172,7 +209,7 @@ uint64_t operationsDone()
 {
     uint64_t done = 0;
     for (const Figures& figures : board->worker) {
-        done += figures.lookups + figures.updates;
+        done += figures.counter[kLookups] + figures.counter[kUpdates];
     }
     return done;
 }
@@ -181,6 +218,8 @@ void explainEnd(const Input& input, uint32_t number)
 {
     const int status = workers[number - 1].status;
     if (!WIFSIGNALED(status)) {
+        std::snprintf(endReason, sizeof(endReason), "worker %u ended with status %d", number,
+                      WEXITSTATUS(status));
         complain(
             "worker %u ended with status %d; %s above says why.\n"
             "The other workers are stopped and nothing is verified; the next run starts afresh.",
@@ -191,12 +230,17 @@ void explainEnd(const Input& input, uint32_t number)
     const Figures& figures = board->worker[number - 1];
     const Record& record = input.records[figures.record];
     char doing[300] = "between two requests";
-    if (figures.doing != Doing::kNothing) {
+    if (figures.doing == Doing::kMiss) {
+        std::snprintf(doing, sizeof(doing),
+                      "in the middle of a lookup of a name that is not there");
+    } else if (figures.doing != Doing::kNothing) {
         std::snprintf(doing, sizeof(doing), "in the middle of %s \"%s\" in %s",
                       figures.doing == Doing::kUpdate ? "an update of" : "a lookup of",
-                      record.key.c_str(), bucketName(bucketOf(record)));
+                      record.key.c_str(), bucketName(bucketOf(record.hash, board->buckets)));
     }
     const int signalNumber = WTERMSIG(status);
+    std::snprintf(endReason, sizeof(endReason), "worker %u was killed by signal %d (%s)", number,
+                  signalNumber, strsignal(signalNumber));
     complain(
         "worker %u was killed by signal %d (%s) %s.\n"
         "The other workers are stopped and nothing is verified. Find out who sent the signal\n"
@@ -204,19 +248,20 @@ void explainEnd(const Input& input, uint32_t number)
         number, signalNumber, strsignal(signalNumber), doing);
 }
 
-bool watchWorkers(const Options& options, const Input& input)
+bool watchWorkers(const Job& job)
 {
     while (anyRunning()) {
-        const bool end = endRequested(kLook);
+        endRequested(kLook);
+        // First of all: after a death nothing of the library may be called.
         const uint32_t bad = reapWorkers();
         if (bad != 0) {
-            explainEnd(input, bad);
+            explainEnd(job.input, bad);
             return false;
         }
-        if (end) {
+        if (!goOn(job, milliseconds(0))) {
             return false;
         }
-        showProgress("serving", operationsDone(), options.operations);
+        showProgress("serving", operationsDone(), job.settings.number[kOperations]);
     }
     clearProgress();
     return true;
@@ -240,28 +285,29 @@ const char* difference(const Record& record, const StoredRecord& stored, uint32_
     return nullptr;
 }
 
-bool verify(const Options& options, const Input& input, RunFigures& run)
+bool verify(const Job& job, RunFigures& run)
 {
+    const Input& input = job.input;
     const Clock::time_point begin = Clock::now();
     const int16_t tag = newTag("verify");
     const auto total = static_cast<uint32_t>(input.records.size());
     Store store = {};
-    openStore(store, tag, input.largest);
+    openStore(store, tag, input.largest, board->buckets);
     uint32_t found = 0;
     uint32_t wrong = 0;
-    for (uint32_t bucket = 0; bucket < kBuckets; ++bucket) {
+    for (uint32_t bucket = 0; bucket < store.buckets; ++bucket) {
         if (!scanBucket(store, bucket)) {
             return false;
         }
         found += store.bucket[bucket].records;
     }
     for (uint32_t i = 0; i < total && wrong < kMostMismatches; ++i) {
-        if (endRequested(milliseconds(0))) {
+        if (!goOn(job, milliseconds(0))) {
             return false;
         }
         const Record& record = input.records[i];
         StoredRecord stored = {};
-        if (i + 1 == options.damageRecord && readRecord(store, record, stored)) {
+        if (i + 1 == job.options.damageRecord && readRecord(store, record, stored)) {
             damageRecord(store, stored);
         }
         if (!readRecord(store, record, stored)) {
@@ -277,6 +323,7 @@ bool verify(const Options& options, const Input& input, RunFigures& run)
     if (wrong != 0 || found != total) {
         complain("the files do not match the input: %s%u wrong, %u stored of %u read.",
                  wrong == kMostMismatches ? "at least " : "", wrong, found, total);
+        std::snprintf(endReason, sizeof(endReason), "the files do not match the input");
         return false;
     }
     run.bytesAtEnd = storeBytes(store);
@@ -284,14 +331,17 @@ bool verify(const Options& options, const Input& input, RunFigures& run)
     closeStore(store);
     rm_freeTagMemory(tag, 1);
     run.verifySeconds = secondsSince(begin);
+    note("verified %s records in %.2f s", grouped(total).text, run.verifySeconds);
     return true;
 }
 
 Outcome badEnd()
 {
     if (endSignal == 0) {
+        closeJournalInHaste("end: failed, %s", endReason);
         return kFailed;
     }
+    closeJournalInHaste("end: interrupted by signal %d (%s)", endSignal, strsignal(endSignal));
     complain("ended by signal %d (%s) after %s operations; nothing is verified.", endSignal,
              strsignal(endSignal), grouped(board != nullptr ? operationsDone() : 0).text);
     return kInterrupted;
@@ -336,34 +386,41 @@ void stopWorkers()
     }
 }
 
-Outcome runServer(const Options& options, const Input& input, RunDirectory& directory)
+Outcome runServer(const Job& job)
 {
     RunFigures run = {};
-    board = makeBoard(static_cast<uint32_t>(input.records.size()));
+    const Clock::time_point start = Clock::now();
+    board = makeBoard(static_cast<uint32_t>(job.input.records.size()));
     if (board == nullptr) {
         return kFailed;
     }
-    board->tagLimit = tagLimitFor(input);
+    board->buckets = static_cast<uint32_t>(job.settings.number[kBuckets]);
+    publishSettings(board->settings, job.settings);
+    startLibrary(job.settings, job.profile);
+    board->tagLimit = tagLimitFor(job.settings, job.input);
     createLocks();
-    if (!directory.noteSet()) {
-        return kFailed;
+    if (!job.directory.noteSet()) {
+        return badEnd();
     }
     std::printf("catalogue: process %d, semaphore set %d, files in %s\n", getpid(),
-                directory.setId(), directory.path().c_str());
+                job.directory.setId(), job.directory.path().c_str());
     std::fflush(stdout);
-    if (!load(input, run)) {
+    noteStart(job);
+    if (!load(job, run)) {
         return badEnd();
     }
     const Clock::time_point begin = Clock::now();
-    if (!forkWorkers(options, input) || !watchWorkers(options, input)) {
+    if (!forkWorkers(job) || !watchWorkers(job)) {
         stopWorkers();
         return badEnd();
     }
     run.serveSeconds = secondsSince(begin);
-    if (!verify(options, input, run)) {
+    if (!verify(job, run)) {
         return badEnd();
     }
-    printSummary(options, input, *board, run);
+    publishCounters(board->parent.counter);
+    printSummary(job.options, job.settings, job.input, *board, run);
+    noteEnd(*board, secondsSince(start));
     return kVerified;
 }
 

@@ -3,21 +3,33 @@
 #define CATALOGUE_SERVER_H
 
 #include "options.h"
+#include "profile.h"
 #include "records.h"
 #include "rundir.h"
+#include "settings.h"
 
 namespace catalogue
 {
 
 // How a run ends, as the value that rm_exit hands to the exit target. An exit jump with 0 would
 // arrive as 1, so the values begin at 1.
-enum Outcome : int16_t { kVerified = 1, kFailed = 2, kInterrupted = 3 };
+enum Outcome : int16_t { kVerified = 1, kFailed = 2, kInterrupted = 3, kWrongSettings = 4 };
 
-// Keeps the signals that end a run from interrupting it anywhere but where it looks for them.
+// What the parent works with. All of it stands in static storage of main.
+struct Job {
+    const Options& options;
+    const Input& input;
+    RunDirectory& directory;
+    Profile& profile;
+    Settings& settings;
+};
+
+// Keeps the signals that end a run, or ask for new settings, from interrupting it anywhere but
+// where it looks for them.
 void blockSignals();
 
-// The whole run, from the first call of the library to the summary. May leave by the fatal target.
-Outcome runServer(const Options& options, const Input& input, RunDirectory& directory);
+// The whole run, in its directory, to the summary. May leave by the fatal target.
+Outcome runServer(const Job& job);
 
 // Ends and reaps all workers that there still are. Takes at most a few seconds, whatever locks the
 // dead ones held; calls nothing of the library, so that shutdown processing may use it.

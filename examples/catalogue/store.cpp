@@ -1,7 +1,7 @@
 // The bucket files: where the records are kept.
 //
-// Why: more files than descriptors. Every process keeps 32 managed files open and the library holds
-// at most 8 descriptors for them; which ones, nobody here knows or asks.
+// Why: more files than descriptors. By default every process keeps 32 managed files open and the
+// library holds at most 8 descriptors for them; which ones, nobody here knows or asks.
 //
 // Format, in the byte order of the machine, since the files die with the run:
 //   FileHead                       at offset 0
@@ -23,6 +23,7 @@
 #include "store.h"
 
 #include "console.h"
+#include "counters.h"
 
 #include "rm.h"
 
@@ -164,15 +165,24 @@ uint32_t sealSlot(Store& store, SlotHead& head)
     return static_cast<uint32_t>(sizeof(head)) + head.capacity;
 }
 
-void openFiles(Store& store, int16_t tag, uint32_t largest, uint32_t openFlags)
+void openFiles(Store& store, int16_t tag, uint32_t largest, uint32_t buckets, uint32_t openFlags)
 {
     std::memset(&store, 0, sizeof(store));
     store.tag = tag;
+    store.buckets = buckets;
     store.imageSize = static_cast<uint32_t>(sizeof(SlotHead)) + aligned(largest + kNoteRoom);
     store.image = static_cast<char*>(rm_cGetMemory(store.imageSize, tag));
-    for (uint32_t i = 0; i < kBuckets; ++i) {
+    for (uint32_t i = 0; i < store.buckets; ++i) {
         store.bucket[i].file = rm_fileOpen(bucketName(i), openFlags, FILE_FATAL, 0, kGrowIncrement);
     }
+}
+
+// The end of the last slot moves on. The library extends a file by whole steps, ahead of writes.
+void moveEnd(Bucket& bucket, uint32_t bytes)
+{
+    const uint32_t steps = bucket.end / kGrowIncrement;
+    bucket.end += bytes;
+    count(kGrowths, static_cast<uint16_t>(bucket.end / kGrowIncrement - steps));
 }
 
 void addToIndex(Bucket& bucket, const IndexEntry& entry)
@@ -185,29 +195,31 @@ void addToIndex(Bucket& bucket, const IndexEntry& entry)
 }
 }  // namespace
 
-uint32_t bucketOf(const Record& record)
+uint32_t bucketOf(uint64_t hash, uint32_t buckets)
 {
-    return static_cast<uint32_t>(record.hash >> 32) % kBuckets;
+    // Names that differ in their last bytes only have hashes that differ in the low bits only.
+    constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;
+    return static_cast<uint32_t>((hash * kSpread) >> 32) % buckets;
 }
 
 const char* bucketName(uint32_t bucket)
 {
     static char name[sizeof("bucket-00.dat")];
-    std::snprintf(name, sizeof(name), "bucket-%02u.dat", bucket % kBuckets);
+    std::snprintf(name, sizeof(name), "bucket-%02u.dat", bucket % kMaxBuckets);
     return name;
 }
 
-void createStore(Store& store, int16_t tag, uint32_t largest)
+void createStore(Store& store, int16_t tag, uint32_t largest, uint32_t buckets)
 {
-    openFiles(store, tag, largest, RM_O_RDWR | RM_O_CREAT | RM_O_TRUNC);
-    for (Bucket& bucket : store.bucket) {
-        bucket.end = sizeof(FileHead);
+    openFiles(store, tag, largest, buckets, RM_O_RDWR | RM_O_CREAT | RM_O_TRUNC);
+    for (uint32_t i = 0; i < store.buckets; ++i) {
+        store.bucket[i].end = sizeof(FileHead);
     }
 }
 
 bool appendRecord(Store& store, const Record& record)
 {
-    const uint32_t number = bucketOf(record);
+    const uint32_t number = bucketOf(record.hash, store.buckets);
     Bucket& bucket = store.bucket[number];
     SlotHead head = {};
     head.hash = record.hash;
@@ -224,24 +236,27 @@ bool appendRecord(Store& store, const Record& record)
     if (!writeAll(store, number, bucket.end, store.image, bytes)) {
         return false;
     }
-    bucket.end += bytes;
+    moveEnd(bucket, bytes);
     ++bucket.records;
     return true;
 }
 
 bool finishStore(Store& store)
 {
-    for (uint32_t i = 0; i < kBuckets; ++i) {
+    for (uint32_t i = 0; i < store.buckets; ++i) {
         if (!writeFileHead(store, i)) {
             return false;
         }
+        // At once: a file that has been parked again by then is not synced.
+        rm_fileSync(store.bucket[i].file);
+        count(kSyncs);
     }
     return true;
 }
 
-void openStore(Store& store, int16_t tag, uint32_t largest)
+void openStore(Store& store, int16_t tag, uint32_t largest, uint32_t buckets)
 {
-    openFiles(store, tag, largest, RM_O_RDWR);
+    openFiles(store, tag, largest, buckets, RM_O_RDWR);
 }
 
 bool scanBucket(Store& store, uint32_t number)
@@ -273,31 +288,31 @@ bool scanBucket(Store& store, uint32_t number)
     return found == bucket.records || damaged(number, 0, "not as many records as its head says");
 }
 
-bool readRecord(Store& store, const Record& record, StoredRecord& stored)
+Found findRecord(Store& store, std::string_view wanted, uint64_t hash, StoredRecord& stored)
 {
-    const uint32_t number = bucketOf(record);
+    const uint32_t number = bucketOf(hash, store.buckets);
     Bucket& bucket = store.bucket[number];
     SlotHead head = {};
-    uint32_t at = static_cast<uint32_t>(record.hash) & (bucket.indexSize - 1);
+    uint32_t at = static_cast<uint32_t>(hash) & (bucket.indexSize - 1);
     for (; bucket.index[at].offset != 0; at = (at + 1) & (bucket.indexSize - 1)) {
         IndexEntry& entry = bucket.index[at];
-        if (entry.hash != record.hash) {
+        if (entry.hash != hash) {
             continue;
         }
         if (!readSlot(store, number, entry, head)) {
-            return false;
+            return Found::kDamaged;
         }
         if (head.movedTo != 0) {
             // The first update made room for a note, and for nothing else.
             entry.offset = head.movedTo;
             entry.capacity = aligned(head.keyLength + head.bodyLength + kNoteRoom);
             if (!readSlot(store, number, entry, head)) {
-                return false;
+                return Found::kDamaged;
             }
         }
         const char* const texts = store.image + sizeof(head);
         const std::string_view key(texts, head.keyLength);
-        if (key == record.key) {
+        if (key == wanted) {
             stored = {number,
                       entry.offset,
                       head.capacity,
@@ -305,11 +320,20 @@ bool readRecord(Store& store, const Record& record, StoredRecord& stored)
                       key,
                       {texts + head.keyLength, head.bodyLength},
                       {texts + head.keyLength + head.bodyLength, head.noteLength}};
-            return true;
+            return Found::kYes;
         }
     }
-    complain("%s: the record \"%s\" is not there.", bucketName(number), record.key.c_str());
-    return false;
+    return Found::kNo;
+}
+
+bool readRecord(Store& store, const Record& record, StoredRecord& stored)
+{
+    const Found found = findRecord(store, record.key, record.hash, stored);
+    if (found == Found::kNo) {
+        complain("%s: the record \"%s\" is not there.",
+                 bucketName(bucketOf(record.hash, store.buckets)), record.key.c_str());
+    }
+    return found == Found::kYes;
 }
 
 uint32_t noteText(char (&text)[kNoteRoom], uint32_t version)
@@ -354,7 +378,8 @@ bool updateRecord(Store& store, const StoredRecord& stored, uint32_t worker, boo
         return true;
     }
     // The new slot is complete before anything leads to it.
-    bucket.end += bytes;
+    moveEnd(bucket, bytes);
+    count(kMoves);
     old.movedTo = offset;
     old.checksum = checksumOf(old, nullptr);
     return writeFileHead(store, stored.bucket) &&
@@ -371,16 +396,16 @@ void damageRecord(Store& store, const StoredRecord& stored)
 uint64_t storeBytes(const Store& store)
 {
     uint64_t bytes = 0;
-    for (const Bucket& bucket : store.bucket) {
-        bytes += rm_fileLength(bucket.file);
+    for (uint32_t i = 0; i < store.buckets; ++i) {
+        bytes += rm_fileLength(store.bucket[i].file);
     }
     return bytes;
 }
 
 void closeStore(Store& store)
 {
-    for (Bucket& bucket : store.bucket) {
-        rm_fileClose(bucket.file);
+    for (uint32_t i = 0; i < store.buckets; ++i) {
+        rm_fileClose(store.bucket[i].file);
     }
 }
 

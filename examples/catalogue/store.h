@@ -3,6 +3,7 @@
 #define CATALOGUE_STORE_H
 
 #include "records.h"
+#include "settings.h"
 
 #include <cstdint>
 #include <string_view>
@@ -11,7 +12,6 @@
 namespace catalogue
 {
 
-constexpr uint32_t kBuckets = 32;
 constexpr uint32_t kNoteRoom = 64;  // bytes
 
 // Where a record's slot is, by the hash of its key.
@@ -35,7 +35,8 @@ struct Store {
     int16_t tag;         // owns index and image
     char* image;         // room for any one slot
     uint32_t imageSize;  // bytes
-    Bucket bucket[kBuckets];
+    uint32_t buckets;    // how many of the following there are
+    Bucket bucket[kMaxBuckets];
 };
 
 static_assert(std::is_trivially_destructible_v<Store>);
@@ -51,7 +52,14 @@ struct StoredRecord {
     std::string_view note;  // of the last update; empty before the first
 };
 
-uint32_t bucketOf(const Record& record);
+// What a search can come to.
+enum class Found {
+    kYes,
+    kNo,
+    kDamaged,  // said so
+};
+
+uint32_t bucketOf(uint64_t hash, uint32_t buckets);
 
 // The path of a bucket's file; good until the next call.
 const char* bucketName(uint32_t bucket);
@@ -59,18 +67,21 @@ const char* bucketName(uint32_t bucket);
 // All of these call the library: any of them may leave by the fatal target.
 
 // Makes the bucket files, empty. `tag` owns the store's memory, `largest` is the input's.
-void createStore(Store& store, int16_t tag, uint32_t largest);
+void createStore(Store& store, int16_t tag, uint32_t largest, uint32_t buckets);
 
 // Puts a record at the end of its bucket. False after having said why not.
 bool appendRecord(Store& store, const Record& record);
 
-// Writes the heads of the files: from then on they can be opened.
+// Writes the heads of the files, from then on they can be opened, and brings the files to the disk.
 bool finishStore(Store& store);
 
-void openStore(Store& store, int16_t tag, uint32_t largest);
+void openStore(Store& store, int16_t tag, uint32_t largest, uint32_t buckets);
 
-// Builds the index of a bucket. The caller holds its lock, as for the two that follow.
+// Builds the index of a bucket. The caller holds its lock, as for the three that follow.
 bool scanBucket(Store& store, uint32_t number);
+
+// Looks for a name that need not be there.
+Found findRecord(Store& store, std::string_view wanted, uint64_t hash, StoredRecord& stored);
 
 // False after having said what is wrong: the record is not there, or not whole.
 bool readRecord(Store& store, const Record& record, StoredRecord& stored);

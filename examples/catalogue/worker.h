@@ -4,6 +4,7 @@
 
 #include "board.h"
 #include "records.h"
+#include "settings.h"
 
 #include <cstdint>
 
@@ -25,6 +26,8 @@ struct Work {
     uint64_t operations;  // its share
     const Input* input;   // inherited
     Board* board;         // shared
+    Settings* settings;   // inherited, those of `generation`
+    uint32_t generation;  // of the settings on the board when the worker was forked
     bool killHalfway;     // test aid: die in the middle of an update
 };
 

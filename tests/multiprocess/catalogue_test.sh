@@ -1,109 +1,8 @@
 #!/usr/bin/env bash
 # Runs the catalogue as its user does and looks at what that user sees: exit status, output, and
-# what is left behind. One case per function; the build registers each as catalogue.<Case>.
-#
-# usage: catalogue_test.sh <catalogue> <Case> [<module that makes keys look taken>]
-set -euo pipefail
-
-catalogue=$(realpath "$1")
-case_name=$2
-taken_key=${3:+$(realpath "$3")}
-
-work=$(mktemp -d)
-runs=$work/runs # where the run directories are made; everything else of a case is beside it
-mkdir "$runs"
-: >"$work/out"
-pid=
-stopped= # a worker that a case has stopped: it must be able to notice that its parent has gone
-cleanup() {
-    [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null || true
-    [ -z "$stopped" ] || kill -CONT "$stopped" 2>/dev/null || true
-    rm -rf "$work"
-}
-trap cleanup EXIT
-
-fail() {
-    printf 'FAILED: %s\n' "$*"
-    for file in "$work"/out "$work"/err; do
-        [ ! -f "$file" ] || sed "s/^/${file##*\/}: /" "$file"
-    done
-    exit 1
-}
-
-# ---- running it
-
-# run <argument...>: to the end; leaves $status, $work/out and $work/err.
-run() {
-    status=0
-    "$catalogue" --dir "$runs" "$@" >"$work/out" 2>"$work/err" || status=$?
-}
-
-# start <argument...>: in the background, with far more operations than a case lasts.
-start() {
-    mkfifo "$work/pipe"
-    "$catalogue" --dir "$runs" --operations 1000000000 "$@" >"$work/pipe" 2>"$work/err" &
-    pid=$!
-    exec 3<"$work/pipe"
-}
-
-# await <start of a line>: reads the background run's output as far as that line.
-await() {
-    local line
-    while IFS= read -r line <&3; do
-        printf '%s\n' "$line" >>"$work/out"
-        [[ $line != "$1"* ]] || return 0
-    done
-    fail "the output ended before a line \"$1...\""
-}
-
-# finish: waits for the background run; leaves $status.
-finish() {
-    cat <&3 >>"$work/out"
-    status=0
-    wait "$pid" || status=$?
-    pid=
-}
-
-# records <n>: an input of n records.
-records() {
-    local i
-    for ((i = 1; i <= $1; i++)); do
-        printf 'Name: item%d\nWeight: %d\nText: first line\n and a second one\n\n' "$i" $((i * i))
-    done >"$work/input"
-}
-
-# ---- looking at it
-
-expect_status() { [ "$status" -eq "$1" ] || fail "exit status $status instead of $1"; }
-expect_out() { grep -qE -- "$1" "$work/out" || fail "standard output lacks: $1"; }
-expect_err() { grep -qE -- "$1" "$work/err" || fail "standard error lacks: $1"; }
-expect_no_err() { [ ! -s "$work/err" ] || fail "standard error is not empty"; }
-
-set_id() { sed -n 's/^catalogue: process .*, semaphore set \([0-9]*\),.*/\1/p' "$work/out"; }
-set_exists() { awk -v id="$1" '$2 == id { found = 1 } END { exit !found }' /proc/sysvipc/sem; }
-
-# Whether a process waits, for a fifth of a second on end, for one of the run's semaphores to be left.
-somebody_waits() {
-    local id look
-    id=$(set_id)
-    for look in 1 2 3 4; do
-        ipcs -s -i "$id" | awk '$3 > 0 && $1 ~ /^[0-9]+$/ { found = 1 } END { exit !found }' ||
-            return 1
-        [ "$look" = 4 ] || sleep 0.05
-    done
-}
-
-expect_nothing_left() {
-    local left id
-    left=$(ls -A "$runs")
-    [ -z "$left" ] || fail "left behind: $left"
-    for id in $(set_id); do
-        ! set_exists "$id" || fail "semaphore set $id is left behind"
-    done
-}
-
-# The figure before "<word>" in a row of the summary, without its commas.
-figure() { sed -n "s/^  $1 *\\([0-9,]*\\)[ ,].*/\\1/p" "$work/out" | tr -d ,; }
+# what is left behind. One case per function.
+# shellcheck source=tests/multiprocess/catalogue_support.sh
+source "$(dirname "$0")/catalogue_support.sh"
 
 # ---- a good run
 
@@ -398,9 +297,7 @@ GivesUpALockWhoseHolderDoesNotAnswer() {
     records 1
     start --workers 2 "$work/input"
     await 'serving:'
-    # Other processes come and go while their files are read: that is not an error.
-    stopped=$({ grep -lx "PPid:[[:space:]]$pid" /proc/[0-9]*/status || true; } 2>/dev/null | sed -n 1p)
-    stopped=${stopped//[!0-9]/}
+    stopped=$(workers | sed -n 1p)
     [ -n "$stopped" ] || fail "there is no worker"
     kill -STOP "$stopped"
     until somebody_waits; do
@@ -489,7 +386,4 @@ LeavesFilesOfOthersInACrashedRunAlone() {
     [ -e "$runs/catalogue-run.abcdef/precious" ] || fail "it is gone"
 }
 
-if [ "$(type -t "$case_name")" != function ]; then
-    fail "there is no case $case_name"
-fi
-"$case_name"
+run_case

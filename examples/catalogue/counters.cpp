@@ -1,0 +1,49 @@
+// What a process counts, and under which numbers.
+//
+// Why: the library keeps the counters of one process, and the run has several. Each counts for
+// itself, without a lock, and copies its figures to the board; the parent adds them up there, also
+// those of a worker that is dead.
+//
+// Fatal: no memory, for the counters.
+#include "counters.h"
+
+#include "rm.h"
+
+#include <algorithm>
+
+namespace catalogue
+{
+namespace
+{
+constexpr const char* kNames[] = {
+    "lookups",      "updates",    "misses",         "records moved", "growth steps", "file syncs",
+    "bucket locks", "lock waits", "lock time-outs", "reloads",       "warnings",
+};
+static_assert(std::size(kNames) == kCounters);
+}  // namespace
+
+const char* counterName(Counter counter)
+{
+    return kNames[counter];
+}
+
+void startCounters()
+{
+    rm_statInit(kCounters);
+}
+
+void count(Counter counter, uint16_t amount)
+{
+    rm_statInc(counter, amount);
+}
+
+void publishCounters(std::atomic<uint32_t> (&board)[kCounters])
+{
+    uint16_t available = 0;
+    const uint32_t* counters = rm_statRep(&available);
+    for (uint16_t i = 0; i < std::min<uint16_t>(available, kCounters); ++i) {
+        board[i].store(counters[i], std::memory_order_relaxed);
+    }
+}
+
+}  // namespace catalogue

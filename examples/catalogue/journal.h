@@ -1,0 +1,39 @@
+// The log of a run: lines of every process, in one file.
+#ifndef CATALOGUE_JOURNAL_H
+#define CATALOGUE_JOURNAL_H
+
+#include "settings.h"
+
+#include "rm.h"
+
+namespace catalogue
+{
+
+// Who the lines of this process are from: "parent", "worker 3". Kept as a pointer.
+void nameJournal(const char* who);
+
+// A line for whoever follows the run: from level 1 on. Standard error gets it, and at level 2 the
+// log file too.
+void note(const char* format, ...) RM_PRINTF(1, 2);
+
+// A line that matters: standard error gets it at every level. Counted.
+void warn(const char* format, ...) RM_PRINTF(1, 2);
+
+// In the parent: sets the level, and opens the log file at level 2. What stood there is kept with
+// the extension .bak.
+void openJournal(const Settings& settings);
+
+// In the parent: goes over to new settings. When that begins another file, `now` gets a new number
+// for it, by which the workers notice.
+void changeJournal(const Settings& before, Settings& now);
+
+// In a worker: follows the parent to its file.
+void followJournal(const Settings& before, const Settings& now);
+
+// The last line of a run that ended badly. Waits for nothing: a dead worker may hold the lock of
+// the file table. From then on no line reaches the file.
+void closeJournalInHaste(const char* format, ...) RM_PRINTF(1, 2);
+
+}  // namespace catalogue
+
+#endif
