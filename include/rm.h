@@ -1530,8 +1530,9 @@ RM_API void rm_fileCounts(uint32_t* open, uint32_t* parked, uint32_t* parkings, 
  * one does both is not defined. The lines end with "\n"; there is no other translation.
  *
  * **A last line that does not end with a newline** is returned only by the call that reads its
- * block; when an earlier call has read that block, the line is lost, and the call returns null. A
- * zero byte ends the file too.
+ * last block; when an earlier call has read that block, or the line ends with it (a file of a
+ * multiple of 512 bytes), the line is lost, and the call returns null. A zero byte ends the file
+ * too.
  *
  * A write that fails is logged by the managed file and not reported here. Who must know compares
  * the file with what it should be.
@@ -1635,15 +1636,22 @@ RM_API char* rm_fileStreamGetLine(FileStream* stream, char** lineBuffer, uint32_
  * - *Setting a new key*: it is written before the first line of the section that begins with white
  *   space (in files with CR LF that includes empty lines), or at the end of the file when the
  *   section is the last one, or is new. **Otherwise it is not written at all, and the result is
- *   still 0.** The tool rmini, and a rm_iniGetPrivate() afterwards, tell.
+ *   still 0.** The tool rmini, and a rm_iniGetPrivate() afterwards, tell. A key that stands behind
+ *   a line that begins with white space counts as new: it is there twice then, and the first is
+ *   read.
  * - *Deleting a key* deletes all lines of the section with it.
- * - *A last line without a newline* is not read, unless its block begins with it (see
- *   @ref rm_stream); a rewrite keeps it.
+ * - *A last line without a newline* is not read, unless it begins a block or runs on into its last
+ *   one (see @ref rm_stream); a rewrite keeps it and gives it a newline.
+ * - *Files with CR LF* keep their line ends, but what a change adds ends with LF alone.
+ * - *Names and values that are read back differently*: a newline or a carriage return anywhere; a
+ *   key with "=", or that begins with ";", "[" or white space; a section with "]". They are written
+ *   as they are.
  *
  * **Rewriting.** A change copies the file into "_temp_.ini" in the same directory, brings that to
  * the disk (unless #fileCommit is 0), removes the file, and renames the copy. The new file has the
  * permissions of the old one, and its owner and group where the process may give it away; a
  * permission that would be somebody else's is left out. A symbolic link is replaced by the file.
+ * After a fatal error the process keeps both files open until its next call of this group.
  *
  * Processes that change files of one directory take turns, by a lock on the copy (flock), for which
  * they wait up to 14 s; and a reader waits as long for a file that is missing while the copy is
@@ -1656,6 +1664,9 @@ RM_API char* rm_fileStreamGetLine(FileStream* stream, char** lineBuffer, uint32_
  * | there       | absent          | nothing was changed; or all, when the process died    |
  * | there       | there           | nothing was changed: remove "_temp_.ini"              |
  * | absent      | there           | it is the changed file, whole: rename it to the path  |
+ *
+ * The last row holds for the file whose change was cut off. Of two files in one directory that both
+ * are absent, or when another one was changed since, the copy may be the other's.
  *
  * **Do that before the next change of any file in the directory**, since that writes "_temp_.ini"
  * anew, **and only while you hold the lock on "_temp_.ini"**, since all three rows are also what a
@@ -1687,7 +1698,7 @@ RM_API char* rm_fileStreamGetLine(FileStream* stream, char** lineBuffer, uint32_
  * @param path path of the file
  * @return 0; ::RM_NOT_FOUND when there is no such thing, or the file cannot be opened;
  *         ::RM_MISSING_ARGUMENT for a null buffer or path. A list that has no room for a single
- *         byte is ::RM_NOT_FOUND.
+ *         byte is ::RM_NOT_FOUND, and so is whatever could not be read whole.
  * @fatal memory, lock, syscall
  * @locks #fileSem; when the file is missing also that of a rewrite, up to 14 s
  * @log as rm_fileRead()
@@ -1720,17 +1731,16 @@ RM_API int16_t rm_iniGet(const char* section, const char* key, char* buffer, int
  * - `key` null: the first section of that name is deleted, up to the next header.
  *
  * @param section name of the section
- * @param key name of the key, or null; without "=" and newlines, which would be read back
- *            differently
- * @param value the value, or null; without newlines
+ * @param key name of the key, or null; see above which are read back differently
+ * @param value the value, or null; likewise
  * @param path path of the file; "_temp_.ini" itself cannot be changed
  * @return 0, also when there was nothing to delete, **and when a new entry found no place**;
  *         ::RM_MISSING_ARGUMENT for a null section or path; ::RM_CANNOT_OPEN when the file or its
- *         copy cannot be opened, or another process kept the copy locked;
+ *         copy cannot be opened or is no plain file, or another process kept the copy locked;
  *         ::RM_RENAME_FAILED when the copy could not be written, or could not take the file's
  *         place: see above what stands where then
  * @fatal memory, lock, syscall; the copy may stay behind, and the file is untouched
- * @locks that on the copy, up to 14 s; #fileSem
+ * @locks that on the copy, up to 14 s, and as long for a file that is missing; #fileSem
  * @log as rm_fileRead() and rm_fileWrite()
  */
 RM_API int16_t rm_iniSetPrivate(const char* section, const char* key, const char* value,
@@ -1738,15 +1748,16 @@ RM_API int16_t rm_iniSetPrivate(const char* section, const char* key, const char
 
 /**
  * As rm_iniSetPrivate(), on the default file. An entry that was set in section "ENVIRONMENT" is
- * also put into the local environment (rm_putLocalEnv()), and has its effect in this process at
- * once.
+ * also put into the local environment (rm_putLocalEnv()), in upper case, and has its effect in this
+ * process at once: a `CATPATH` moves the default file itself.
  *
  * @param section name of the section
  * @param key name of the key, or null
  * @param value the value, or null
  * @return as rm_iniSetPrivate(); ::RM_OUT_OF_MEMORY when the path cannot be built: kept for
  *         callers, since exhausted memory is fatal first
- * @fatal as rm_iniSetPrivate()
+ * @fatal as rm_iniSetPrivate(); memory also when the file is changed and the local environment has
+ *        no room for the entry
  * @locks as rm_iniSetPrivate()
  * @log as rm_iniSetPrivate()
  */
@@ -1938,7 +1949,8 @@ RM_API char* FgetsTrim(char* buffer, int16_t size, FILE* stream);
  *
  * A path is made of a directory, a base name and an extension, joined by "/" and ".". **A directory
  * that begins with "." does not count from the current directory** but from the one that the
- * variable `CATPATH` names (rm_getenv(), so the local environment comes first). With `CATPATH`
+ * variable `CATPATH` names (rm_getenv(), so the local environment comes first, with its values in
+ * upper case). With `CATPATH`
  * "/a/b/c":
  *
  * | Directory | stands for |

@@ -134,7 +134,7 @@ void forgetTablesOf(Tag tag)
         rmsrv::forgetStatistics();
     }
     if (file::fileTag != 0 && tag == file::fileTag) {
-        rmutil::forgetIniStreams();
+        rmutil::forgetIniHandles();
         file::forgetTable();
     }
 }

@@ -66,8 +66,9 @@ const char* stampOfNow()
     if (!isCurrent(now, zone)) {
         const std::tm* local = std::localtime(&now);
         keptStamp.text[0] = '\0';
-        if (local != nullptr) {
-            std::strftime(keptStamp.text, sizeof(keptStamp.text), kStampFormat, local);
+        if (local == nullptr ||
+            std::strftime(keptStamp.text, sizeof(keptStamp.text), kStampFormat, local) == 0) {
+            keptStamp.text[0] = '\0';
         }
         keptStamp.kept = local != nullptr && (zone == nullptr || std::strlen(zone) < kZoneSize);
         keptStamp.second = now;

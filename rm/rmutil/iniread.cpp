@@ -46,7 +46,14 @@ struct Answer {
     std::size_t capacity() const { return size > 1 ? static_cast<std::size_t>(size) - 1 : 0; }
 };
 
-FileStream* iniStreams[2] = {nullptr, nullptr};  // by IniStream; null when not open
+// A stream of a call. The handle is kept beside it: a host may release tag 0, and the record with
+// it, while the file stays open.
+struct OpenIni {
+    FileStream* stream;  // null when there is none
+    FileHandle handle;   // RM_NONE when there is none
+};
+
+OpenIni openInis[2] = {{nullptr, RM_NONE}, {nullptr, RM_NONE}};  // by IniStream
 
 // A bounded copy that fills all `size` bytes: what the text leaves of them is zeros.
 void copyBounded(char* to, std::string_view text, std::size_t size)
@@ -147,6 +154,9 @@ int16_t answerList(LineContext* lines, const char* section, const Answer& answer
     } else if (FindSection(lines, section) != 0) {
         result = listEntries(lines, answer.withValues, &list);
     }
+    if (lines->stream->failed) {
+        result = RM_NOT_FOUND;  // what could not be read is not taken for the end
+    }
     if (answer.size > 0) {
         // The last entry is cut where the buffer is full: two zeros end the list in any case.
         *list.at = '\0';
@@ -181,27 +191,57 @@ FileStream* openForReading(const char* path)
 }
 }  // namespace
 
+// The lock of the file table is held until the stream is where the next call finds it, so that no
+// step that may not return comes in between.
 FileStream* rmutil::openIni(IniStream which, const char* path, const char* mode)
 {
-    closeIni(which);
-    iniStreams[which] = rm_fileStreamOpen(path, mode);
-    return iniStreams[which];
+    OpenIni* open = &openInis[which];
+    file::enterFileSem("fileSem timeout in rm_fileOpen");
+    open->stream = rm_fileStreamOpen(path, mode);
+    open->handle = open->stream != nullptr ? open->stream->handle : int16_t{RM_NONE};
+    file::leaveFileSem();
+    return open->stream;
 }
 
 void rmutil::closeIni(IniStream which)
 {
-    FileStream* stream = iniStreams[which];
-    iniStreams[which] = nullptr;
-    if (stream != nullptr) {
-        stream->pending = 0;  // of a copy that nobody finished
-        rm_fileStreamClose(stream);
+    OpenIni* open = &openInis[which];
+    if (open->stream == nullptr && open->handle == RM_NONE) {
+        return;
     }
+    file::enterFileSem("fileSem timeout in rm_fileClose");
+    const OpenIni closed = *open;
+    *open = {nullptr, RM_NONE};
+    if (closed.stream != nullptr) {
+        closed.stream->pending = 0;  // of a copy that nobody finished
+        rm_fileStreamClose(closed.stream);
+    } else {
+        rm_fileClose(closed.handle);
+    }
+    file::leaveFileSem();
+}
+
+void rmutil::closeStaleInis()
+{
+    closeIni(kIniRead);
+    closeIni(kIniCopy);
 }
 
 void rmutil::forgetIniStreams()
 {
-    iniStreams[kIniRead] = nullptr;
-    iniStreams[kIniCopy] = nullptr;
+    for (OpenIni& open : openInis) {
+        open.stream = nullptr;
+    }
+}
+
+void rmutil::forgetIniHandles()
+{
+    for (OpenIni& open : openInis) {
+        open.handle = RM_NONE;
+        if (open.stream != nullptr) {
+            open.stream->handle = RM_NONE;
+        }
+    }
 }
 
 char* rmutil::defaultIniPath()
@@ -237,13 +277,14 @@ int16_t rm_iniGetPrivate(const char* section, const char* key, char* buffer, int
     if (buffer == nullptr || path == nullptr) {
         return RM_MISSING_ARGUMENT;
     }
+    closeStaleInis();
     FileStream* stream = openForReading(path);
     if (stream == nullptr) {
         return RM_NOT_FOUND;
     }
     LineContext lines = linesOf(stream);
     Answer answer = {nullptr, size, withValues != 0};
-    answer.buffer = buffer;
+    answer.buffer = buffer;  // in the initializer clang-tidy takes it for one that is only read
     const int16_t result = section == nullptr || key == nullptr
                                ? answerList(&lines, section, answer)
                                : answerValue(&lines, section, key, answer);

@@ -5,13 +5,13 @@
 //
 //   1. lock "_temp_.ini"           processes that rewrite files of one directory take turns
 //   2. copy into it, with the change, and with the permissions of the old file
-//   3. bring that to the disk      any failure up to here: it is removed, the old file stands
+//   3. bring that to the disk      a failure in 2 or 3: it is removed, the old file stands
 //   4. remove the old file         a failure: both stand
 //   5. rename the temporary file   a failure, or an end between 4 and 5: the new content stands
 //                                  whole in "_temp_.ini", and the path is absent
 //
-// What is copied is copied byte for byte, carriage returns and zeros too, and the last line whether
-// it ends with a newline or not.
+// What is copied is copied byte for byte, carriage returns and zeros too. A last line without a
+// newline is copied as well, and given one.
 //
 // Owns: the lock on the temporary file while a rewrite runs.
 //
@@ -128,12 +128,34 @@ bool copyWith(const Change& change, FileStream* in, FileStream* out)
     return flushStream(out) && !in->failed;
 }
 
-// The copy takes the place of the file. Not when it has gone: who cleans up without asking for the
-// lock has removed it, and the old file is all there is.
+// The temporary file is still the one that is locked: nobody has cleaned up without asking.
+bool ownsCopy(const char* tempPath)
+{
+    return os::leadsTo(tempPath, rewriteLock);
+}
+
+void removeCopy(const char* tempPath)
+{
+    if (ownsCopy(tempPath)) {
+        rm_fileRemove(tempPath);
+    }
+}
+
+// Null when the copy is another's by now, or cannot be opened.
+FileStream* openCopy(const char* tempPath)
+{
+    if (!ownsCopy(tempPath)) {
+        return nullptr;
+    }
+    os::keepToOwner(rewriteLock);
+    return openIni(kIniCopy, tempPath, "w");
+}
+
+// The copy takes the place of the file. Not when it has gone: the old file is all there is then.
 bool replace(const char* path, const char* directory, const char* tempPath)
 {
     os::bringDirectoryToDisk(directory);
-    if (!os::leadsTo(tempPath, rewriteLock) || rm_fileRemove(path) != RM_SUCCESS ||
+    if (!ownsCopy(tempPath) || rm_fileRemove(path) != RM_SUCCESS ||
         rm_fileRename(tempPath, path) != RM_SUCCESS) {
         return false;
     }
@@ -143,12 +165,11 @@ bool replace(const char* path, const char* directory, const char* tempPath)
 
 int16_t rewrite(const Change& change, const char* path, const char* directory, const char* tempPath)
 {
-    FileStream* in = openIni(kIniRead, path, "r");
-    if (in == nullptr || os::leadsTo(path, rewriteLock)) {
-        closeIni(kIniRead);
+    if (!os::isPlainFile(path) || os::leadsTo(path, rewriteLock)) {
         return RM_CANNOT_OPEN;
     }
-    FileStream* out = openIni(kIniCopy, tempPath, "w");
+    FileStream* in = openIni(kIniRead, path, "r");
+    FileStream* out = in != nullptr ? openCopy(tempPath) : nullptr;
     if (out == nullptr) {
         closeIni(kIniRead);
         return RM_CANNOT_OPEN;
@@ -159,7 +180,7 @@ int16_t rewrite(const Change& change, const char* path, const char* directory, c
     closeIni(kIniRead);
     closeIni(kIniCopy);
     if (!good) {
-        rm_fileRemove(tempPath);
+        removeCopy(tempPath);
         return RM_RENAME_FAILED;
     }
     return replace(path, directory, tempPath) ? int16_t{RM_SUCCESS} : int16_t{RM_RENAME_FAILED};
@@ -191,14 +212,17 @@ bool exists(const char* path)
 int16_t rewriteLocked(const Change& change, const char* path, const char* directory,
                       const char* tempPath)
 {
-    rewriteLock = os::lockFile(tempPath, file::kLockTimeoutMs);
+    bool made = false;
+    rewriteLock = os::lockFile(tempPath, file::kLockTimeoutMs, &made);
     if (rewriteLock < 0) {
         rewriteLock = RM_NONE;
         return RM_CANNOT_OPEN;
     }
     const int16_t result = rewrite(change, path, directory, tempPath);
-    if (result == RM_CANNOT_OPEN && os::isEmptyFile(rewriteLock)) {
-        rm_flRemove(tempPath);  // the one that the lock made; any other may be all that is left
+    // Only the file that the lock has made, and that nobody has written in between: any other may
+    // be all that is left of a file.
+    if (result == RM_CANNOT_OPEN && made && os::isEmptyFile(rewriteLock)) {
+        removeCopy(tempPath);
     }
     abandonRewrite();
     return result;
@@ -252,6 +276,7 @@ int16_t rm_iniSetPrivate(const char* section, const char* key, const char* value
     if (section == nullptr || path == nullptr) {
         return RM_MISSING_ARGUMENT;
     }
+    closeStaleInis();
     if (!isThere(path)) {
         return RM_CANNOT_OPEN;  // what stands in the temporary file may be all that is left of it
     }

@@ -94,13 +94,15 @@ bool equalsFolded(std::string_view text, const char* other);
 
 enum IniStream { kIniRead, kIniCopy };
 
-// The streams of a call in progress. One that a fatal error has left open is closed by the next
-// call: the process could not replace its file otherwise.
+// The streams of a call in progress. Those that a fatal error has left open are closed by
+// closeStaleInis in the next call: the process could not replace their files otherwise.
 FileStream* openIni(IniStream which, const char* path, const char* mode);
 void closeIni(IniStream which);
+void closeStaleInis();
 
-// Forgets the streams without closing them: their memory, or the file table, is about to go.
+// Forgets the streams' records, or their handles: the memory, or the file table, is about to go.
 void forgetIniStreams();
+void forgetIniHandles();
 
 // The path of the file that rm_iniGet and rm_iniSet use, made anew for each call; tag 0.
 char* defaultIniPath();

@@ -33,7 +33,7 @@ constexpr mode_t kSpecialBits = 07000;  // they act for the owner and the group,
 
 // A link is refused: what it leads to is not ours to write. A FIFO is not waited for. A file that
 // may only be read can still be locked, and with that be waited for.
-int openToLock(const char* path)
+int openToLock(const char* path, bool* made)
 {
     constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     int fd = open(path, O_WRONLY | kFlags);
@@ -42,6 +42,7 @@ int openToLock(const char* path)
     }
     if (fd == -1 && errno == ENOENT) {
         fd = open(path, O_WRONLY | O_CREAT | O_EXCL | kFlags, kOwnOnly);
+        *made = fd != -1;
     }
     return fd;
 }
@@ -63,9 +64,10 @@ bool mayReplace(int fd)
 // One attempt: the descriptor with the lock; RM_NONE when the path cannot be opened or is no file
 // to replace another with; kFileBusy when it is another's, or the path leads to another file by
 // now.
-int32_t tryLockFile(const char* path)
+int32_t tryLockFile(const char* path, bool* made)
 {
-    const int fd = openToLock(path);
+    *made = false;
+    const int fd = openToLock(path, made);
     if (fd == -1) {
         return errno == EEXIST ? os::kFileBusy : int32_t{RM_NONE};
     }
@@ -82,18 +84,19 @@ int32_t tryLockFile(const char* path)
 }
 }  // namespace
 
-int32_t os::lockFile(const char* path, uint32_t timeoutMs)
+int32_t os::lockFile(const char* path, uint32_t timeoutMs, bool* made)
 {
     // Asked for again and again instead of waited for: no alarm is needed, whose handler and time
     // belong to the host.
     const int64_t deadline = nowMs() + int64_t{timeoutMs};
-    int32_t lock = tryLockFile(path);
+    bool isNew = false;
+    int32_t lock = tryLockFile(path, &isNew);
     while (lock == kFileBusy && nowMs() < deadline) {
         waitABit();
-        lock = tryLockFile(path);
+        lock = tryLockFile(path, &isNew);
     }
-    if (lock >= 0) {
-        fchmod(lock, kOwnOnly);
+    if (made != nullptr) {
+        *made = isNew;
     }
     return lock;
 }
@@ -137,10 +140,21 @@ bool os::leadsTo(const char* path, int32_t fd)
            named.st_ino == opened.st_ino;
 }
 
+bool os::isPlainFile(const char* path)
+{
+    struct stat status = {};
+    return stat(path, &status) == 0 && S_ISREG(status.st_mode);
+}
+
 bool os::isEmptyFile(int32_t fd)
 {
     struct stat status = {};
     return fstat(fd, &status) == 0 && status.st_size == 0;
+}
+
+void os::keepToOwner(int32_t fd)
+{
+    fchmod(fd, kOwnOnly);
 }
 
 void os::copyPermissions(const char* from, int32_t to)

@@ -1,9 +1,9 @@
 // OS services, front page. Everything that differs between operating systems is behind this.
 //
-//   process.cpp  processes, environment, raw segments
-//   token.cpp    the files by whose paths processes find the same IPC object
-//   sync.cpp     sync objects: one semaphore set of 20 per process
-//   osfile.cpp   descriptors
+//   process.cpp    processes, environment, raw segments
+//   token.cpp      the files by whose paths processes find the same IPC object
+//   sync.cpp       sync objects: one semaphore set of 20 per process
+//   osfile.cpp     descriptors
 //   osreplace.cpp  what the replacement of a file needs: turns, identity, permissions
 #ifndef RM_UNIX_UNIX_H
 #define RM_UNIX_UNIX_H
@@ -73,11 +73,11 @@ constexpr int32_t kFileBusy = -2;  // another process kept the lock for the whol
 // Makes the file when there is none, and excludes other processes that lock the same path: whoever
 // holds it may write, rename and remove the file. Returns a descriptor for unlockFile; RM_NONE when
 // the file cannot be opened, or is none that could replace another; kFileBusy after `timeoutMs`.
-// Ends with the process.
-int32_t lockFile(const char* path, uint32_t timeoutMs);
+// `*made`, when wanted, tells whether the file is a new one. Ends with the process.
+int32_t lockFile(const char* path, uint32_t timeoutMs, bool* made = nullptr);
 void unlockFile(int32_t lock);
 
-// True when some process holds the lock of the path now.
+// True when some process holds the lock of the path now; false as well when that cannot be asked.
 bool isLocked(const char* path);
 
 int64_t nowMs();  // of a clock that nobody sets
@@ -88,7 +88,11 @@ void waitABit();
 // True when the path, links followed, leads to the file behind the descriptor.
 bool leadsTo(const char* path, int32_t fd);
 
+bool isPlainFile(const char* path);
 bool isEmptyFile(int32_t fd);
+
+// Takes the permissions of all others away.
+void keepToOwner(int32_t fd);
 
 // Gives the file behind `to` the permissions of the one at `from`; its owner and group too, as far
 // as the process may. What would be a permission for somebody else is left out.

@@ -340,6 +340,7 @@ void RmTest::TearDown()
 void dumpCoverage()
 {
     if (__gcov_dump != nullptr) {
+        disarmFaults();  // the counters need memory and files
         __gcov_dump();
     }
 }

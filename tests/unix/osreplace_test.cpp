@@ -138,16 +138,27 @@ TEST_F(LockFile, MakesAMissingFileForItsOwnerOnly)
     os::unlockFile(lock);
 }
 
-TEST_F(LockFile, KeepsTheBytesOfAFileAndTakesItsPermissionsFromOthers)
+TEST_F(LockFile, KeepsTheBytesOfAFileAndItsPermissions)
 {
     writeFile(kPath, "text");
     ASSERT_EQ(chmod(kPath, 0666), 0);
     const int32_t lock = os::lockFile(kPath, kShortMs);
     ASSERT_GE(lock, 0);
     EXPECT_EQ(readFile(kPath), "text");
+    EXPECT_EQ(modeOf(kPath), 0666U);
+    os::keepToOwner(lock);
     EXPECT_EQ(modeOf(kPath), 0600U);
     os::unlockFile(lock);
     EXPECT_EQ(readFile(kPath), "text");
+}
+
+TEST_F(LockFile, TellsWhetherTheFileIsANewOne)
+{
+    bool made = false;
+    os::unlockFile(os::lockFile(kPath, 0, &made));
+    EXPECT_TRUE(made);
+    os::unlockFile(os::lockFile(kPath, 0, &made));
+    EXPECT_FALSE(made);
 }
 
 TEST_F(LockFile, GivesADescriptorThatNoOtherProgramInherits)
@@ -337,11 +348,13 @@ TEST_F(LockFile, WhereTheSystemHasNoLocksIsHadByAll)
     }
 }
 
-TEST_F(LockFile, WhosePermissionsCannotBeTakenIsHadAllTheSame)
+TEST_F(LockFile, WhosePermissionsCannotBeTakenIsKeptAllTheSame)
 {
     const ScopedFault fault({.call = Call::kFchmod, .error = EPERM, .times = kForever});
     const int32_t lock = os::lockFile(kPath, 0);
-    EXPECT_GE(lock, 0);
+    os::keepToOwner(lock);
+    EXPECT_EQ(fault.hits(), 1);
+    EXPECT_TRUE(os::isLocked(kPath));
     os::unlockFile(lock);
 }
 
