@@ -68,9 +68,12 @@ void drawLine(const char* phase, uint64_t done, uint64_t total, Clock::time_poin
     std::memset(bar, '.', static_cast<std::size_t>(columns));
     std::memset(bar, '#', static_cast<std::size_t>(filled));
     bar[columns] = '\0';
-    std::printf("\r\033[K%-9s [%s] %3u %%  %s of %s, %s/s\r", phase, bar, percent(done, total),
-                grouped(done).text, grouped(total).text,
-                grouped(perSecond(done, now - phaseBegin)).text);
+    std::printf("\r\033[K%-9s [%s] %3u %%  %s of %s", phase, bar, percent(done, total),
+                grouped(done).text, grouped(total).text);
+    if (const uint64_t rate = perSecond(done, now - phaseBegin); rate != 0) {
+        std::printf(", %s/s", grouped(rate).text);
+    }
+    std::putchar('\r');
     std::fflush(stdout);
     lineShown = true;
     lastDraw = now;

@@ -24,7 +24,8 @@ namespace
 constexpr uint32_t kMostBytes = 65536;   // of a file
 constexpr std::size_t kMostShown = 127;  // bytes of a text from a file
 constexpr int kForeign = -1;             // a section of somebody else
-constexpr int kOutside = -2;             // of every section
+constexpr int kOutside = -2;             // behind an empty line that has ended a section
+constexpr int kBefore = -3;              // the first section
 
 // Where the check stands in the text.
 struct Place {
@@ -55,14 +56,14 @@ void checkLine(std::string_view line, Place& place, Problems& problems)
         line.remove_suffix(1);
     }
     if (line.empty()) {
-        place.section = place.section == kForeign ? kForeign : kOutside;
+        place.section = place.section < 0 ? place.section : kOutside;
     } else if (line.front() == '[') {
         checkHeader(line, place, problems);
-    } else if (line.front() != ';' && place.section == kOutside) {
-        addProblem(problems,
-                   "%s: line %u: \"%.*s\" belongs to no section, and is not read; an empty line "
-                   "ends one",
-                   place.file, place.line, shownLength(line), line.data());
+    } else if (line.front() != ';' && place.section < kForeign) {
+        addProblem(problems, "%s: line %u: \"%.*s\" belongs to no section, and is not read%s",
+                   place.file, place.line, shownLength(line), line.data(),
+                   place.section == kOutside ? "; an empty line ends one"
+                                             : ": it stands before the first [section]");
     }
 }
 
@@ -76,7 +77,7 @@ void checkText(std::string_view text, const char* name, Problems& problems)
         addProblem(problems, "%s: the last line does not end with a newline, and would not be read",
                    name);
     }
-    Place place = {name, 1, kOutside, 0};
+    Place place = {name, 1, kBefore, 0};
     for (; !text.empty(); ++place.line) {
         const std::size_t end = text.find('\n');
         const bool last = end == std::string_view::npos;

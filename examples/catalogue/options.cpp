@@ -11,6 +11,7 @@
 #include "options.h"
 
 #include "console.h"
+#include "records.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -20,8 +21,6 @@ namespace catalogue
 {
 namespace
 {
-constexpr const char* kDefaultInput = "/var/lib/dpkg/status";
-
 constexpr const char* kHelp =
     R"(usage: catalogue [option...] [file...]
 
@@ -35,7 +34,7 @@ machine is taken: /var/lib/dpkg/status.
 
   --dir DIR           make the run directory in DIR
                       (default: $TMPDIR, or the current directory without it)
-  --help              print this text
+  -h, --help          print this text
 
 Settings come from corvane.ini in the current directory, or in the one that
 $CATPATH names; options win over the file. SIGHUP has the file read again.
@@ -46,10 +45,11 @@ $CATPATH names; options win over the file. SIGHUP has the file read again.
   --operations N      lookups and updates, all workers together (default 250000)
   --buckets N         files for the records, 1 to 64 (default 32)
   --handle-limit N    descriptors of a process for its files (default 8)
-  --memory-limit N    bytes that a process is to get by with (default none)
+  --memory-limit N    memory budget of a process in bytes, or none (default none)
   --free-space N      bytes of the disk that growing files leave (default 0)
   --progress N        milliseconds between two progress lines (default 1000)
-  --log-level N       0 no log, 1 on standard error, 2 into a file as well
+  --log-level N       0 only warnings, 1 on standard error, 2 into a file as well
+                      (default 0)
   --log FILE          the log file (default catalogue.log)
 
 Test aids:
@@ -96,7 +96,23 @@ bool takeSettingOption(Setting setting, const char* value, Options& options)
     return true;
 }
 
-// An option with a value. False after having said what is wrong with it.
+// The setting that an option sets; kSettings when it sets none.
+Setting settingOf(std::string_view name)
+{
+    uint32_t i = 0;
+    while (i < kSettings && (kDefinitions[i].option == nullptr || name != kDefinitions[i].option)) {
+        ++i;
+    }
+    return static_cast<Setting>(i);
+}
+
+bool takesValue(std::string_view name, const NumberOption (&numbers)[2])
+{
+    return name == "--dir" || name == "--config" || name == numbers[0].name ||
+           name == numbers[1].name || settingOf(name) != kSettings;
+}
+
+// One of the options that take a value. False after having said what is wrong with it.
 bool takeOption(const char* name, const char* value, NumberOption (&numbers)[2], Options& options)
 {
     const std::string_view argument = name;
@@ -113,13 +129,23 @@ bool takeOption(const char* name, const char* value, NumberOption (&numbers)[2],
             return takeNumber(number, value);
         }
     }
-    for (uint32_t i = 0; i < kSettings; ++i) {
-        if (kDefinitions[i].option != nullptr && argument == kDefinitions[i].option) {
-            return takeSettingOption(static_cast<Setting>(i), value, options);
-        }
+    return takeSettingOption(settingOf(argument), value, options);
+}
+
+// Says why an argument that begins with "--" cannot be taken.
+void refuse(std::string_view argument, const NumberOption (&numbers)[2])
+{
+    const std::size_t equals = argument.find('=');
+    const std::string name(argument.substr(0, equals));
+    if (!takesValue(name, numbers)) {
+        complain("\"%s\" is not an option; see catalogue --help", name.c_str());
+    } else if (equals == std::string_view::npos) {
+        complain("%s lacks its value", name.c_str());
+    } else {
+        const std::string value(argument.substr(equals + 1));
+        complain("\"%s=%s\": write %s %s", name.c_str(), value.c_str(), name.c_str(),
+                 value.c_str());
     }
-    complain("\"%s\" is not an option; see catalogue --help", name);
-    return false;
 }
 }  // namespace
 
@@ -131,7 +157,7 @@ CommandLine parseOptions(int argc, char** argv, Options& options)
 
     for (int i = 1; i < argc; ++i) {
         const std::string_view argument = argv[i];
-        if (argument == "--help") {
+        if (argument == "--help" || argument == "-h") {
             std::fputs(kHelp, stdout);
             return CommandLine::kHelp;
         }
@@ -143,8 +169,8 @@ CommandLine parseOptions(int argc, char** argv, Options& options)
             options.inputs.emplace_back(argument);
             continue;
         }
-        if (i + 1 == argc) {
-            complain("\"%s\" is not an option, or lacks its value; see catalogue --help", argv[i]);
+        if (i + 1 == argc || !takesValue(argument, numbers)) {
+            refuse(argument, numbers);
             return CommandLine::kWrong;
         }
         ++i;

@@ -82,6 +82,17 @@ Setting settingOf(const char* section, std::string_view key)
     return static_cast<Setting>(i);
 }
 
+// Another section that has the key; null when none has.
+const char* sectionWith(std::string_view key)
+{
+    for (const Definition& definition : kDefinitions) {
+        if (sameName(key, definition.key)) {
+            return definition.section;
+        }
+    }
+    return nullptr;
+}
+
 void addUnknownKey(const char* section, std::string_view key, const Profile& profile,
                    Problems& problems)
 {
@@ -95,9 +106,14 @@ void addUnknownKey(const char* section, std::string_view key, const Profile& pro
         }
     }
     const bool blank = key.starts_with(' ') || key.ends_with(' ');
-    addProblem(problems, "%s: [%s] %.*s: there is no such key%s; allowed are %s", profile.name,
+    const char* const other = sectionWith(key);
+    char elsewhere[40] = "";
+    if (other != nullptr) {
+        std::snprintf(elsewhere, sizeof(elsewhere), "; [%s] has it", other);
+    }
+    addProblem(problems, "%s: [%s] %.*s: there is no such key%s%s; allowed are %s", profile.name,
                section, shownLength(key), key.data(),
-               blank ? ", for the blank beside it counts" : "", known);
+               blank ? ", for the blank beside it counts" : "", elsewhere, known);
 }
 
 void readSection(const char* section, const Profile& profile, Settings& settings,
@@ -208,7 +224,7 @@ void checkNoCopy(const Profile& profile, Problems& problems)
     if (rm_fileValidate(copy) == RM_SUCCESS) {
         addProblem(
             problems,
-            "%s: is not there, but an interrupted change has left %.200s: rename that to %s, or "
+            "there is no %s, but an interrupted change has left %.200s: rename that to %s, or "
             "remove it",
             profile.name, copy, profile.name);
     }

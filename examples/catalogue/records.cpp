@@ -45,8 +45,10 @@ bool readFile(const std::string& path, std::string& text)
 {
     const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rbe"));
     if (file == nullptr) {
-        complain("cannot open %s: %s\nName files of records on the command line.", path.c_str(),
-                 std::strerror(errno));
+        const std::string advice =
+            path == kDefaultInput ? "Name files of records on the command line."
+                                  : std::string("Without a file, ") + kDefaultInput + " is taken.";
+        complain("cannot open %s: %s\n%s", path.c_str(), std::strerror(errno), advice.c_str());
         return false;
     }
     std::size_t got = 0;

@@ -11,6 +11,9 @@
 namespace catalogue
 {
 
+// Taken when no file is named: the package database of a Debian machine.
+constexpr const char* kDefaultInput = "/var/lib/dpkg/status";
+
 struct Record {
     std::string key;        // value of the first field; a repeated one gets "#2", "#3", ...
     std::string_view body;  // the lines of the record, without the blank line after them

@@ -199,6 +199,11 @@ RefusesAnUnknownKey() {
     refuses 'corvane\.ini: \[catalogue\] Worker: there is no such key; allowed are Buckets, Workers, Operations, Progress$'
 }
 
+NamesTheSectionThatHasAKey() {
+    printf '[server]\nworkers=2\n' | settings
+    refuses 'corvane\.ini: \[server\] workers: there is no such key; \[catalogue\] has it; allowed are FileCommit, MemoryLimit, HandleLimit, FreeSpace$'
+}
+
 RefusesBlanksAroundTheEqualsSign() {
     printf '[catalogue]\nWorkers = 2\n' | settings
     refuses 'corvane\.ini: \[catalogue\] Workers : there is no such key, for the blank beside it counts; '
@@ -223,7 +228,9 @@ RefusesEntriesBehindAnEmptyLine() {
     printf '[catalogue]\nWorkers=2\n\nBuckets=3\n' | settings
     refuses 'corvane\.ini: line 4: "Buckets=3" belongs to no section, and is not read; an empty line ends one$'
     printf 'Workers=2\n[catalogue]\n' | settings
-    refuses 'corvane\.ini: line 1: "Workers=2" belongs to no section'
+    refuses 'corvane\.ini: line 1: "Workers=2" belongs to no section, and is not read: it stands before the first \[section\]$'
+    printf '\nWorkers=2\n\n[catalogue]\n' | settings
+    refuses 'corvane\.ini: line 2: "Workers=2" .*: it stands before the first \[section\]$'
 }
 
 RefusesALastLineWithoutANewline() {
@@ -255,7 +262,7 @@ RefusesToTakeAnInterruptedChangeForNoFile() {
     printf '[catalogue]\nWorkers=2\n' >"$home/_temp_.ini"
     run "$work/input"
     expect_status 2
-    expect_err "^catalogue: corvane\\.ini: is not there, but an interrupted change has left $home/_temp_\\.ini: rename"
+    expect_err "^catalogue: there is no corvane\\.ini, but an interrupted change has left $home/_temp_\\.ini: rename that to corvane\\.ini, or remove it$"
     expect_nothing_left
 }
 

@@ -134,6 +134,7 @@ ShowsOneProgressLineOnATerminal() {
     expect_status 0
     expect_out $'\r\033\\[Kserving +\\[[#.]*\\] +[0-9]+ %'
     ! grep -q '^serving:' "$work/out" || fail "plain lines on a terminal"
+    ! grep -q ', 0/s' "$work/out" || fail "a rate before there is one"
     tr '\r' '\n' <"$work/out" | grep -q '^Every record matches' || fail "no summary"
     expect_nothing_left
 }
@@ -143,6 +144,10 @@ PrintsItsOptions() {
     expect_status 0
     expect_out '^usage: catalogue '
     expect_out '--kill-worker N'
+    cp "$work/out" "$work/long"
+    run -h
+    expect_status 0
+    cmp "$work/out" "$work/long" || fail "-h is something else"
 }
 
 # ---- bad input
@@ -151,7 +156,7 @@ RefusesAMissingInput() {
     run "$work/missing"
     expect_status 1
     expect_err "^catalogue: cannot open $work/missing: No such file or directory$"
-    expect_err 'Name files of records'
+    expect_err '^  Without a file, /var/lib/dpkg/status is taken\.$'
     expect_nothing_left
 }
 
@@ -216,7 +221,7 @@ RefusesAnInputWithoutARecord() {
 RefusesAWrongCommandLine() {
     local arguments
     for arguments in '--workers 0' '--workers 17' '--workers x' '--operations' '--nonsense 1' \
-        '--kill-worker 5' '--damage-record 11'; do
+        '--nonsense' '--kill-worker 5' '--damage-record 11'; do
         records 10
         # shellcheck disable=SC2086
         run "$work/input" $arguments
@@ -224,6 +229,25 @@ RefusesAWrongCommandLine() {
         expect_err "^catalogue: .*${arguments%% *}"
         expect_nothing_left
     done
+}
+
+SaysHowAnOptionIsGivenItsValue() {
+    local option
+    records 10
+    for option in --workers --dir --config --kill-worker; do
+        run "$work/input" "$option"
+        expect_status 2
+        expect_err "^catalogue: $option lacks its value$"
+        run "$option=2" "$work/input"
+        expect_status 2
+        expect_err "^catalogue: \"$option=2\": write $option 2$"
+    done
+    for option in --nonsense --nonsense=2; do
+        run "$work/input" "$option"
+        expect_status 2
+        expect_err '^catalogue: "--nonsense" is not an option; see catalogue --help$'
+    done
+    expect_nothing_left
 }
 
 # ---- bad surroundings

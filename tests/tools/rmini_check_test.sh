@@ -32,6 +32,19 @@ CheckReportsBlanksAroundTheEqualsSign() {
     expect_finding key-blank 2 'the key is empty'
 }
 
+CheckReportsValuesThatReadersCutOff() {
+    local long
+    long=$(head -c 32765 /dev/zero | tr '\0' x)
+    printf '[a]\nk=%s\n' "$long" >f.ini
+    run check f.ini
+    expect_status 0
+    printf '[a]\nj=1\nk=%sx\n' "$long" >f.ini
+    run check f.ini
+    expect_finding value-long 3 'the value has 32766 bytes: readers get the first 32765 at most'
+    run check -x value-long f.ini
+    expect_status 0
+}
+
 CheckReportsDuplicates() {
     file '[a]' 'k=1' 'K=2' ' ' '' '[b]' 'k=3' ' ' '' '[A]' 'l=1'
     run check f.ini
@@ -48,10 +61,14 @@ CheckReportsWhereASearchRunsOn() {
 CheckReportsSectionsWithoutRoom() {
     file '[a]' 'k=1' '' '[b]' 'k=2'
     run check f.ini
-    expect_finding no-room 1 'a new key is lost: .* before \[b\] of line 4'
+    expect_finding no-room 1 \
+        'a new key would be lost: put a line of one blank behind the last entry, before \[b\] of line 4'
     file '[b]' 'k=2' ''
     run check f.ini
-    expect_finding no-room 1 'a new key is not found: line 3 ends the section'
+    expect_finding no-room 1 'a new key would not be found: line 3 is empty and ends the section'
+    file '[b\r' 'k=2'
+    run check f.ini
+    expect_finding no-room 1 'a new key would not be found: it would stand where readers do not look'
 }
 
 CheckReportsLinesThatAreNoEntries() {
@@ -97,7 +114,11 @@ CheckReportsALastLineWithoutANewline() {
 CheckReportsBytesThatReadersStumbleOver() {
     file '[a]' 'k=\0' 'l=1'
     run check f.ini
-    expect_finding zero-byte 2 'end of the file'
+    expect_finding zero-byte 2 'end of the file; nothing behind it is read or checked'
+    file '[a]' ' k=\0' 'l = 2' '[b] x'
+    run check f.ini
+    expect_finding key-blank 2 'the key'
+    [ "$(grep -c '^f\.ini:[34]:' "$work/out")" -eq 0 ] || fail "more was checked"
     file '\xef\xbb\xbf[a]' 'k=1'
     run check f.ini
     expect_finding byte-order-mark 1 'no*ne'
@@ -158,7 +179,7 @@ EveryKindIsCompletedAndDocumented() {
     local kinds kind manual
     manual=$(dirname "$completion")/rmini.1
     kinds=$(sed -n "/kinds='/,/'\$/p" "$completion" | tr -d "'" | sed 's/.*kinds=//')
-    [ "$(wc -w <<<"$kinds")" -eq 19 ] || fail "not all kinds are completed"
+    [ "$(wc -w <<<"$kinds")" -eq 20 ] || fail "not all kinds are completed"
     file '[a]'
     for kind in $kinds; do
         run check -x "$kind" f.ini

@@ -302,6 +302,45 @@ RefusesAWrongCommandLine() {
     expect_unchanged
 }
 
+SaysHowToWriteAValueThatLooksLikeAnOption() {
+    file '[a]' 'k=1'
+    local advice='; before a name or value like that write --; see rmini --help$'
+    local option name
+    for option in -x:--ignore -xno:--ignore --ignore:--ignore -v:--values -d:--default -z:--null; do
+        name=${option#*:}
+        run set f.ini a k "${option%%:*}"
+        expect_status 2
+        expect_err "^rmini: $name is no option of rmini set$advice"
+    done
+    run -x no-room set f.ini a k 1
+    expect_err "^rmini: --ignore is no option of rmini set$advice"
+    run get f.ini --check a
+    expect_err "^rmini: --check is no option of rmini get$advice"
+    run get f.ini a -d
+    expect_err "^rmini: --default wants a value$advice"
+    run get f.ini a --default
+    expect_err "^rmini: --default wants a value$advice"
+    run set f.ini a k -- --nonsense
+    expect_status 0
+    run set f.ini a k --nonsense
+    expect_err "^rmini: \"--nonsense\" is no option$advice"
+    expect_file '[a]' 'k=--nonsense'
+}
+
+RefusesAFileWithoutAName() {
+    local command words
+    for command in 'get a k' 'set a k v' 'set -c a k v' 'delete a' 'sections' 'keys a' 'check' \
+        'recover'; do
+        read -ra words <<<"$command"
+        run "${words[0]}" '' "${words[@]:1}"
+        expect_status 2
+        expect_err '^rmini: FILE is empty; see rmini --help$'
+    done
+    run check f.ini ''
+    expect_status 2
+    expect_err '^rmini: FILE is empty; '
+}
+
 PrintsHelpAndVersion() {
     run --help
     expect_status 0
@@ -486,6 +525,21 @@ CompletesCommandsOptionsFilesAndNames() {
     expect_offered 'x\ y'
     complete_line rmini get 'my\ file.ini' alpha port ''
     expect_offered ''
+    printf '[a]\nk=-x\nl=-1\nm=-\n-n=1\n' >f.ini
+    complete_line rmini set f.ini a k ''
+    expect_offered '-- -x'
+    complete_line rmini set f.ini a k '"'
+    expect_offered ''
+    complete_line rmini set f.ini a k -- ''
+    expect_offered -x
+    complete_line rmini set f.ini a k -- -
+    expect_offered -x
+    complete_line rmini set f.ini a l ''
+    expect_offered -1
+    complete_line rmini set f.ini a m ''
+    expect_offered ''
+    complete_line rmini get f.ini a ''
+    expect_offered '-- -n k l m'
     complete_line rmini check -x ke
     expect_offered key-blank
     complete_line rmini check --ignore = mixed

@@ -71,6 +71,36 @@ GetSaysWhyALastLineIsNotRead() {
     expect_err '^  line 3 has it, and is not read: a zero byte ends the file before it\.$'
 }
 
+GetSaysThatSectionsAreNamedWithoutBrackets() {
+    file '[server]' 'k=1'
+    local command
+    for command in 'get f.ini [server] k' 'delete f.ini [server]' 'keys f.ini [server]'; do
+        # shellcheck disable=SC2086
+        run $command
+        expect_status 1
+        expect_err '^  Names of sections are given without brackets\.$'
+    done
+    run set f.ini '[server]' k 2
+    expect_refused 'could not be read back: ' '^  Names of sections are given without brackets\.$'
+    run set f.ini 'server]' k 2
+    ! grep -q 'without brackets' "$work/err" || fail "it begins with no bracket"
+    run get f.ini other k
+    ! grep -q 'without brackets' "$work/err" || fail "it has no bracket"
+}
+
+GetShowsAnEntryBeforeTheFirstSection() {
+    file 'A=1' ';a=2' 'b =3' '[s]' 'c=4'
+    run get f.ini x A
+    expect_status 1
+    expect_err '^rmini: f\.ini: there is no section \[x\]$'
+    expect_err '^  line 1 has the key "A", before the first section: nobody finds it there\.$'
+    ! grep -q 'line 2' "$work/err" || fail "a comment is shown"
+    run get f.ini s b
+    expect_err '^  line 3 has the key "b ", before the first section: nobody finds it there\.$'
+    run get f.ini x c
+    ! grep -q 'before the first' "$work/err" || fail "it stands in a section"
+}
+
 GetNotesAKeyOfAFollowingSection() {
     file '[a]' 'j=1' '[b]' 'k=2'
     run get f.ini a k
@@ -105,6 +135,11 @@ GetPrintsALongValueWhole() {
         printf '[a]\nk=%s\n[b]\nj=1\n' "$(cat "$work/long")" >f.ini
         run get f.ini a k
         expect_status 0
+        if [ "$length" -le 32765 ]; then
+            expect_no_err
+        else
+            expect_err "^rmini: f\\.ini:2: the value has $length bytes: readers get the first 32765 at most\$"
+        fi
         printf '\n' >>"$work/long"
         cmp -s "$work/long" "$work/out" || fail "$length bytes came back differently"
     done
@@ -256,12 +291,29 @@ SetReadsAValueFromStandardInput() {
     expect_unchanged
 }
 
-SetTakesALongValue() {
-    file '[a]' 'k=1'
-    head -c 100000 /dev/zero | tr '\0' y >"$work/long"
-    "$rmini" set f.ini a k - <"$work/long"
-    run get f.ini a k
-    cmp -s "$work/out" <(cat "$work/long" && echo) || fail "another value came back"
+SetTakesAValueAsLongAsReadersDo() {
+    local length
+    for length in 32764 32765; do
+        file '[a]' 'k=1'
+        head -c "$length" /dev/zero | tr '\0' y >"$work/long"
+        "$rmini" set f.ini a k - <"$work/long" 2>"$work/err"
+        expect_no_err
+        run get f.ini a k
+        cmp -s "$work/out" <(cat "$work/long" && echo) || fail "another value came back"
+        run check f.ini
+        expect_status 0
+    done
+}
+
+RefusesAValueThatReadersWouldCutOff() {
+    local length
+    for length in 32766 40000; do
+        file '[a]' 'k=1'
+        status=0
+        head -c "$length" /dev/zero | tr '\0' y | "$rmini" set f.ini a k - >"$work/out" 2>"$work/err" ||
+            status=$?
+        expect_refused "^rmini: the value of $length bytes could not be read back: readers take 32765 at most\$"
+    done
 }
 
 SetWritesNothingWhenTheEntryIsThere() {
@@ -279,6 +331,35 @@ SetNotesAnEntryThatStaysBehind() {
     expect_status 0
     expect_err '^rmini: f\.ini:3: "k" stands here too, and stays behind the entry that is set$'
     expect_file '[a]' 'k=3' 'k=2'
+}
+
+SetNotesAnEntryThatItDoesNotReplace() {
+    file '[a]' 'j=1' ' ' 'k=1' 'j =2'
+    local note='"k" stands here too, behind a line that begins with white space: it is not replaced'
+    run set --dry-run f.ini a k 2
+    expect_status 0
+    expect_err "^rmini: f\\.ini:4: $note, and not read\$"
+    expect_unchanged
+    run set f.ini a k 2
+    expect_status 0
+    expect_err "^rmini: f\\.ini:5: $note, and not read\$"
+    expect_file '[a]' 'j=1' 'k=2' ' ' 'k=1' 'j =2'
+    run get f.ini a k
+    expect_out 2
+}
+
+SetAddsNoSecondEntryWhereReadersFindTheValue() {
+    file '[a]' 'j=1' ' ' 'k=1'
+    run set f.ini a k 1
+    expect_status 0
+    expect_no_err
+    expect_unchanged
+    run set f.ini a K 1
+    expect_file '[a]' 'j=1' 'K=1' ' ' 'k=1'
+    file '[a]' 'j=1' ' ' '[b]' 'k=1'
+    run set f.ini a k 1
+    expect_status 0
+    expect_file '[a]' 'j=1' 'k=1' ' ' '[b]' 'k=1'
 }
 
 SetNotesAKeyThatDiffersByBlanksAlone() {

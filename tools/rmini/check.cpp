@@ -21,7 +21,7 @@ constexpr std::string_view kNames[] = {
     "before-section", "behind-empty", "byte-order-mark", "duplicate-key", "duplicate-section",
     "hash-comment",   "header-open",  "header-text",     "indented",      "key-blank",
     "left-over",      "lone-return",  "mixed-ends",      "no-equals",     "no-newline",
-    "no-room",        "runs-on",      "value-blank",     "zero-byte",
+    "no-room",        "runs-on",      "value-blank",     "value-long",    "zero-byte",
 };
 static_assert(std::size(kNames) == static_cast<std::size_t>(Kind::kZeroByte) + 1);
 
@@ -70,7 +70,9 @@ void examineFile(Examination& found)
     }
     for (std::size_t i = 0; i < lines.size(); ++i) {
         if (lines[i].find('\0') != std::string_view::npos) {
-            found.add(Kind::kZeroByte, i, "a zero byte: readers take it for the end of the file");
+            found.add(Kind::kZeroByte, i,
+                      "a zero byte: readers take it for the end of the file; nothing behind it is "
+                      "read or checked");
             break;
         }
     }
@@ -120,6 +122,11 @@ void examineEntry(Examination& found, std::size_t i)
     }
     if (!value.empty() && isBlank(value.front())) {
         found.add(Kind::kValueBlank, i, "the value begins with a blank");
+    }
+    if (const std::size_t size = std::min(value.size(), value.find('\0')); size > kLongestValue) {
+        found.add(Kind::kValueLong, i,
+                  "the value has " + std::to_string(size) + " bytes: readers get the first " +
+                      std::to_string(kLongestValue) + " at most");
     }
 }
 
@@ -200,14 +207,18 @@ void examineRoom(Examination& found, std::size_t header, std::size_t end)
     if (!plan.refused) {
         return;
     }
-    if (plan.line == end && end < lines.size()) {
-        found.add(Kind::kNoRoom, header,
-                  "a new key is lost: no line that begins with white space before " +
-                      bracketed(lines[end]) + " of " + number(end));
+    const std::size_t line = plan.line.value_or(header);
+    if (line == end && end < lines.size()) {
+        found.add(
+            Kind::kNoRoom, header,
+            "a new key would be lost: put a line of one blank behind the last entry, before " +
+                bracketed(lines[end]) + " of " + number(end));
     } else {
+        const bool empty = line < lines.size() && isEmpty(lines[line]);
         found.add(Kind::kNoRoom, header,
-                  "a new key is not found: " + number(plan.line.value_or(header)) +
-                      " ends the section before it");
+                  "a new key would not be found: " +
+                      (empty ? number(line) + " is empty and ends the section"
+                             : "it would stand where readers do not look"));
     }
 }
 
@@ -240,6 +251,16 @@ void examineBeforeSections(Examination& found, std::size_t end)
             found.add(Kind::kBeforeSection, i,
                       keyOf(lines[i]) + " stands before the first section: it is not found");
         }
+    }
+}
+
+// Readers do not get there, so nothing surprises them.
+void forgetBehindZero(Examination& found)
+{
+    const auto zero = std::ranges::find(found.findings, Kind::kZeroByte, &Finding::kind);
+    if (zero != found.findings.end()) {
+        const std::size_t last = zero->line;
+        std::erase_if(found.findings, [last](const Finding& one) { return one.line > last; });
     }
 }
 }  // namespace
@@ -277,6 +298,7 @@ std::vector<Finding> examine(const Document& document)
     if (!inSection) {
         examineBeforeSections(found, lines.size());
     }
+    forgetBehindZero(found);
     std::ranges::stable_sort(found.findings, {}, &Finding::line);
     return std::move(found.findings);
 }

@@ -32,6 +32,7 @@ enum class Kind {
     kNoRoom,
     kRunsOn,
     kValueBlank,
+    kValueLong,
     kZeroByte,
 };
 

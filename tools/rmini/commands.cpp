@@ -83,6 +83,16 @@ void noteOtherSection(const char* section, const char* key)
     }
 }
 
+// A value that servers get cut off.
+void noteLength(const char* section, const char* key, std::string_view value)
+{
+    if (value.size() > kLongestValue) {
+        sayAt(note, findEntry(document.readable, section, key),
+              "the value has " + std::to_string(value.size()) + " bytes: readers get the first " +
+                  std::to_string(kLongestValue) + " at most");
+    }
+}
+
 // ---- get, sections, keys
 
 // The value by the library; by the lines when it may have been cut, or when the file was replaced
@@ -106,6 +116,7 @@ int get(const Options& options)
     int status = kOk;
     if (findValue(section, key, value, status)) {
         noteOtherSection(section, key);
+        noteLength(section, key, value);
     } else if (status != kOk) {
         return status;
     } else if (options.defaultValue != nullptr) {
@@ -191,7 +202,8 @@ int examineNames(std::string_view section, std::string_view key, std::string_vie
         section.find_first_of(kEnds) != std::string_view::npos) {
         return refuse(
             std::string("the section \"") + shown(section).text +
-            "\" could not be read back: it must not be empty, or hold \"]\" or a newline");
+            "\" could not be read back: it must not be empty, or hold \"]\" or a newline" +
+            (isHeader(section) ? kNoBrackets : ""));
     }
     if (key.empty() || isHeader(key) || isComment(key) || beginsWithSpace(key) ||
         key.find('=') != std::string_view::npos ||
@@ -204,6 +216,11 @@ int examineNames(std::string_view section, std::string_view key, std::string_vie
         return refuse(std::string("the value \"") + shown(value).text +
                       "\" could not be read back: it must not hold a newline, a carriage return or "
                       "a zero byte");
+    }
+    if (value.size() > kLongestValue) {
+        return refuse("the value of " + std::to_string(value.size()) +
+                      " bytes could not be read back: readers take " +
+                      std::to_string(kLongestValue) + " at most");
     }
     return kGoOn;
 }
@@ -251,8 +268,11 @@ bool readsBack(const char* section, const char* key, bool& changed)
         return false;
     }
     const LineIndex entry = findEntry(after.readable, section, key);
+    if (entry && entryValue(after.readable[*entry]) == newValue) {
+        return true;
+    }
     changed = entry && sectionAbove(after.readable, *entry) == findSection(after.readable, section);
-    return entry && entryValue(after.readable[*entry]) == newValue;
+    return false;
 }
 
 // Makes the planned change.
@@ -274,16 +294,24 @@ int makeChange(const char* section, const char* key, const char* value)
     return kOk;
 }
 
-// Lines beside a new entry that its user may have meant.
-void noteNeighbours(const char* key)
+// Lines beside a new entry that its user may have meant, by their numbers before or after the
+// change.
+void noteNeighbours(const char* key, bool isMade)
 {
+    const auto number = [isMade](LineIndex line) {
+        return LineIndex(isMade ? lineAfter(plan, *line) : *line);
+    };
     if (plan.stays) {
-        sayAt(note, plan.stays,
+        // A new entry goes before a line that begins with white space, whatever stands behind that.
+        sayAt(note, number(plan.stays),
               std::string("\"") + shown(key).text +
-                  "\" stands here too, and stays behind the entry that is set");
+                  (plan.removed.empty() && beginsWithSpace(document.lines[plan.at])
+                       ? "\" stands here too, behind a line that begins with white space: it is "
+                         "not replaced, and not read"
+                       : "\" stands here too, and stays behind the entry that is set"));
     }
     if (plan.like) {
-        sayAt(note, plan.like,
+        sayAt(note, number(plan.like),
               std::string("\"") + shown(entryKey(document.lines[*plan.like])).text +
                   "\" is another key than \"" + shown(key).text + "\": blanks belong to it");
     }
@@ -317,7 +345,7 @@ int setOnce(const Options& options)
         }
     }
     if (status == kOk) {
-        noteNeighbours(key);
+        noteNeighbours(key, !options.dryRun);
     }
     if (status == kOk && (options.dryRun || options.diff)) {
         printDiff(source.given, document, plan);

@@ -15,6 +15,10 @@ namespace rmini
 using Lines = std::span<const std::string_view>;
 using LineIndex = std::optional<std::size_t>;  // 0 is the first line
 
+// Bytes of a value that readers get of a longer one, with the largest buffer that the interface can
+// be told of.
+constexpr std::size_t kLongestValue = 32765;
+
 struct Document {
     std::string bytes;                       // the file
     std::vector<std::string_view> lines;     // all of them, without "\n": what a rewrite copies

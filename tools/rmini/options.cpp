@@ -109,6 +109,9 @@ struct Reading {
     std::vector<const Option*> seen;  // to be compared with the command, which may come later
 };
 
+// What might have been meant as a name or value, and begins with "-".
+constexpr const char* kAdvice = "; before a name or value like that write --";
+
 CommandLine wrong(const std::string& what)
 {
     complain("%s; see rmini --help", what.c_str());
@@ -169,8 +172,19 @@ CommandLine apply(const Option& option, const char* value, Reading& reading)
 
 CommandLine unknownOption(std::string_view argument)
 {
-    return wrong("\"" + std::string(shown(argument).text) +
-                 "\" is no option; before a name or value like that write --");
+    return wrong("\"" + std::string(shown(argument).text) + "\" is no option" + kAdvice);
+}
+
+// False when the command is known and does not have the option.
+bool belongs(const Option& option, const Reading& reading)
+{
+    return reading.command == nullptr || (option.commands & bit(reading.command->command)) != 0;
+}
+
+CommandLine ofAnother(const Option& option, const CommandName& command)
+{
+    return wrong(std::string(option.name) + " is no option of rmini " + std::string(command.name) +
+                 kAdvice);
 }
 
 CommandLine takeLong(std::string_view argument, Reading& reading)
@@ -181,6 +195,9 @@ CommandLine takeLong(std::string_view argument, Reading& reading)
     if (option == std::end(kOptions)) {
         return unknownOption(argument);
     }
+    if (!belongs(*option, reading)) {
+        return ofAnother(*option, *reading.command);
+    }
     const char* value = nullptr;
     if (equals != std::string_view::npos) {
         value = argument.data() + equals + 1;
@@ -188,8 +205,8 @@ CommandLine takeLong(std::string_view argument, Reading& reading)
         value = reading.arguments[reading.next++];
     }
     if ((value != nullptr) != option->takesValue) {
-        return wrong(std::string(name) +
-                     (option->takesValue ? " wants a value" : " takes no value"));
+        return option->takesValue ? wrong(std::string(name) + " wants a value" + kAdvice)
+                                  : wrong(std::string(name) + " takes no value");
     }
     return apply(*option, value, reading);
 }
@@ -202,11 +219,14 @@ CommandLine takeLetters(std::string_view argument, Reading& reading)
         if (option == std::end(kOptions) || option->letter == 'C') {
             return unknownOption(argument);
         }
+        if (!belongs(*option, reading)) {
+            return ofAnother(*option, *reading.command);
+        }
         const char* value = nullptr;
         if (option->takesValue) {
             const bool attached = i + 1 < argument.size();
             if (!attached && reading.next == reading.count) {
-                return wrong(std::string(option->name) + " wants a value");
+                return wrong(std::string(option->name) + " wants a value" + kAdvice);
             }
             value = attached ? argument.data() + i + 1 : reading.arguments[reading.next++];
             i = argument.size();
@@ -252,9 +272,8 @@ CommandLine examine(const Reading& reading)
         return wrong("a command is missing");
     }
     for (const Option* option : reading.seen) {
-        if ((option->commands & bit(command->command)) == 0) {
-            return wrong(std::string(option->name) + " is no option of rmini " +
-                         std::string(command->name));
+        if (!belongs(*option, reading)) {
+            return ofAnother(*option, *command);
         }
     }
     const std::size_t count = options.operands.size();
@@ -263,6 +282,9 @@ CommandLine examine(const Reading& reading)
     }
     const std::size_t files = command->command == Command::kCheck ? count : 1;
     for (std::size_t i = 0; i < files; ++i) {
+        if (*options.operands[i] == '\0') {
+            return wrong("FILE is empty");
+        }
         if (std::string_view(options.operands[i]) == "-") {
             return wrong("FILE cannot be standard input; a file of that name is ./-");
         }

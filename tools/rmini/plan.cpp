@@ -79,8 +79,7 @@ std::vector<std::string_view> linesAfter(const Document& document, const Plan& p
 // Where the last added line stands in the file after the change.
 std::size_t placeOfEntry(const Plan& plan)
 {
-    const auto gone = std::ranges::lower_bound(plan.removed, plan.at) - plan.removed.begin();
-    return plan.at - static_cast<std::size_t>(gone) + plan.added.size() - 1;
+    return lineAfter(plan, plan.at) - 1;
 }
 
 // As the library goes through the lines of the section. False when it finds no place.
@@ -223,6 +222,16 @@ bool planInsertion(const Document& document, const std::string& section, const s
     return true;
 }
 
+// Readers find the entry, at a place where the library would not replace it.
+bool isThere(const Document& document, const std::string& section, const std::string& key,
+             const std::string& value)
+{
+    const auto& lines = document.readable;
+    const LineIndex found = findEntry(lines, section, key);
+    return found && sectionAbove(lines, *found) == findSection(lines, section) &&
+           entryKey(lines[*found]) == key && entryValue(lines[*found]) == value;
+}
+
 // Another line of the section with the key, which the change neither replaces nor removes.
 LineIndex entryThatStays(const Document& document, const std::string& section,
                          const std::string& key, const Plan& plan)
@@ -302,6 +311,20 @@ std::string keysLike(const Document& document, std::size_t header, std::string_v
     return result;
 }
 
+// Readers find the entries of sections alone.
+std::string keysBeforeSections(const Document& document, std::string_view key)
+{
+    std::string result;
+    const auto& lines = document.lines;
+    for (std::size_t i = 0; i < lines.size() && !isHeader(lines[i]); ++i) {
+        if (isEntry(lines[i]) && sameName(trimmed(entryKey(lines[i])), trimmed(key))) {
+            result += "\n" + lineNumber(i) + " has the key " + quoted(entryKey(lines[i])) +
+                      ", before the first section: nobody finds it there.";
+        }
+    }
+    return result;
+}
+
 // ---- diff
 
 struct DiffLine {
@@ -376,7 +399,8 @@ Plan planSet(const Document& document, const std::string& section, const std::st
     } else if (!read) {
         refuseUnread(document, section, plan);
     }
-    plan.changes = plan.removed.empty() || document.lines[plan.removed[0]] != plan.added[0];
+    plan.changes = plan.removed.empty() ? !isThere(document, section, key, value)
+                                        : document.lines[plan.removed[0]] != plan.added[0];
     plan.stays = entryThatStays(document, section, key, plan);
     plan.like = plan.removed.empty() ? entryButForBlanks(document, section, key) : LineIndex();
     if (plan.refused && plan.like) {
@@ -411,12 +435,21 @@ std::string whyAbsent(const Document& document, const std::string& section, cons
 {
     const LineIndex header = findSection(document.readable, section);
     if (!header) {
-        return "there is no section " + bracketed(section) + sectionsLike(document, section);
+        return "there is no section " + bracketed(section) +
+               (isHeader(section) ? kNoBrackets : "") + sectionsLike(document, section) +
+               (key != nullptr ? keysBeforeSections(document, key) : "");
     }
     if (key == nullptr) {
         return "nothing in section " + bracketed(section);
     }
-    return bracketed(section) + " has no key " + quoted(key) + keysLike(document, *header, key);
+    return bracketed(section) + " has no key " + quoted(key) + keysLike(document, *header, key) +
+           keysBeforeSections(document, key);
+}
+
+std::size_t lineAfter(const Plan& plan, std::size_t line)
+{
+    const auto gone = std::ranges::lower_bound(plan.removed, line) - plan.removed.begin();
+    return line - static_cast<std::size_t>(gone) + (line >= plan.at ? plan.added.size() : 0);
 }
 
 void printDiff(const char* path, const Document& document, const Plan& plan)

@@ -46,6 +46,12 @@ Plan planDelete(const Document& document, const std::string& section, const char
 // what is missing; lines that look like it follow.
 std::string whyAbsent(const Document& document, const std::string& section, const char* key);
 
+// Added to it, and to a refusal, where the name of a section was given with them.
+constexpr const char* kNoBrackets = "\nNames of sections are given without brackets.";
+
+// Where a line that stays stands after the change.
+std::size_t lineAfter(const Plan& plan, std::size_t line);
+
 // Prints the change as a unified diff.
 void printDiff(const char* path, const Document& document, const Plan& plan);
 

@@ -9,12 +9,17 @@ _rmini_plain() {
 }
 
 # Offers those of the names that begin as the current word does, whatever the case of their letters.
+# One that would be taken for an option is offered behind "--".
 _rmini_offer() {
     local current name
     _rmini_plain "$cur"
     current=${REPLY,,}
     for name; do
         [[ ${name,,} == "$current"* ]] || continue
+        if [[ -z $ended && $name == -[!0-9]* ]]; then
+            [[ -n $cur ]] || COMPREPLY+=("-- $(printf '%q' "$name")")
+            continue
+        fi
         case $cur in
         [\"\']*) COMPREPLY+=("$name") ;; # bash keeps the quote that was typed
         *) COMPREPLY+=("$(printf '%q' "$name")") ;;
@@ -45,7 +50,7 @@ _rmini() {
     local rmini=$1 cur=${COMP_WORDS[COMP_CWORD]} command='' ended='' names=() operands=() word i
     local kinds='before-section behind-empty byte-order-mark duplicate-key duplicate-section
         hash-comment header-open header-text indented key-blank left-over lone-return mixed-ends
-        no-equals no-newline no-room runs-on value-blank zero-byte'
+        no-equals no-newline no-room runs-on value-blank value-long zero-byte'
     COMPREPLY=()
 
     # What stands before the word: the command and its operands.
@@ -101,7 +106,7 @@ _rmini() {
     set:3)
         # The value that is to be changed.
         mapfile -t names < <("$rmini" get -q -- "$file" "$section" "$key" 2>/dev/null)
-        _rmini_offer "${names[@]}"
+        [[ ${names[*]} == - ]] || _rmini_offer "${names[@]}" # "-" is standard input
         ;;
     esac
 }

@@ -15,6 +15,8 @@
 // Fatal: no memory.
 #include "store.h"
 
+#include "document.h"
+
 #include "rm.h"
 
 #include <csignal>
@@ -29,7 +31,8 @@ namespace rmini
 {
 namespace
 {
-constexpr int16_t kBufferSize = 32767;  // the largest that the interface can be told
+constexpr int16_t kBufferSize = 32767;            // the largest that the interface can be told
+static_assert(kBufferSize == kLongestValue + 2);  // of values the last byte stays unused
 constexpr char kUntouched = '\xFF';
 
 char buffer[kBufferSize];
@@ -81,7 +84,7 @@ Got getValue(const char* section, const char* key, const char* path, std::string
         return Got::kNothing;
     }
     value = buffer;
-    return value.size() + 2 >= sizeof(buffer) ? Got::kFull : Got::kAll;
+    return value.size() >= kLongestValue ? Got::kFull : Got::kAll;
 }
 
 Got getList(const char* section, bool withValues, const char* path, std::string_view& list)
