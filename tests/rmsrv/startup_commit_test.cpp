@@ -1,5 +1,5 @@
 // Start-up and the profile: where "FileCommit" is looked for, what it may be, and what it does.
-#include "frame.h"
+#include "startup_case.h"
 
 #include <cstdlib>
 
@@ -11,6 +11,7 @@ using rmtest::CallRecord;
 using rmtest::callTrace;
 using rmtest::captureStderr;
 using rmtest::kForever;
+using rmtest::kProfile;
 using rmtest::outcomeOf;
 using rmtest::resetCalls;
 using rmtest::ScopedFault;
@@ -18,23 +19,8 @@ using rmtest::writeFile;
 
 namespace fs = std::filesystem;
 
-constexpr const char* kProfile = "corvane.ini";
-
-// Starts without a CATPATH of the machine's own: the profile is the one of the case's directory.
-class StartupCommit : public rmtest::FrameTest
+class StartupCommit : public rmtest::StartupCase
 {
-  protected:
-    void SetUp() override
-    {
-        FrameTest::SetUp();
-        unsetenv("CATPATH");
-    }
-
-    void TearDown() override
-    {
-        unsetenv("CATPATH");
-        FrameTest::TearDown();
-    }
 };
 
 // A profile with one section.

@@ -1,6 +1,6 @@
 // Start-up: the settings that it gives to the other services, their values before anybody set them,
 // what is read from the profile, and what happens when something cannot be had.
-#include "frame.h"
+#include "startup_case.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -20,6 +20,7 @@ using rmtest::captureStderr;
 using rmtest::ChildResult;
 using rmtest::contains;
 using rmtest::kForever;
+using rmtest::kProfile;
 using rmtest::logLines;
 using rmtest::Outcome;
 using rmtest::outcomeOf;
@@ -35,42 +36,23 @@ using ::testing::StartsWith;
 
 namespace fs = std::filesystem;
 
-constexpr const char* kProfile = "corvane.ini";
-
 class StartupSettings : public rmtest::FrameTest
 {
 };
 
-// Starts without a CATPATH of the machine's own: the profile is the one of the case's directory.
-class StartupTest : public rmtest::FrameTest
-{
-  protected:
-    void SetUp() override
-    {
-        FrameTest::SetUp();
-        unsetenv("CATPATH");
-    }
-
-    void TearDown() override
-    {
-        unsetenv("CATPATH");
-        FrameTest::TearDown();
-    }
-};
-
-class Startup : public StartupTest
+class Startup : public rmtest::StartupCase
 {
 };
 
-class StartupLocks : public StartupTest
+class StartupLocks : public rmtest::StartupCase
 {
 };
 
-class StartupFails : public StartupTest
+class StartupFails : public rmtest::StartupCase
 {
 };
 
-class StartupDisk : public StartupTest
+class StartupDisk : public rmtest::StartupCase
 {
 };
 

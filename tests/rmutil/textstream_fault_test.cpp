@@ -204,6 +204,31 @@ TEST_F(StreamReadFault, AShortReadIsNoEndForWholeLines)
     rm_fileStreamClose(stream);
 }
 
+// A damaged heap: the buffer in which a line is put together is no block of tag 0 any more.
+TEST_F(StreamReadFault, OfABufferThatCannotGrowEndsTheLinesAndIsRemembered)
+{
+    FileStream* stream = reading(letters(1000) + "\nnext\n");
+    char foreign[600] = "";
+    for (const bool whole : {true, false}) {
+        rmutil::LineContext lines = rmutil::linesOf(stream);
+        lines.buffer = foreign;
+        lines.size = sizeof(foreign);
+        lines.capacity = sizeof(foreign);
+        std::string_view line;
+        const std::string text = captureStderr([&] {
+            EXPECT_FALSE(whole ? rmutil::nextWhole(&lines, &line)
+                               : rmutil::nextLine(&lines, &line));
+        });
+        EXPECT_THAT(text, testing::HasSubstr("WARNING: attempting to free bad pointer"));
+        EXPECT_EQ(lines.size, sizeof(foreign));
+        EXPECT_EQ(lines.buffer, foreign);
+        EXPECT_TRUE(stream->failed || !whole);
+        rm_fileStreamClose(stream);
+        stream = reading(letters(1000) + "\nnext\n");
+    }
+    rm_fileStreamClose(stream);
+}
+
 TEST_F(StreamReadFault, AFailedSeekGivesNullAndReadsNothing)
 {
     FileStream* stream = reading("one\n");
