@@ -148,7 +148,9 @@ FileStream* openCopy(const char* tempPath)
         return nullptr;
     }
     os::keepToOwner(rewriteLock);
-    return openIni(kIniCopy, tempPath, "w");
+    // One that is empty already is not emptied again: file systems take that for the beginning of
+    // a replacement, and write all of it to the disk when it is closed.
+    return openIni(kIniCopy, tempPath, os::isEmptyFile(rewriteLock) ? "r+" : "w");
 }
 
 // The copy takes the place of the file. Not when it has gone: the old file is all there is then.
