@@ -22,7 +22,6 @@ namespace
 
 using rmtest::FileModel;
 
-constexpr uint64_t kSeed = 1;
 #ifdef __SANITIZE_ADDRESS__
 constexpr long kOperations = 10'000;  // each costs several times as much
 #else
@@ -33,18 +32,6 @@ constexpr int kHandlesWanted = 40;
 constexpr uint32_t kLargestOffset = 12'000;
 constexpr uint32_t kLargestLength = 2'000;
 constexpr uint32_t kTextLength = 60'000;
-
-uint64_t seedOfThisRun()
-{
-    const char* given = std::getenv("RM_TEST_SEED");
-    return given != nullptr ? std::strtoull(given, nullptr, 10) : kSeed;
-}
-
-long operationsOfThisRun()
-{
-    const char* given = std::getenv("RM_TEST_OPERATIONS");
-    return given != nullptr ? std::strtol(given, nullptr, 10) : kOperations;
-}
 
 // The contents of a file, by the plain calls: one file is read after every step.
 std::string contentsOf(const std::string& path)
@@ -408,8 +395,8 @@ class FileRandom : public FileTest
 
 TEST_F(FileRandom, OperationsDoWhatTheModelDoes)
 {
-    const uint64_t seed = seedOfThisRun();
-    const long operations = operationsOfThisRun();
+    const uint64_t seed = rmtest::seedOfThisRun();
+    const long operations = rmtest::operationsOfThisRun(kOperations);
     std::cout << "RM_TEST_SEED=" << seed << " RM_TEST_OPERATIONS=" << operations << std::endl;
     RecordProperty("seed", std::to_string(seed));
     begin(seed);

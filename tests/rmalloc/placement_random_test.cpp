@@ -138,12 +138,6 @@ const Mix kMixes[] = {
      .compareEvery = 50},
 };
 
-uint64_t numberFrom(const char* variable, uint64_t otherwise)
-{
-    const char* text = std::getenv(variable);
-    return text == nullptr || *text == '\0' ? otherwise : std::strtoull(text, nullptr, 10);
-}
-
 class RandomRun
 {
   public:
@@ -736,8 +730,9 @@ class PlacementRandom : public rmtest::HeapTest, public ::testing::WithParamInte
 
 TEST_P(PlacementRandom, AgreesWithTheModelAfterEveryCall)
 {
-    const auto seed = static_cast<uint32_t>(numberFrom("RM_TEST_SEED", GetParam().seed));
-    const uint64_t operations = numberFrom("RM_TEST_OPERATIONS", GetParam().operations);
+    const auto seed = static_cast<uint32_t>(rmtest::seedOfThisRun(GetParam().seed));
+    const auto operations = static_cast<uint64_t>(
+        rmtest::operationsOfThisRun(static_cast<long>(GetParam().operations)));
     RandomRun run(GetParam(), seed);
     EXPECT_TRUE(run.make(operations))
         << run.story() << "\nRM_TEST_SEED=" << seed << " RM_TEST_OPERATIONS=" << operations;

@@ -1,7 +1,7 @@
 // Random questions to INI files and random changes of them, compared step by step with a model of
 // their own: every result, every byte of the buffers, every byte of the files.
 //
-// The same run every time; RM_TEST_SEED makes another one, RM_INI_OPERATIONS makes it longer or
+// The same run every time; RM_TEST_SEED makes another one, RM_TEST_OPERATIONS makes it longer or
 // shorter.
 #include "tests/models/ini_model.h"
 #include "tests/rmutil/ini_case.h"
@@ -23,7 +23,6 @@ namespace
 
 using rmtest::IniModel;
 
-constexpr uint64_t kSeed = 1;
 #ifdef __SANITIZE_ADDRESS__
 constexpr long kOperations = 8'000;  // each costs several times as much
 #else
@@ -31,18 +30,6 @@ constexpr long kOperations = 60'000;
 #endif
 constexpr uint32_t kOperationsPerFile = 60;
 constexpr std::size_t kLargestFile = 20'000;  // bytes that additions may make of a file
-
-uint64_t seedOfThisRun()
-{
-    const char* given = std::getenv("RM_TEST_SEED");
-    return given != nullptr ? std::strtoull(given, nullptr, 10) : kSeed;
-}
-
-long operationsOfThisRun()
-{
-    const char* given = std::getenv("RM_INI_OPERATIONS");
-    return given != nullptr ? std::strtol(given, nullptr, 10) : kOperations;
-}
 
 // The bytes of a file, by the plain calls: the file is read after every change.
 std::string contentsOf(const char* path)
@@ -279,9 +266,9 @@ class IniRandom : public IniTest
 
 TEST_F(IniRandom, QuestionsAndChangesDoWhatTheModelDoes)
 {
-    const uint64_t seed = seedOfThisRun();
-    const long operations = operationsOfThisRun();
-    std::cout << "RM_TEST_SEED=" << seed << " RM_INI_OPERATIONS=" << operations << std::endl;
+    const uint64_t seed = rmtest::seedOfThisRun();
+    const long operations = rmtest::operationsOfThisRun(kOperations);
+    std::cout << "RM_TEST_SEED=" << seed << " RM_TEST_OPERATIONS=" << operations << std::endl;
     RecordProperty("seed", std::to_string(seed));
     compareFor(seed, operations);
     std::cout << found_ << " found, " << changed_ << " changed" << std::endl;

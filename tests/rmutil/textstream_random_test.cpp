@@ -17,24 +17,11 @@ using rmtest::TextReaderModel;
 using rmtest::TextWriterModel;
 using rmutil::LineContext;
 
-constexpr uint64_t kSeed = 1;
 #ifdef __SANITIZE_ADDRESS__
 constexpr long kOperations = 80'000;  // each costs several times as much
 #else
 constexpr long kOperations = 800'000;
 #endif
-
-uint64_t seedOfThisRun()
-{
-    const char* given = std::getenv("RM_TEST_SEED");
-    return given != nullptr ? std::strtoull(given, nullptr, 10) : kSeed;
-}
-
-long operationsOfThisRun()
-{
-    const char* given = std::getenv("RM_TEST_OPERATIONS");
-    return given != nullptr ? std::strtol(given, nullptr, 10) : kOperations;
-}
 
 class StreamRandom : public StreamTest
 {
@@ -119,7 +106,7 @@ class StreamRandom : public StreamTest
         return text;
     }
 
-    std::mt19937_64 random_{seedOfThisRun()};
+    std::mt19937_64 random_{rmtest::seedOfThisRun()};
     const std::string bytes_ = pool();
 };
 
@@ -180,7 +167,7 @@ bool sameNextLine(Readers* readers)
 
 TEST_F(StreamRandom, ReadersGiveWhatTheModelGives)
 {
-    const long operations = operationsOfThisRun();
+    const long operations = rmtest::operationsOfThisRun(kOperations);
     long done = 0;
     for (int round = 0; done < operations; ++round) {
         const std::string text = contents(oneIn(3));
@@ -197,8 +184,8 @@ TEST_F(StreamRandom, ReadersGiveWhatTheModelGives)
                 } else {
                     same = which == 1 ? sameGetLine(&readers) : sameNextLine(&readers);
                 }
-                ASSERT_TRUE(same) << "seed " << seedOfThisRun() << ", round " << round << ", call "
-                                  << done << ", reader " << which;
+                ASSERT_TRUE(same) << "seed " << rmtest::seedOfThisRun() << ", round " << round
+                                  << ", call " << done << ", reader " << which;
                 if (oneIn(200)) {
                     const std::string more = line(false) + "\n";
                     append(more);
@@ -228,7 +215,7 @@ TEST_F(StreamRandom, WholeLinesAreEveryByteOfTheFile)
         if (!text.empty() && !text.ends_with('\n')) {
             text += '\n';
         }
-        ASSERT_TRUE(again == text) << "seed " << seedOfThisRun() << ", round " << round;
+        ASSERT_TRUE(again == text) << "seed " << rmtest::seedOfThisRun() << ", round " << round;
         ASSERT_FALSE(stream->failed);
         rm_freeMemory(lines.buffer, 0);
         rm_fileStreamClose(stream);
@@ -237,7 +224,7 @@ TEST_F(StreamRandom, WholeLinesAreEveryByteOfTheFile)
 
 TEST_F(StreamRandom, WritersLeaveWhatTheModelLeaves)
 {
-    const long operations = operationsOfThisRun() / 4;
+    const long operations = rmtest::operationsOfThisRun(kOperations) / 4;
     long done = 0;
     for (int round = 0; done < operations; ++round) {
         std::filesystem::remove(kPath);
@@ -257,7 +244,7 @@ TEST_F(StreamRandom, WritersLeaveWhatTheModelLeaves)
         }
         rm_fileStreamClose(stream);
         ASSERT_TRUE(readFile(kPath) == model.whole())
-            << "seed " << seedOfThisRun() << ", round " << round;
+            << "seed " << rmtest::seedOfThisRun() << ", round " << round;
     }
 }
 

@@ -643,4 +643,18 @@ std::vector<int> openDescriptors()
     return descriptors;
 }
 
+// --- Random runs
+
+uint64_t seedOfThisRun(uint64_t otherwise)
+{
+    const char* given = std::getenv("RM_TEST_SEED");
+    return given != nullptr && *given != '\0' ? std::strtoull(given, nullptr, 10) : otherwise;
+}
+
+long operationsOfThisRun(long otherwise)
+{
+    const char* given = std::getenv("RM_TEST_OPERATIONS");
+    return given != nullptr && *given != '\0' ? std::strtol(given, nullptr, 10) : otherwise;
+}
+
 }  // namespace rmtest

@@ -162,6 +162,13 @@ int catchFatal(const std::function<void()>& body);
 // The same for rm_exit: -1 when `body` returned, else the jump's value.
 int catchExit(const std::function<void()>& body);
 
+// --- Random runs
+
+// The same run every time, unless the environment asks for another one: RM_TEST_SEED, and
+// RM_TEST_OPERATIONS in place of what the everyday suite makes.
+uint64_t seedOfThisRun(uint64_t otherwise = 1);
+long operationsOfThisRun(long otherwise);
+
 // --- State of this process and of the machine
 
 std::string readFile(const std::filesystem::path& path);

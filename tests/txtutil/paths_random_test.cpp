@@ -21,22 +21,9 @@
 namespace
 {
 
-constexpr uint64_t kSeed = 1;
 constexpr long kOperations = 100'000;
 
 using Text = std::optional<std::string>;
-
-uint64_t seedOfThisRun()
-{
-    const char* given = std::getenv("RM_TEST_SEED");
-    return given != nullptr ? std::strtoull(given, nullptr, 10) : kSeed;
-}
-
-long operationsOfThisRun()
-{
-    const char* given = std::getenv("RM_TEST_OPERATIONS");
-    return given != nullptr ? std::strtol(given, nullptr, 10) : kOperations;
-}
 
 const char* pointer(const Text& text)
 {
@@ -114,7 +101,7 @@ class PathsRandom : public rmtest::RmTest
         return below(8) == 0 ? Text() : Text(text(alphabet, longest));
     }
 
-    std::mt19937_64 random_{seedOfThisRun()};
+    std::mt19937_64 random_{rmtest::seedOfThisRun()};
 };
 
 // A path in a buffer of `size` bytes, and the status.
@@ -131,7 +118,7 @@ std::pair<std::string, int16_t> inBuffer(uint16_t size, const Text& directory, c
 TEST_F(PathsRandom, AreWhatTheModelSays)
 {
     const int16_t tag = rm_allocTag(nullptr, RM_NO_LIMIT);
-    const long operations = operationsOfThisRun();
+    const long operations = rmtest::operationsOfThisRun(kOperations);
     for (long i = 0; i < operations; ++i) {
         const Text catPath = maybe("//abc.", 12);
         const Text directory = maybe("..//ab", 10);
@@ -142,8 +129,8 @@ TEST_F(PathsRandom, AreWhatTheModelSays)
         } else {
             unsetenv("CATPATH");
         }
-        SCOPED_TRACE("seed " + std::to_string(seedOfThisRun()) + ", case " + std::to_string(i) +
-                     ": CATPATH " + catPath.value_or("-") + ", directory " +
+        SCOPED_TRACE("seed " + std::to_string(rmtest::seedOfThisRun()) + ", case " +
+                     std::to_string(i) + ": CATPATH " + catPath.value_or("-") + ", directory " +
                      directory.value_or("-") + ", base " + base.value_or("-"));
 
         const Text resolved = directoryOf(directory, catPath);
