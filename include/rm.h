@@ -27,8 +27,7 @@
  * @section rm_ownership Ownership
  *
  * - What a caller passes stays the caller's. It is read during the call and never modified, so a
- *   literal is always safe. Two calls differ and say so: rm_syncCreate() keeps the pointer to its
- *   name, StrToArgv() writes into its text.
+ *   literal is always safe. The calls that keep a pointer, or write through one, say so.
  * - Memory that a call returns belongs to the caller, under the tag that the **Memory** line names.
  *   rm_freeMemory() with the same tag gives it back, and so does every release of the whole tag.
  * - Handles belong to the process that made them. A process keeps its own tables of tags, files and
@@ -78,6 +77,9 @@
  * | syscall | a call on a sync object failed or its handle is bad, or a file could not be grown   |
  * | mode    | the file was opened with ::FILE_FATAL, and opening, reading or writing it failed    |
  * | always  | the call is the fatal path itself                                                   |
+ *
+ * The words leave out one way: a call that writes a log line while a log file is open can end as
+ * rm_systemLogWrite() does.
  *
  * @section rm_loglines Log lines
  *
@@ -161,18 +163,18 @@
  * @{
  */
 #define RM_SUCCESS 0              /**< success: every call with a status */
-#define RM_TIMEOUT 1              /**< timed out: rm_syncEnterExcl(), rm_syncWait() */
-#define RM_NO_ELEMENT 1           /**< no element, end of an iteration */
-#define RM_NOT_FOUND 2            /**< not found: rm_iniGet() */
-#define RM_FULL 5                 /**< full */
+#define RM_TIMEOUT 1              /**< timed out: rm_syncEnterExcl(), rm_syncWait(), pools */
+#define RM_NO_ELEMENT 1           /**< no element, end of an iteration: bags */
+#define RM_NOT_FOUND 2            /**< not found: rm_iniGet(), bagFind(), rm_emLoad() */
+#define RM_FULL 5                 /**< a shared object was not closed: rm_OSemUnload() */
 #define RM_NONE (-1)              /**< no entry; no handle: rm_fileOpen(), rm_syncOpen() */
 #define RM_CANNOT_OPEN (-46)      /**< a file cannot be opened: rm_iniSet() */
 #define RM_MISSING_ARGUMENT (-52) /**< an argument is missing: rm_iniGet(), rm_iniSet() */
-#define RM_INVALID (-56)          /**< invalid tag; damaged container */
-#define RM_UNKNOWN_MODULE (-1006) /**< unknown module */
+#define RM_INVALID (-56)          /**< invalid tag; damaged container: bags */
+#define RM_UNKNOWN_MODULE (-1006) /**< unknown module: rm_emGetFcnAddr(), rm_emUnload() */
 #define RM_COPY_FAILED (-1018)    /**< copy failed */
 #define RM_RENAME_FAILED (-1019)  /**< a file could not be replaced: rm_iniSet() */
-#define RM_OUT_OF_MEMORY (-2011)  /**< out of memory: StrToArgv(), rm_iniGet(), rm_iniSet() */
+#define RM_OUT_OF_MEMORY (-2011)  /**< out of memory: StrToArgv(), rm_iniGet(), bagAdd() */
 /** @} */
 
 RM_BEGIN_DECLS
@@ -577,8 +579,8 @@ RM_API void rm_resetTag(jmp_buf env, int16_t tag);
 /**
  * Frees all blocks of a tag at once, and its name.
  *
- * @param tag a tag in use; -1 is ignored. With 0 the local environment and the statistics
- *            go too.
+ * @param tag a tag in use; -1 is ignored. With 0 the local environment, the statistics and the
+ *            registry of the extension modules go too.
  * @param release 0 keeps the tag, empty; any other value gives its number back too. Keep tag 0: the
  *                library allocates from it.
  * @fatal never
@@ -717,6 +719,293 @@ RM_API void rm_setMemoryLimit(uint32_t bytes);
  * @fatal never
  */
 RM_API uint32_t rm_memused(void);
+
+/** @} */
+
+/**
+ * @defgroup rm_pool Pools
+ *
+ * A pool keeps elements of one tag that are given back, and hands them out again, the last one
+ * first. Elements need not have one size: each request names its own. Several users share a pool
+ * through its sync object, which guards the list of free elements and nothing else.
+ *
+ * A recycled element still holds **the bytes of its last user**; a new one is cleared. There may be
+ * as many elements as memory allows.
+ *
+ * A pool lies in the memory of its process. **A child starts with a copy of it**; the lock, which
+ * they share, makes no common pool of the copies.
+ *
+ * @par Example
+ * @include pools.c
+ * @{
+ */
+
+/** A pool. What it consists of is the library's business. */
+typedef struct RmPool RmPool;
+
+/**
+ * Makes an empty pool.
+ *
+ * @param maximum number of elements that the caller expects. **It limits nothing**: a pool with the
+ *                maximum 1 hands out any number.
+ * @param tag the tag of the pool and of all its elements; in use
+ * @param name name of the sync object that is created for the pool, **kept as a pointer** as
+ *             rm_syncCreate() says; null for a pool without one; empty for one whose lock is
+ *             ::RM_NULL_SYNC
+ * @param timeout milliseconds to wait for the lock in each call, in whole seconds, rounded up;
+ *                **0 waits without limit**, and so does ::RM_WAIT_FOREVER
+ * @return the pool, never null
+ * @fatal memory; with a name, syscall
+ * @memory the caller's, under `tag`; rm_zFreePool() gives it back
+ * @log as rm_getMemory() and rm_syncCreate()
+ */
+RM_API RmPool* rm_allocPool(uint32_t maximum, int16_t tag, const char* name, uint32_t timeout);
+
+/**
+ * Takes an element out of the pool: the one that was given back last, or a new one when none is
+ * free. **A free element that is too small is freed, and a new block takes its place**, whose bytes
+ * are not cleared.
+ *
+ * @param size bytes that the element must have at least; 0 is allowed
+ * @param pool the pool
+ * @return the element, aligned to the size of a pointer; null when the lock was not free in time
+ * @fatal memory; with a lock, syscall
+ * @locks the pool's, around the list only: memory is taken outside of it
+ * @memory the caller's, under the pool's tag; give it back with rm_putInPool(), **not with
+ *         rm_freeMemory()**: the element does not begin where its block does
+ * @log as rm_getMemory(); "WARNING: attempting to free bad pointer, %p" when somebody has written
+ *      in front of a free element: the free elements from there on are given up
+ */
+RM_API void* rm_getFromPool(uint32_t size, RmPool* pool);
+
+/**
+ * Gives an element back.
+ *
+ * @param element from rm_getFromPool() of this pool, or of another one of its tag. Null does
+ *                nothing; what is no element in use, one that was given back already for instance,
+ *                is logged and ignored.
+ * @param pool the pool
+ * @return 0, also for a pointer that was ignored; ::RM_TIMEOUT when the lock was not free in time:
+ *         the element is still the caller's
+ * @fatal never without a lock; with one, syscall
+ * @locks the pool's
+ * @log "WARNING: attempting to free bad pointer, %p" for a pointer that is no element in use
+ */
+RM_API int rm_putInPool(void* element, RmPool* pool);
+
+/**
+ * Frees a pool with its free elements and deletes its sync object, **for every process** that
+ * shares it. Elements that callers still hold stay theirs and go with the tag.
+ *
+ * @param[in,out] pool address of the pointer to the pool, which becomes null; null, or the address
+ *                     of a null pointer, does nothing
+ * @return 0; ::RM_TIMEOUT when the lock was not free in time: nothing was done
+ * @fatal never without a lock; with one, syscall
+ * @locks the pool's
+ * @log as rm_getFromPool(), and as rm_syncDelete()
+ */
+RM_API int rm_zFreePool(RmPool** pool);
+
+/** @} */
+
+/**
+ * @defgroup rm_report Memory report
+ *
+ * What each tag holds, written into the system log: a table of one line per tag, or tags, segments
+ * and blocks in detail. The report counts every block again and warns where the allocator's own
+ * counts differ, so it is also the check of a heap. The tool `rmheap` draws it.
+ *
+ * Sizes of blocks include their headers of 8 bytes.
+ *
+ * @par Example
+ * @include memreport.c
+ * @{
+ */
+
+#define RM_REPORT_FREE 0x0001    /**< list free blocks too, where blocks are listed */
+#define RM_REPORT_TAG 0x0002     /**< only the tag that is given */
+#define RM_REPORT_TOTALS 0x0004  /**< the totals; no list of blocks, whatever else is asked for */
+#define RM_REPORT_DETAIL 0x0010  /**< lines for tags and segments */
+#define RM_REPORT_SUMMARY 0x0040 /**< the table: a heading, a line per tag, a line of totals */
+#define RM_REPORT_ALL INT16_MIN  /**< the sign: detail, the list of blocks, the totals */
+
+/**
+ * Writes the memory report into the log.
+ *
+ * The lines, in order, with the flags that ask for them; each is cut after 259 bytes:
+ *
+ * @verbatim
+ *             --------VIRLO MEMORY REPORT--------
+ *             the title
+ *   SUMMARY          allocated/blocks     freed/blocks  segs
+ *   DETAIL    TAG %u(%10s): limit=%ld, allocated=%ld
+ *   DETAIL    SEGMENT @ %p   size=%lu
+ *   ALL           %p    %6u (%u)
+ *   ALL+FREE      %p    %6u (%u) free
+ *   DETAIL    SEGMENT: %lu allocated bytes in %lu block%s
+ *   DETAIL             %lu free bytes in %lu block%s
+ *   DETAIL    TAG: %lu allocated bytes in %lu block%s,
+ *   DETAIL         %lu free bytes in %lu block%s
+ *   DETAIL         and contains %lu segment%s
+ *   SUMMARY   TAG %2d(%10s): %8lu/%5lu : %8lu/%5lu : %3lu
+ *   TOTALS    TOTAL: %lu allocated bytes in %lu block%s,
+ *   TOTALS           %lu free bytes in %lu block%s
+ *   TOTALS           System contains %lu active tag%s
+ *   SUMMARY   TOTAL : %8lu/%5lu : %8lu/%5lu : %3lu
+ *             MEMORY REPORT DONE
+ * @endverbatim
+ *
+ * - The heading and the title stand before the first other line, the last one left out: a report
+ *   that has no other has only that.
+ * - ALL also asks for what DETAIL and TOTALS ask for. TOTALS suppresses the lines for blocks.
+ * - The lines from TAG to TAG come for each tag, those from SEGMENT to SEGMENT for each of its
+ *   segments, in the order in which it got them.
+ * - The first line gives the number, name, limit (-1 for none) and bytes of a tag; a number that is
+ *   not in use is left out. **Without DETAIL a tag that was released counts as an empty one**, and
+ *   with ::RM_REPORT_TAG so does any number.
+ * - The size of a segment is that without its header of 24 bytes.
+ * - A block has the address of its header, its bytes and its tag. The first of the free ones is the
+ *   anchor that their list begins with, of 0 bytes; it is not counted.
+ * - The last figure of the last SUMMARY line is the number of tags, like that of active tags.
+ * - "%s" after a noun is "s" unless there is exactly 1.
+ *
+ * Where counts differ, also without any flag:
+ *
+ * - "WARNING: Segment block count, %u mismatch with counted blocks, %lu"
+ * - "WARNING: Segment unit count, %lu mismatch with counted units, %lu": units of 8 bytes, **the
+ *   counted ones first**
+ * - "WARNING: Tag byte count, %lu mismatch with counted blocks, %lu"
+ *
+ * A header that was written over is never followed out of its segment.
+ *
+ * @param flags which lines; 0 for the warnings alone
+ * @param tag any number: the tag, with ::RM_REPORT_TAG; else without meaning
+ * @param titleFormat printf format of the title, or null for an empty one. **What percent signs it
+ *                    leaves are expanded a second time**, as in rm_systemLogOptWrite(). At most 259
+ *                    bytes are kept.
+ * @param ... the arguments of the format
+ * @fatal as rm_systemLogWrite()
+ * @locks as rm_systemLogWrite()
+ * @log the report
+ */
+RM_API void rm_memReport(int16_t flags, int16_t tag, const char* titleFormat, ...) RM_PRINTF(3, 4);
+
+/** @} */
+
+/**
+ * @defgroup rm_calllog Logged allocation calls
+ *
+ * The allocation calls of @ref rm_memory under names that log each call before it is made, at every
+ * level of the log. To find out who allocates, compile a module with its calls renamed, behind the
+ * line that includes this header:
+ * `#define rm_getMemory(size, tag) rm_LOG_getMemory(size, tag, __FILE__, __LINE__)`.
+ * `file` and `line` are logged and mean nothing else.
+ *
+ * @par Example
+ * @include calllog.c
+ * @{
+ */
+
+/**
+ * rm_getMemory(), logged.
+ *
+ * @param size bytes
+ * @param tag the tag
+ * @param file name of the caller's source file
+ * @param line line in it
+ * @return as rm_getMemory()
+ * @fatal memory; as rm_systemLogWrite()
+ * @locks as rm_systemLogWrite()
+ * @memory as rm_getMemory()
+ * @log "WARNING: Calling rm_LOG_getMemory from %s, %u"; as rm_getMemory()
+ */
+RM_API void* rm_LOG_getMemory(uint32_t size, int16_t tag, const char* file, unsigned line);
+
+/**
+ * rm_cGetMemory(), logged.
+ *
+ * @param size bytes
+ * @param tag the tag
+ * @param file name of the caller's source file
+ * @param line line in it
+ * @return as rm_cGetMemory()
+ * @fatal memory; as rm_systemLogWrite()
+ * @locks as rm_systemLogWrite()
+ * @memory as rm_cGetMemory()
+ * @log "WARNING: Calling rm_LOG_cGetMemory from %s, %u"; as rm_getMemory()
+ */
+RM_API void* rm_LOG_cGetMemory(uint32_t size, int16_t tag, const char* file, unsigned line);
+
+/**
+ * rm_extendMemory(), logged.
+ *
+ * @param pointer the block, or null
+ * @param newSize bytes
+ * @param tag the tag
+ * @param file name of the caller's source file
+ * @param line line in it
+ * @return as rm_extendMemory()
+ * @fatal memory; as rm_systemLogWrite()
+ * @locks as rm_systemLogWrite()
+ * @memory as rm_extendMemory()
+ * @log "WARNING: Calling rm_LOG_extendMemory from %s, %u"; as rm_extendMemory()
+ */
+RM_API void* rm_LOG_extendMemory(void* pointer, uint32_t newSize, int16_t tag, const char* file,
+                                 unsigned line);
+
+/**
+ * rm_growMemory(), logged.
+ *
+ * @param pointer the block, or null
+ * @param size bytes
+ * @param tag the tag
+ * @param file name of the caller's source file
+ * @param line line in it
+ * @return as rm_growMemory()
+ * @fatal memory; as rm_systemLogWrite()
+ * @locks as rm_systemLogWrite()
+ * @memory as rm_growMemory()
+ * @log "WARNING: Calling rm_LOG_growMemory from %s, %u"; as rm_growMemory()
+ */
+RM_API void* rm_LOG_growMemory(void* pointer, uint32_t size, int16_t tag, const char* file,
+                               unsigned line);
+
+/**
+ * rm_Strdup(), logged.
+ *
+ * @param text the text; **null is read as the empty one**, unlike in rm_Strdup()
+ * @param tag the tag
+ * @param file name of the caller's source file
+ * @param line line in it
+ * @return as rm_Strdup()
+ * @fatal memory; as rm_systemLogWrite()
+ * @locks as rm_systemLogWrite()
+ * @memory as rm_Strdup()
+ * @log "WARNING: Calling rm_LOG_Strdup from %s, %u"; as rm_getMemory()
+ */
+RM_API char* rm_LOG_Strdup(const char* text, int16_t tag, const char* file, unsigned line);
+
+/**
+ * rm_freeMemory(), logged. The line names no position.
+ *
+ * @param pointer the block, or null
+ * @param tag the tag
+ * @fatal as rm_systemLogWrite()
+ * @locks as rm_systemLogWrite()
+ * @log "WARNING: Calling rm_LOG_freeMemory"; as rm_freeMemory()
+ */
+RM_API void rm_LOG_freeMemory(void* pointer, int16_t tag);
+
+/**
+ * rm_zFreeMemory(), logged. The line names no position.
+ *
+ * @param pointerAddress address of the pointer, or null
+ * @param tag the tag
+ * @fatal as rm_systemLogWrite()
+ * @locks as rm_systemLogWrite()
+ * @log "WARNING: Calling rm_LOG_zFreeMemory"; as rm_freeMemory()
+ */
+RM_API void rm_LOG_zFreeMemory(void* pointerAddress, int16_t tag);
 
 /** @} */
 
@@ -1205,6 +1494,66 @@ RM_API double rm_flGetDiskFreeSpace(const char* path);
  * @fatal never
  */
 RM_API int16_t rm_fileValidate(const char* path);
+
+/** @} */
+
+/**
+ * @defgroup rm_osmodule Shared objects
+ *
+ * The operating system's half of extension modules (@ref rm_module): opens a shared object, runs
+ * its entry point once and finds functions in it. File and entry point follow from the name:
+ *
+ * | Name                  | File                     | Entry point  |
+ * |-----------------------|--------------------------|--------------|
+ * | `/usr/lib/db/libgeo`  | `/usr/lib/db/libgeo.so`  | GEO_ModEntry |
+ * | `/opt/db/LibAbc`      | `/opt/db/LibAbc.so`      | ABC_ModEntry |
+ * | `abc`                 | `abc.so`, searched for as the dynamic linker does | ABC_ModEntry |
+ *
+ * The entry point is `void NAME_ModEntry(const char* name)` with C linkage; it gets the name as it
+ * was given. A file of the current directory is `./abc`.
+ *
+ * @par Example
+ * @include osmodule.c
+ * @{
+ */
+
+/**
+ * Loads a shared object, with all its symbols resolved, and calls its entry point: with every load,
+ * also of an object that is loaded already. Other objects do not see what it exports.
+ *
+ * @param name the path of the object without its ".so", at most 96 bytes; its last part at most 94
+ *             bytes, without "lib"
+ * @param[out] module the module, when it was loaded; else untouched
+ * @return 0; ::RM_NOT_FOUND when the object cannot be loaded, has no entry point, or the name is
+ *         too long
+ * @fatal memory; whatever the entry point ends: the object stays loaded then
+ * @memory the caller's, under tag 0; rm_freeMemory() after rm_OSemUnload(). An object without an
+ *         entry point leaves a block of 24 bytes behind.
+ * @log when the object cannot be loaded: "Failed to load module '%s'\n" with its path, then
+ *      "  REASON: errno = %d  %s" with 0 and the dynamic linker's text
+ */
+RM_API int16_t rm_OSemLoad(const char* name, void** module);
+
+/**
+ * Finds a function, or a variable, in a loaded object and the objects that it needs.
+ *
+ * @param module from rm_OSemLoad(); null finds nothing
+ * @param function its name
+ * @param[out] address where it is; null when there is none
+ * @return 0; ::RM_NOT_FOUND
+ * @fatal never
+ */
+RM_API int16_t rm_OSemGetFcnAddr(void* module, const char* function, void** address);
+
+/**
+ * Closes a loaded object, once for each load. Its functions must not be called any more, nor its
+ * texts read.
+ *
+ * @param module from rm_OSemLoad(), not closed yet; its memory stays the caller's
+ * @return 0; ::RM_FULL when the system refuses, and for null
+ * @fatal whatever the object's own destructors end
+ */
+RM_API int16_t rm_OSemUnload(void* module);
 
 /** @} */
 
@@ -1810,6 +2159,504 @@ RM_API char* rm_getLocalEnv(const char* name);
  * @memory as rm_getLocalEnv() or rm_OSgetenv(): do not free it
  */
 RM_API char* rm_getenv(const char* name);
+
+/** @} */
+
+/**
+ * @defgroup rm_module Extension modules
+ *
+ * One registry of the modules of a process: those that were linked into the server, and shared
+ * objects that it loads. A module is known by the last part of its path, so `/x/y/mod` and `mod`
+ * are one module, and addressed by a handle. Its functions are found by name: those that it has
+ * registered with rm_emRegFcn(), usually from its entry point, then those that it exports.
+ *
+ * - Files and entry points: @ref rm_osmodule.
+ * - A module is loaded once. There are no counts: **one rm_emUnload() unloads it**, however often
+ *   it was loaded.
+ * - **A lookup does not reach the last slot of the registry**, which has 16 slots at first, then
+ *   32, 48, 64, 80, 96, 112, and twice as many each time from there. Of the module that gets it,
+ *   the 16th for instance, not all that its entry point registers is found, and loading it again
+ *   loads it a second time under a new handle. What it exports is found.
+ * - Handles are good until their module is unloaded, and are given out again then, lowest first.
+ * - A module that is linked in is never loaded, and unloading it does nothing. It answers the names
+ *   of its list's record, and **to every other name 0 with the address untouched**: functions that
+ *   are registered for it are not found.
+ * - The registry lies in tag 0: rm_freeTagMemory() of that tag and rm_freeall() make it forgotten.
+ *   What was loaded stays loaded.
+ *
+ * A host that links modules in defines rm_getEmList().
+ *
+ * @par Examples
+ * @include modules.c
+ * The module that it loads:
+ * @include libunits.c
+ * A host with linked-in modules:
+ * @include linkedmodules.c
+ * @{
+ */
+
+/** A linked-in module that is initialised and cleaned up by its host. */
+typedef struct EmListEntry {
+    const char* name; /**< of the module; kept as a pointer for as long as the process runs */
+    void* init;       /**< found as "ModInit" */
+    void* cleanup;    /**< found as "ModCleanup" */
+    void* describe;   /**< found as "ModDescribeFcns" */
+} EmListEntry;
+
+/** A linked-in module of the second kind. */
+typedef struct IefListEntry {
+    const char* name; /**< of the module; kept as a pointer */
+    void* describe;   /**< found as "iefDescribeFcns" */
+} IefListEntry;
+
+/** A linked-in module of the third kind. */
+typedef struct UdfListEntry {
+    const char* name; /**< of the module; kept as a pointer */
+    void* describe;   /**< found as "udfDescribeFcns" */
+} UdfListEntry;
+
+/** A linked-in module of the fourth kind. */
+typedef struct UdpListEntry {
+    const char* name; /**< of the module; kept as a pointer */
+    void* reserved1;  /**< the host's own; never read */
+    void* reserved2;  /**< the host's own; never read */
+    void* describe;   /**< found as "udpDescribeFcns" */
+} UdpListEntry;
+
+/**
+ * Makes the registry with the linked-in modules in it, in the order of their lists; they have the
+ * handles from 0 up. rm_emLoad() does it when it is needed. Does nothing when there is a registry.
+ *
+ * @return 0; ::RM_OUT_OF_MEMORY when the lists are longer than a registry can be (57344 modules):
+ *         those that found room are in it
+ * @fatal memory
+ * @log as rm_getMemory()
+ */
+RM_API int16_t rm_emInit(void);
+
+/**
+ * Tells which modules are linked in. **A host may define this function itself**; the library then
+ * calls the host's. The one in the library stores 0 and null everywhere.
+ *
+ * Called each time that the registry is made. The lists must stay for as long as the process runs.
+ * A host's own must not call functions of this group.
+ *
+ * @param[out] emCount number of records of the first list
+ * @param[out] emList the first of them; null for no list
+ * @param[out] iefCount of the second list
+ * @param[out] iefList the first of them
+ * @param[out] udfCount of the third list
+ * @param[out] udfList the first of them
+ * @param[out] udpCount of the fourth list
+ * @param[out] udpList the first of them
+ * @fatal never
+ */
+RM_API void rm_getEmList(uint16_t* emCount, const EmListEntry** emList, uint16_t* iefCount,
+                         const IefListEntry** iefList, uint16_t* udfCount,
+                         const UdfListEntry** udfList, uint16_t* udpCount,
+                         const UdpListEntry** udpList);
+
+/**
+ * Loads a module, unless one of that name is in the registry: then only its handle is given.
+ *
+ * @param path the module's path without the ".so" of its object
+ * @param[out] handle the module, 0 up; **what is above 32767 is negative**. Touched only on
+ *                    success.
+ * @return 0; ::RM_NOT_FOUND when it cannot be loaded, see rm_OSemLoad(); ::RM_OUT_OF_MEMORY when
+ *         the registry is full: the object stays loaded then
+ * @fatal memory; whatever the module's entry point ends. **If that had registered a function, the
+ *        module is in the registry then**: loading it again gives its handle, and finds only what
+ *        it had registered.
+ * @memory the registry's, under tag 0. A module that registers functions leaves some of it behind
+ *         with every unload: 112 bytes for up to 3 functions.
+ * @log as rm_OSemLoad(); as rm_getMemory()
+ */
+RM_API int16_t rm_emLoad(const char* path, int16_t* handle);
+
+/**
+ * Finds a function of a module.
+ *
+ * @param handle any number
+ * @param function name of the function; its case counts
+ * @param[out] address the function's address; null when it is not found. Untouched for an unknown
+ *                     handle, and where a linked-in module does not know the name.
+ * @return 0; ::RM_UNKNOWN_MODULE; ::RM_NOT_FOUND when the module has no such function
+ * @fatal never
+ */
+RM_API int16_t rm_emGetFcnAddr(int16_t handle, const char* function, void** address);
+
+/**
+ * Unloads a module and forgets it and its functions. A module that is linked in, or known only by
+ * registered functions, stays.
+ *
+ * @param handle any number
+ * @return 0, **also when the system refuses to close the object**, which then stays loaded and
+ *         registered; ::RM_UNKNOWN_MODULE
+ * @fatal whatever the module's own destructors end
+ */
+RM_API int16_t rm_emUnload(int16_t handle);
+
+/**
+ * Registers a function of a module. Names are not compared: the one that was registered first is
+ * found. A module that is not in the registry is entered, without an object.
+ *
+ * @param module name of the module, or a path that ends with it: a module's entry point passes on
+ *               what it was given
+ * @param function name of the function, copied
+ * @param address what rm_emGetFcnAddr() is to give
+ * @return 0; ::RM_NOT_FOUND when there is no registry yet; ::RM_OUT_OF_MEMORY when the registry, or
+ *         the list of the module's functions, is full
+ * @fatal memory
+ * @log "Can't register function '%s' for unknown extension module '%s'" without a registry
+ */
+RM_API int16_t rm_emRegFcn(const char* module, const char* function, void* address);
+
+/** @} */
+
+/**
+ * @defgroup rm_bag Bags
+ *
+ * Growable arrays of slots of one size, addressed by small handles, with one current position that
+ * lookups and iterations move. A constant control record says which of three kinds a bag is:
+ *
+ * - **compact** (no flag): the elements are the slots 0 to usedCount - 1. A deletion moves the last
+ *   element into the hole, which changes its handle.
+ * - **slot map** (::BAG_SLOT_MAP): deletions leave holes, which are filled again lowest first.
+ *   Handles are good until their own element is deleted. **Forward iteration, and so bagFind(),
+ *   ends before the last slot**; bagLast() and handles reach it.
+ * - **ring** (::BAG_RING): slots are handed out one after the other, round and round. Delete the
+ *   oldest element only: bagFirst() counts it back from where the next one goes. **Iteration does
+ *   not go round**, and knows the slots below usedCount only, as bagSetCurHandle() does; whoever
+ *   wants all elements reads the slots themselves.
+ *
+ * A bag has no lock. It grows by growIncrement slots, and from growThreshold slots on to twice its
+ * size; it never shrinks. Growing may move the elements: pointers to them are good until the next
+ * bagAdd(). Unused slots of a slot map hold zero bytes.
+ *
+ * The current position is nowhere after creation, after a deletion in a compact bag and after
+ * bagSetCurHandle() of an unused slot. It may stand past the end or on a hole: what a call does
+ * then stands with it.
+ *
+ * @par Example
+ * @include bags.c
+ * @{
+ */
+
+#define BAG_KEY_STRING 1  /**< keys are texts */
+#define BAG_KEY_ISTRING 2 /**< keys are texts, compared as stricmp() does */
+#define BAG_KEY_BINARY 3  /**< keys are keyLength bytes */
+#define BAG_KEY_INDIRECT \
+    0x80                   /**< what stands at keyOffset is a pointer to the key; null has none */
+#define BAG_SLOT_MAP 0x100 /**< slot map */
+#define BAG_POINTERS 0x200 /**< slots hold pointers to elements, which are not copied */
+#define BAG_RING 0x400     /**< ring */
+#define RM_NO_SLOT 65535   /**< no current position */
+
+/** What a bag is: constant data of the host that outlives all bags made from it. */
+typedef struct BagCtl {
+    uint16_t flags;         /**< a kind of key; ::BAG_SLOT_MAP, ::BAG_RING or neither; the others */
+    uint16_t initialSlots;  /**< slots at first; 0 is allowed, with a growThreshold above 0 */
+    uint16_t growIncrement; /**< slots added while there are fewer than growThreshold; 0 for none */
+    uint16_t growThreshold; /**< from this many on, a bag doubles */
+    uint16_t elementSize;   /**< bytes of a slot; with ::BAG_POINTERS at least those of a pointer */
+    int16_t tag;            /**< owner of all memory of the bag */
+    uint32_t keyOffset;     /**< where the key stands in an element, bytes */
+    uint16_t keyLength;     /**< bytes of a key of the kind ::BAG_KEY_BINARY */
+} BagCtl;
+
+/** A bag. Hosts read it; they change it through the calls below. */
+typedef struct Bag {
+    const BagCtl* ctl;  /**< what it is */
+    uint16_t slotCount; /**< slots that it has */
+    uint16_t usedCount; /**< elements in it */
+    uint16_t curSlot;   /**< current position, or ::RM_NO_SLOT */
+    uint16_t nextSlot;  /**< ring: where the next element goes */
+    void* data;         /**< the slots; null while there is none */
+    uint16_t* slotMap;  /**< slot map: a bit per slot, the first slot of each word its highest */
+} Bag;
+
+/**
+ * Makes an empty bag.
+ *
+ * @param ctl what it is; kept as a pointer
+ * @param[out] bag the bag; touched only on success
+ * @return 0; ::RM_INVALID for a bag of pointers whose elementSize is smaller than a pointer
+ * @fatal memory
+ * @memory the caller's, under the control record's tag; bagDestroy() gives it back
+ * @log "bagCreate failed" with ::RM_INVALID; as rm_getMemory()
+ */
+RM_API int16_t bagCreate(const BagCtl* ctl, Bag** bag);
+
+/**
+ * Frees a bag. What the pointers of a bag with ::BAG_POINTERS lead to stays the caller's.
+ *
+ * @param bag the bag, or null
+ * @return 0
+ * @fatal never
+ * @log as rm_freeMemory()
+ */
+RM_API int16_t bagDestroy(Bag* bag);
+
+/**
+ * Adds an element. A compact bag puts it behind the others and keeps its position; a slot map takes
+ * the lowest hole and makes it current; a ring takes the next slot and makes it current, except
+ * that an addition for which it grows goes behind all others and leaves the position where the next
+ * element would else have gone.
+ *
+ * **Growing damages the elements of a ring**: it moves them, by a rule that is the one of every
+ * release, without regard to where they begin. With a growIncrement of 0, and a growThreshold above
+ * initialSlots, a ring does not grow.
+ *
+ * @param bag the bag
+ * @param element elementSize bytes to copy; with ::BAG_POINTERS, what the slot is to point to
+ * @return 0; ::RM_OUT_OF_MEMORY, with nothing changed, when it would need more than 65535 slots or
+ *         may not grow; ::RM_INVALID for a slot map whose map is missing
+ * @fatal memory; the bag is as it was
+ * @log "findEmptySlot failed", "markSlotUsed failed" when the map is missing; as rm_extendMemory()
+ */
+RM_API int16_t bagAdd(Bag* bag, const void* element);
+
+/**
+ * Deletes the element at the current position. In a compact bag there is no position afterwards; in
+ * the other two it moves to the next element, as bagNext() does it. Its slot becomes zero bytes,
+ * except for the last element of a compact bag.
+ *
+ * @param bag the bag
+ * @return 0; ::RM_NO_ELEMENT when there is no element at the position, with nothing changed. **In a
+ *         slot map and a ring also when the element was deleted and bagNext() finds no other.** A
+ *         ring takes every slot for an element as long as it has any.
+ * @fatal never
+ * @log "markSlotUsed failed" in a compact bag without ::BAG_POINTERS when another element has taken
+ *      the place of the deleted one: no fault; else, when the map is missing
+ */
+RM_API int16_t bagDelete(Bag* bag);
+
+/**
+ * Goes to the first element: the oldest of a ring, else the one in the lowest slot.
+ *
+ * @param bag the bag
+ * @return 0; ::RM_NO_ELEMENT when the bag is empty, with the position unchanged, or forward
+ *         iteration reaches no element. Slot 0 is reached even as the last one of a slot map.
+ * @fatal never
+ * @log "markSlotUsed failed" when the map is missing
+ */
+RM_API int16_t bagFirst(Bag* bag);
+
+/**
+ * Goes to the next element; from nowhere, to slot 0 or the first element after it.
+ *
+ * @param bag the bag
+ * @return 0; ::RM_NO_ELEMENT at the end, where the position is past the last element that iteration
+ *         reaches: **in a slot map on the last slot**, which may hold an element. Each further call
+ *         goes one slot on.
+ * @fatal never
+ * @log "markSlotUsed failed" when the map is missing
+ */
+RM_API int16_t bagNext(Bag* bag);
+
+/**
+ * Goes to the last element: the newest of a ring, else the one in the highest slot.
+ *
+ * @param bag the bag
+ * @return 0; ::RM_NO_ELEMENT when the bag is empty, with the position unchanged
+ * @fatal never
+ * @log "markSlotUsed failed" when the map is missing
+ */
+RM_API int16_t bagLast(Bag* bag);
+
+/**
+ * Goes to the used slot before the position; from nowhere, to the highest one. A ring is not gone
+ * round.
+ *
+ * @param bag the bag
+ * @return 0; ::RM_NO_ELEMENT when there is none, with the position at slot 0
+ * @fatal never
+ * @log "markSlotUsed failed" when the map is missing
+ */
+RM_API int16_t bagPrev(Bag* bag);
+
+/**
+ * Gives the current position, wherever it stands.
+ *
+ * @param bag the bag
+ * @param[out] handle the slot, 0 to 65534; untouched when there is none
+ * @return 0; ::RM_NO_ELEMENT when the position is nowhere
+ * @fatal never
+ */
+RM_API int16_t bagGetCurHandle(Bag* bag, uint16_t* handle);
+
+/**
+ * Goes to a slot.
+ *
+ * @param bag the bag
+ * @param handle any number
+ * @return 0; ::RM_NOT_FOUND when the slot is not used: the position is nowhere then
+ * @fatal never
+ * @log "markSlotUsed failed" when the map is missing
+ */
+RM_API int16_t bagSetCurHandle(Bag* bag, uint16_t handle);
+
+/**
+ * Gives the address of the current element.
+ *
+ * @param bag the bag
+ * @param[out] pointer the slot's address, good until the next bagAdd(); with ::BAG_POINTERS, the
+ *                     pointer in it. Untouched when there is none.
+ * @return 0; ::RM_NO_ELEMENT when the position is nowhere or past the end. On a hole it is 0.
+ * @fatal never
+ */
+RM_API int16_t bagGetCurPtr(Bag* bag, void** pointer);
+
+/**
+ * Copies the current slot.
+ *
+ * @param bag the bag
+ * @param[out] buffer elementSize bytes; with ::BAG_POINTERS they begin with the pointer. Untouched
+ *                    when there is no element.
+ * @return as bagGetCurPtr()
+ * @fatal never
+ */
+RM_API int16_t bagGetCurData(Bag* bag, void* buffer);
+
+/**
+ * Goes to the first element that has a key, in the order of bagFirst() and bagNext(). Every element
+ * before it is compared.
+ *
+ * @param bag the bag
+ * @param key a text, or keyLength bytes, as the control record says; the empty text is never found
+ * @param[out] handle the slot, or null when it is not wanted; untouched when nothing is found
+ * @param[out] pointer as from bagGetCurPtr(), or null when it is not wanted; likewise
+ * @return 0; ::RM_NOT_FOUND, with the position where the iteration ended, or for the empty text at
+ *         the first element; ::RM_INVALID when the control record names no kind of key and the bag
+ *         is not empty
+ * @fatal never
+ * @log "can't bagFind" with ::RM_INVALID; "markSlotUsed failed" when the map is missing
+ */
+RM_API int16_t bagFind(Bag* bag, const void* key, uint16_t* handle, void** pointer);
+
+/** @} */
+
+/**
+ * @defgroup rm_darray Dynamic arrays
+ *
+ * Entries with a name and a record of fixed size, found by name or by what is in the record, and
+ * addressed by an index. The array grows by blocks up to its maximum and **a record never moves**:
+ * pointers to it are good for as long as the array exists.
+ *
+ * Each array has a tag of its own, named "dynamic array tag", with segments of 2048 bytes; the
+ * array and everything in it goes with it. The tag's number stands in the memory report only.
+ *
+ * @par Example
+ * @include darrays.c
+ * @{
+ */
+
+/** A dynamic array. What it consists of is the library's business. */
+typedef struct DArray DArray;
+
+/**
+ * Makes an array without entries.
+ *
+ * @param maxEntries entries that it may have, 0 up; rounded up to whole blocks, and at least one
+ *                   block when entriesPerBlock is above 1
+ * @param entriesPerBlock entries that are made at a time, 1 up
+ * @param dataSize bytes of each record, 0 up
+ * @return the array; null when an argument is out of range
+ * @fatal memory
+ * @memory the caller's, under a tag of its own; darrayDestroy() gives it back
+ * @log as rm_allocTag() and rm_getMemory()
+ */
+RM_API DArray* darrayCreate(int16_t maxEntries, int16_t entriesPerBlock, int16_t dataSize);
+
+/**
+ * Frees an array with all its entries, and its tag.
+ *
+ * @param array the array, or null
+ * @fatal never
+ */
+RM_API void darrayDestroy(DArray* array);
+
+/**
+ * Takes a free entry: in the lowest block that has one, the one that was deleted last, else the
+ * lowest. The bytes of its record are those of its last use, or of nothing.
+ *
+ * @param array the array
+ * @param name **kept as a pointer, not copied**, for as long as the entry exists; not null. It need
+ *             not be unique.
+ * @param[out] data the record's address, aligned to 8 bytes where dataSize is a multiple of 8; null
+ *                  when it is not wanted. Untouched when there is no entry.
+ * @return the index, 0 up; -1 when the array is full, or has entries up to index 32767
+ * @fatal memory; also when a free entry turns out to be in use: an entry was deleted twice
+ * @log "Corruption in dynamic arrays"; as rm_getMemory()
+ */
+RM_API int16_t darrayCreateEntry(DArray* array, const char* name, void** data);
+
+/**
+ * Finds the entry with a name; of several, the one with the lowest index.
+ *
+ * @param array the array
+ * @param name the name; its case counts
+ * @param[out] data the record's address, null when there is none; or null when it is not wanted
+ * @return the index; -1 when there is none
+ * @fatal never
+ */
+RM_API int16_t darrayFindEntry(DArray* array, const char* name, void** data);
+
+/**
+ * Finds the entry whose record holds certain bytes at a certain place; of several, the one with the
+ * lowest index. No record holds what would have to lie outside of it.
+ *
+ * @param array the array
+ * @param key the bytes, or the text
+ * @param keyOffset where they stand in the record, bytes
+ * @param keyLength number of bytes; of a text, how many are compared at most
+ * @param mode bit 0 set: compare as strncmp does; clear: all bytes. Other bits mean nothing.
+ * @param[out] data the record's address, null when there is none; or null when it is not wanted
+ * @return the index; -1 when there is none
+ * @fatal never
+ */
+RM_API int16_t darrayGetEntryFromData(DArray* array, const void* key, int16_t keyOffset,
+                                      uint16_t keyLength, uint16_t mode, void** data);
+
+/**
+ * Gives the lowest index that is in use.
+ *
+ * @param array the array
+ * @return the index; -1 when there is none
+ * @fatal never
+ */
+RM_API int16_t darrayGetFirstUsedEntry(DArray* array);
+
+/**
+ * Deletes an entry. Its record stays as it is.
+ * **Deleting a free entry is not noticed here**: it stands on the list of free ones twice then, is
+ * given out once, and from then on every darrayCreateEntry() that comes to it is fatal.
+ *
+ * @param array the array
+ * @param index the entry; a number whose block was not made does nothing
+ * @fatal never
+ */
+RM_API void darrayDeleteEntry(DArray* array, int16_t index);
+
+/**
+ * Gives the address of an entry's record, whether the entry is in use or not.
+ *
+ * @param array the array
+ * @param index any number
+ * @return the address; null when its block was not made
+ * @fatal never
+ */
+RM_API void* darrayGetEntryPtr(DArray* array, int16_t index);
+
+/**
+ * Gives the name of an entry.
+ *
+ * @param array the array
+ * @param index any number
+ * @return the pointer that darrayCreateEntry() was given; null when the entry is not in use
+ * @fatal never
+ */
+RM_API const char* darrayGetEntryName(DArray* array, int16_t index);
 
 /** @} */
 

@@ -5,9 +5,10 @@
 //   search.cpp    the two searches, first fit and owner lookup, as plain walks
 //   check.cpp     the checker of all of it
 //   memory.cpp    the allocation calls of the interface, on top of the three above
+//   report.cpp    the memory report: what each tag holds, and where its counts are wrong
 //
-// Layers go downward only: memory -> tags, segments -> search. search.cpp can be replaced by
-// anything that gives the same answers; nothing else walks segments to find something.
+// Layers go downward only: report, memory -> tags, segments -> search. search.cpp can be replaced
+// by anything that gives the same answers; nothing else walks segments to find something.
 #ifndef RM_RMALLOC_RMALLOC_H
 #define RM_RMALLOC_RMALLOC_H
 
@@ -67,6 +68,10 @@ extern TagRecord* tagTable;  // null while there is no table
 extern int16_t nTags;        // highest index that was ever in use + 1
 extern int16_t tagTabSize;   // records that the table has room for
 extern uint32_t memused;     // bytes got for the table and for all segments
+
+// Segments given back since the process began, modulo 2^32. Whoever keeps a segment's address over
+// a call that may free looks here whether it can still be trusted.
+extern uint32_t segmentsReturned;
 
 // --- tags.cpp
 
@@ -129,6 +134,9 @@ void checkMerge(Segment* segment, BlockHeader* first, BlockHeader* second);
 // Accounts for `units` given back; returns the segment to the platform when it holds no block.
 void adjustNumbers(TagRecord* record, uint32_t units, Segment* segment, Segment* previousSegment);
 
+// Gives an unlinked segment back to the platform.
+void returnSegment(Segment* segment);
+
 // True when what looks like a block's header lies inside a free block, or reaches into one.
 bool liesInFreeSpace(Segment* segment, BlockHeader* header);
 
@@ -140,7 +148,22 @@ uint32_t spanWithNeighbours(Segment* segment, BlockHeader* header);
 void* rebuildAtLowEnd(Segment* segment, BlockHeader* before, BlockHeader* holder,
                       BlockHeader* oldHeader, uint32_t need, uint32_t keepBytes);
 
+// --- memory.cpp
+
+// The segment of the tag in which `pointer` looks like a live block; null. Reads nothing outside of
+// it, so the pointer may be anything. What looks like a block may be an old header in free space.
+Segment* segmentOfLiveBlock(void* pointer, Tag tag);
+
 // --- search.cpp
+
+// True when the header lies in the segment's data area. Addresses are compared as numbers: the two
+// may not belong to one object.
+inline bool holds(const Segment* segment, const BlockHeader* header)
+{
+    const auto anchor = reinterpret_cast<uintptr_t>(&segment->anchor);
+    const auto address = reinterpret_cast<uintptr_t>(header);
+    return address > anchor && address <= anchor + uintptr_t{segment->units} * kUnit;
+}
 
 struct Fit {
     Segment* segment;   // null: no free block is large enough

@@ -9,17 +9,6 @@
 
 using namespace rmalloc;
 
-namespace
-{
-// Addresses are compared as numbers: the two may not belong to one object.
-bool holds(const Segment* segment, const BlockHeader* header)
-{
-    const auto anchor = reinterpret_cast<uintptr_t>(&segment->anchor);
-    const auto address = reinterpret_cast<uintptr_t>(header);
-    return address > anchor && address <= anchor + uintptr_t{segment->units} * kUnit;
-}
-}  // namespace
-
 Fit rmalloc::firstFit(TagRecord* record, uint32_t need)
 {
     for (Segment* segment = record->segments; segment != nullptr; segment = segment->next) {

@@ -26,6 +26,11 @@
 
 using namespace rmalloc;
 
+namespace rmalloc
+{
+uint32_t segmentsReturned = 0;
+}  // namespace rmalloc
+
 namespace
 {
 BlockHeader* endOf(BlockHeader* block)
@@ -202,7 +207,13 @@ void rmalloc::adjustNumbers(TagRecord* record, uint32_t units, Segment* segment,
     } else {
         previousSegment->next = segment->next;
     }
+    returnSegment(segment);
+}
+
+void rmalloc::returnSegment(Segment* segment)
+{
     memused -= segment->units * kUnit + kSegmentHeader;
+    ++segmentsReturned;
     rm_freeSeg(segment);
 }
 

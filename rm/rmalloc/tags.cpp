@@ -13,6 +13,7 @@
 // environment, through which it is read, allocates itself.
 //
 // Fatal: no memory for the table; a free record where one in use is needed.
+#include "rm/ems.h"
 #include "rm/file/file.h"
 #include "rm/rmalloc/rmalloc.h"
 #include "rm/rmsrv/rmsrv.h"
@@ -115,8 +116,7 @@ void freeSegments(TagRecord* record)
 {
     for (Segment* segment = record->segments; segment != nullptr;) {
         Segment* next = segment->next;
-        memused -= segment->units * kUnit + kSegmentHeader;
-        rm_freeSeg(segment);
+        returnSegment(segment);
         segment = next;
     }
     record->segments = nullptr;
@@ -129,6 +129,7 @@ void freeSegments(TagRecord* record)
 void forgetTablesOf(Tag tag)
 {
     if (tag == 0) {
+        ems::forgetModules();
         rmutil::forgetLocalEnv();
         rmutil::forgetIniStreams();
         rmsrv::forgetStatistics();

@@ -1,5 +1,7 @@
 // Conveniences, front page.
 //
+//   pools.cpp       elements that are used again instead of being freed
+//   calllog.cpp     allocation calls that say where they were made from
 //   localenv.cpp    settings of this process that override its environment
 //   textstream.cpp  lines of managed files
 //   iniread.cpp     INI files: sections, entries and values
@@ -26,6 +28,27 @@ struct FileStream {
     char buffer[rmutil::kStreamBlock];  // the block
     uint32_t filled;                    // bytes that the last read gave
     bool failed;                        // a read failed, or a write fell short, at any time
+};
+
+namespace rmutil
+{
+
+// --- pools.cpp
+
+// What stands before the bytes of an element.
+struct PoolElement {
+    PoolElement* next;  // on the free list: the next element, or null; in use: itself
+};
+
+}  // namespace rmutil
+
+struct RmPool {
+    rmutil::PoolElement* freeList;  // the element that came back last, or null
+    Tag tag;                        // of the record and of all elements
+    uint32_t maximum;               // as given; never reached, since `count` stays 0
+    uint32_t count;                 // 0
+    SyncHandle lock;                // RM_NONE: not guarded
+    uint32_t timeout;               // milliseconds, for every entry
 };
 
 namespace rmutil

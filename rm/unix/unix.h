@@ -5,6 +5,7 @@
 //   sync.cpp       sync objects: one semaphore set of 20 per process
 //   osfile.cpp     descriptors
 //   osreplace.cpp  what the replacement of a file needs: turns, identity, permissions
+//   osmodule.cpp   shared objects that are loaded while the server runs
 #ifndef RM_UNIX_UNIX_H
 #define RM_UNIX_UNIX_H
 
@@ -100,6 +101,16 @@ void copyPermissions(const char* from, int32_t to);
 
 // Brings the names in a directory to the disk, as bringToDisk does with a file's bytes.
 void bringDirectoryToDisk(const char* path);
+
+// --- osmodule.cpp
+
+using ModuleEntry = void (*)(const char* name);
+
+// A loaded module, under tag 0.
+struct OsModule {
+    void* library;      // the dynamic linker's handle; null once it was unloaded
+    ModuleEntry entry;  // was called once, with the name that was given
+};
 
 }  // namespace os
 
