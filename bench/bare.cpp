@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 
 #include <fcntl.h>
 #include <sys/ipc.h>
@@ -57,6 +58,13 @@ std::string rmbench::Scratch::make(const std::string& name, const std::string& b
     return file;
 }
 
+std::string rmbench::Scratch::copyOfBuilt(const std::string& name)
+{
+    const auto built = std::filesystem::read_symlink("/proc/self/exe").replace_filename(name);
+    std::filesystem::copy_file(built, path(name));
+    return files_.back();
+}
+
 rmbench::BareLock::BareLock() : id_(semget(IPC_PRIVATE, 1, IPC_CREAT | 0600))
 {
     must(id_ != -1, "semget");
@@ -75,6 +83,13 @@ void rmbench::BareLock::enter() const
     signal(SIGALRM, onAlarm);
     alarm(kTimeoutSeconds);
     benchmark::DoNotOptimize(semtimedop(id_, &operation, 1, &limit));
+    alarm(0);
+}
+
+void rmbench::BareLock::enterUntimed() const
+{
+    sembuf operation = {0, -1, 0};
+    benchmark::DoNotOptimize(semop(id_, &operation, 1));
     alarm(0);
 }
 

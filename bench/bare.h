@@ -1,5 +1,4 @@
-// What the bare ways of the file benchmarks share: the lock of the file table made bare, and a
-// directory that goes away.
+// What the bare ways share: a lock made bare, and a directory that goes away.
 #ifndef RM_BENCH_BARE_H
 #define RM_BENCH_BARE_H
 
@@ -28,13 +27,17 @@ class Scratch
     // Makes a file of these bytes.
     std::string make(const std::string& name, const std::string& bytes);
 
+    // Copies a file that was built beside this program.
+    std::string copyOfBuilt(const std::string& name);
+
   private:
     std::string directory_;
     std::vector<std::string> files_;
 };
 
-// The lock of the file table as it is entered and left around every operation: with the alarm, the
-// handler and the bound of a timed wait.
+// A lock as the library's calls enter and leave it, by the same system calls: within 14 seconds, as
+// the file table's around every operation, with the alarm, the handler and the bound of a timed
+// wait; or without limit.
 class BareLock
 {
   public:
@@ -45,6 +48,7 @@ class BareLock
     BareLock& operator=(const BareLock&) = delete;
 
     void enter() const;
+    void enterUntimed() const;
     void leave() const;
 
   private:

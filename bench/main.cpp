@@ -137,6 +137,11 @@ int main(int argc, char** argv)
     rmbench::addLogPairs();
     rmbench::addStreamPairs();
     rmbench::addIniPairs();
+    rmbench::addPoolPairs();
+    rmbench::addReportPairs();
+    rmbench::addBagPairs();
+    rmbench::addDArrayPairs();
+    rmbench::addModulePairs();
 
     std::printf("Running %zu pairs; a few minutes.\n", rmbench::allPairs().size());
     std::fflush(stdout);

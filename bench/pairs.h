@@ -56,6 +56,11 @@ void addMemoryPairs();
 void addLogPairs();
 void addStreamPairs();
 void addIniPairs();
+void addPoolPairs();
+void addReportPairs();
+void addBagPairs();
+void addDArrayPairs();
+void addModulePairs();
 }  // namespace rmbench
 
 #endif

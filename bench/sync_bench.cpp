@@ -1,58 +1,12 @@
 // Sync objects against the same system calls made bare, on a semaphore of the same kind.
+#include "bare.h"
 #include "pairs.h"
 
 #include "rm.h"
 
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
-
-#include <sys/ipc.h>
-#include <sys/sem.h>
-#include <unistd.h>
-
 namespace
 {
 constexpr uint32_t kTimeoutMs = 14000;
-constexpr unsigned kTimeoutSeconds = 14;
-
-void onAlarm(int /*signalNumber*/) {}
-
-// A set of one semaphore with the value 1, for as long as the object lives.
-class BareSemaphore
-{
-  public:
-    BareSemaphore() : id_(semget(IPC_PRIVATE, 1, IPC_CREAT | 0600))
-    {
-        if (id_ == -1) {
-            std::perror("semget");
-            std::exit(1);
-        }
-        operate(1);
-    }
-
-    ~BareSemaphore() { semctl(id_, 0, IPC_RMID); }
-
-    BareSemaphore(const BareSemaphore&) = delete;
-    BareSemaphore& operator=(const BareSemaphore&) = delete;
-
-    void operate(short op) const
-    {
-        sembuf operation = {0, op, 0};
-        benchmark::DoNotOptimize(semop(id_, &operation, 1));
-    }
-
-    void operateWithin(short op, unsigned seconds) const
-    {
-        sembuf operation = {0, op, 0};
-        const timespec limit = {static_cast<time_t>(seconds), 0};
-        benchmark::DoNotOptimize(semtimedop(id_, &operation, 1, &limit));
-    }
-
-  private:
-    int id_;
-};
 
 void untimedOurs(benchmark::State& state)
 {
@@ -66,11 +20,10 @@ void untimedOurs(benchmark::State& state)
 
 void untimedBare(benchmark::State& state)
 {
-    const BareSemaphore semaphore;
+    const rmbench::BareLock lock;
     for (auto _ : state) {
-        semaphore.operate(-1);
-        alarm(0);
-        semaphore.operate(1);
+        lock.enterUntimed();
+        lock.leave();
     }
 }
 
@@ -86,13 +39,10 @@ void timedOurs(benchmark::State& state)
 
 void timedBare(benchmark::State& state)
 {
-    const BareSemaphore semaphore;
+    const rmbench::BareLock lock;
     for (auto _ : state) {
-        signal(SIGALRM, onAlarm);
-        alarm(kTimeoutSeconds);
-        semaphore.operateWithin(-1, kTimeoutSeconds);
-        alarm(0);
-        semaphore.operate(1);
+        lock.enter();
+        lock.leave();
     }
 }
 }  // namespace
