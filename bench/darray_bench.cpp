@@ -4,6 +4,7 @@
 #include "rm.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <random>
 #include <vector>
@@ -54,7 +55,7 @@ class BarePool
             }
             block->freeHead = block->entries[slot].nextFree;
             block->entries[slot].name = name;
-            *data = block->data + slot * dataSize_;
+            *data = block->data + std::ptrdiff_t{slot} * dataSize_;
             return number * perBlock_ + slot;
         }
     }

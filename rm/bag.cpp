@@ -48,15 +48,20 @@ unsigned char* slotAt(const Bag* bag, std::size_t slot)
     return static_cast<unsigned char*>(bag->data) + slot * bag->ctl->elementSize;
 }
 
+// The pointer whose bytes stand at `place`, aligned or not.
+unsigned char* pointerAt(const void* place)
+{
+    void* pointer = nullptr;
+    std::memcpy(&pointer, place, sizeof(pointer));
+    return static_cast<unsigned char*>(pointer);
+}
+
 // What the caller put into the slot: its bytes, or with BAG_POINTERS what the pointer in it leads
 // to. That is null in a slot that was deleted or never used.
 unsigned char* elementAt(const Bag* bag, std::size_t slot)
 {
     unsigned char* element = slotAt(bag, slot);
-    if (has(bag, BAG_POINTERS)) {
-        std::memcpy(&element, element, sizeof(element));
-    }
-    return element;
+    return has(bag, BAG_POINTERS) ? pointerAt(element) : element;
 }
 
 uint16_t bitOf(uint32_t slot)
@@ -244,10 +249,7 @@ int16_t findSlotByGrowing(Bag* bag, void** slot)
 const unsigned char* keyOf(const Bag* bag, const unsigned char* element)
 {
     const unsigned char* key = element + bag->ctl->keyOffset;
-    if (has(bag, BAG_KEY_INDIRECT)) {
-        std::memcpy(&key, key, sizeof(key));
-    }
-    return key;
+    return has(bag, BAG_KEY_INDIRECT) ? pointerAt(key) : key;
 }
 
 // The slot behind the used ones that follow each other from `slot` on, which is looked at whatever

@@ -122,7 +122,7 @@ Entry* darrays::darrayGetEntryPtrEx(const DArray* array, int16_t index, Block** 
 void darrays::darrayMakeNewBlock(DArray* array)
 {
     if (array->blocks == nullptr) {
-        const auto bytes = static_cast<std::size_t>(array->maxBlocks) * sizeof(Block*);
+        const auto bytes = static_cast<std::size_t>(array->maxBlocks) * sizeof(void*);
         array->blocks =
             static_cast<Block**>(rm_getMemory(static_cast<uint32_t>(bytes), array->tag));
     }

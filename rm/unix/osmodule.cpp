@@ -106,9 +106,14 @@ int16_t rm_OSemGetFcnAddr(void* module, const char* function, void** address)
 int16_t rm_OSemUnload(void* module)
 {
     void* library = libraryOf(module);
-    if (library == nullptr || dlclose(library) != 0) {
+    if (library == nullptr) {
         return RM_FULL;
     }
+    // Beforehand: the object's destructors may release the record with its tag.
     static_cast<OsModule*>(module)->library = nullptr;
+    if (dlclose(library) != 0) {
+        static_cast<OsModule*>(module)->library = library;
+        return RM_FULL;
+    }
     return RM_SUCCESS;
 }
