@@ -789,7 +789,8 @@ RM_API void* rm_getFromPool(uint32_t size, RmPool* pool);
  *         the element is still the caller's
  * @fatal never without a lock; with one, syscall
  * @locks the pool's
- * @log "WARNING: attempting to free bad pointer, %p" for a pointer that is no element in use
+ * @log "WARNING: attempting to free bad pointer, %p" for a pointer that is no element in use, or in
+ *      front of which somebody has written
  */
 RM_API int rm_putInPool(void* element, RmPool* pool);
 
