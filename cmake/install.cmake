@@ -21,9 +21,11 @@ file(RELATIVE_PATH pc_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/_rm.pc.in ${PROJECT_BINARY_DIR}/_rm.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/_rm.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-if(TARGET rmini)
-    install(TARGETS rmini RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-    install(FILES tools/rmini/rmini.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-    install(FILES tools/rmini/rmini.bash RENAME rmini
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-endif()
+foreach(tool IN ITEMS rmini rmheap)
+    if(TARGET ${tool})
+        install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+        install(FILES tools/${tool}/${tool}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+        install(FILES tools/${tool}/${tool}.bash RENAME ${tool}
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+    endif()
+endforeach()

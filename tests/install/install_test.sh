@@ -25,7 +25,8 @@ title "install into an empty prefix, then move it"
 mv first prefix
 installed=$(cd prefix && find . -type f | sort)
 for file in include/rm.h _rm.so _rm.a pkgconfig/_rm.pc cmake/_rm/_rm-config.cmake bin/rmini \
-    man/man1/rmini.1 bash-completion/completions/rmini; do
+    man/man1/rmini.1 bash-completion/completions/rmini bin/rmheap man/man1/rmheap.1 \
+    bash-completion/completions/rmheap; do
     grep -q "/$file\$" <<<"$installed" || { echo "not installed: $file"; exit 1; }
 done
 
@@ -43,8 +44,11 @@ title "hosts by find_package"
 works ./consumer/host_shared
 works ./consumer/host_static
 
-title "the tool, with its manual page"
+title "the tools, with their manual pages"
 printf '[server]\nport=1\n' >server.ini
 prefix/bin/rmini set server.ini server port 2
 [ "$(prefix/bin/rmini get server.ini server port)" = 2 ] || { echo "rmini does not work"; exit 1; }
 grep -q '^\.Dt RMINI 1$' "$(find prefix -name rmini.1)"
+printf 'TOTAL :       24/    1 :     8144/    1 :   1\nMEMORY REPORT DONE\n' >report.log
+prefix/bin/rmheap --list report.log | grep -q . || { echo "rmheap does not work"; exit 1; }
+grep -q '^\.Dt RMHEAP 1$' "$(find prefix -name rmheap.1)"
