@@ -2409,7 +2409,8 @@ RM_API int16_t bagDestroy(Bag* bag);
  * initialSlots, a ring does not grow.
  *
  * @param bag the bag
- * @param element elementSize bytes to copy; with ::BAG_POINTERS, what the slot is to point to
+ * @param element elementSize bytes to copy, which may be those of an element of the bag; with
+ *                ::BAG_POINTERS, what the slot is to point to
  * @return 0; ::RM_OUT_OF_MEMORY, with nothing changed, when it would need more than 65535 slots or
  *         may not grow; ::RM_INVALID for a slot map whose map is missing
  * @fatal memory; the bag is as it was

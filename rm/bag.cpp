@@ -36,7 +36,8 @@ constexpr uint32_t kBitsPerWord = 16;
 constexpr uint32_t kBitsPerByte = 8;
 constexpr uint16_t kFirstBit = 0x8000;  // the first slot of a word is its highest bit
 constexpr uint16_t kAllUsed = 0xFFFF;
-constexpr uint16_t kSmallestMap = 4;  // bytes
+constexpr uint16_t kSmallestMap = 4;                                   // bytes
+constexpr uintptr_t kOutside = std::numeric_limits<uintptr_t>::max();  // no place in a data area
 
 bool has(const Bag* bag, uint16_t flag)
 {
@@ -231,6 +232,15 @@ int16_t grow(Bag* bag)
 uint16_t followingInRing(const Bag* bag, uint16_t slot)
 {
     return slot + 1 >= bag->slotCount ? uint16_t{0} : static_cast<uint16_t>(slot + 1);
+}
+
+// Where in the data area the bytes at `element` begin.
+uintptr_t placeInBag(const Bag* bag, const void* element)
+{
+    const uintptr_t place =
+        reinterpret_cast<uintptr_t>(element) - reinterpret_cast<uintptr_t>(bag->data);
+    const std::size_t bytes = std::size_t{bag->slotCount} * bag->ctl->elementSize;
+    return bag->data != nullptr && place < bytes ? place : kOutside;
 }
 
 int16_t findSlotByGrowing(Bag* bag, void** slot)
@@ -463,6 +473,8 @@ int16_t bagAdd(Bag* bag, const void* element)
         ++bag->usedCount;
         return RM_SUCCESS;
     }
+    // An element of the bag itself may be added again: it moves when the bag grows.
+    const uintptr_t place = placeInBag(bag, element);
     void* slot = nullptr;
     const int16_t status = findEmptySlot(bag, &slot);
     if (status != RM_SUCCESS) {
@@ -471,7 +483,8 @@ int16_t bagAdd(Bag* bag, const void* element)
     if (has(bag, BAG_POINTERS)) {
         std::memcpy(slot, &element, sizeof(element));
     } else {
-        copySlot(slot, element, bag->ctl->elementSize);
+        const void* source = place == kOutside ? element : slotAt(bag, 0) + place;
+        copySlot(slot, source, bag->ctl->elementSize);
     }
     ++bag->usedCount;
     if (has(bag, BAG_SLOT_MAP)) {
