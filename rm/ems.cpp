@@ -40,6 +40,10 @@ uint16_t endUdpList = 0;
 
 namespace
 {
+// Registries that went with tag 0, modulo 2^32. Entry points and destructors may let one go and
+// make another: what is kept over a call of theirs is good while this stays the same.
+uint32_t forgotten = 0;
+
 // Enters the modules of one list. `*end` counts on, and stops where the bag took no more.
 template <typename ListEntry>
 int16_t addList(Bag* bag, const ListEntry* list, uint16_t count, uint16_t* end)
@@ -215,6 +219,7 @@ int16_t ems::exmGetFcnAddr(uint16_t handle, const char* function, void** address
 void ems::forgetModules()
 {
     EmBag = nullptr;
+    ++forgotten;
     endEmList = 0;
     endIefList = 0;
     endUdfList = 0;
@@ -258,14 +263,15 @@ int16_t rm_emLoad(const char* path, int16_t* handle)
         return RM_SUCCESS;
     }
     void* osModule = nullptr;
+    const uint32_t before = forgotten;
     const int16_t status = rm_OSemLoad(path, &osModule);
+    if (before != forgotten) {
+        return RM_NOT_FOUND;  // the module has released tag 0, and all of this with it
+    }
     if (status != RM_SUCCESS) {
         rm_freeMemory(name, 0);
         rm_zFreeMemory(&osModule, 0);
         return status;
-    }
-    if (EmBag == nullptr) {
-        return RM_NOT_FOUND;  // the entry point has released tag 0, and all of this with it
     }
     return enterLoaded(name, osModule, handle);
 }
@@ -299,12 +305,13 @@ int16_t rm_emUnload(int16_t handle)
     if (module->osModule == nullptr) {
         return RM_SUCCESS;  // linked in, or known by its functions only
     }
+    const uint32_t before = forgotten;
     const int16_t status = rm_OSemUnload(module->osModule);
     if (status != RM_SUCCESS) {
         return status == RM_FULL ? int16_t{RM_SUCCESS} : status;
     }
     // Looked up again: what the module did when it was closed may have moved the registry.
-    module = recordAt(handle);
+    module = before == forgotten ? recordAt(handle) : nullptr;
     if (module != nullptr) {
         const EmRec gone = *module;
         bagDelete(EmBag);
