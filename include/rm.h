@@ -2545,8 +2545,9 @@ RM_API int16_t bagFind(Bag* bag, const void* key, uint16_t* handle, void** point
  * addressed by an index. The array grows by blocks up to its maximum and **a record never moves**:
  * pointers to it are good for as long as the array exists.
  *
- * Each array has a tag of its own, named "dynamic array tag", with segments of 2048 bytes; the
- * array and everything in it goes with it. The tag's number stands in the memory report only.
+ * Each array has a tag of its own, named "dynamic array tag", with segments of 2048 bytes after the
+ * one of 8192 that holds the name; the array and everything in it goes with it. The tag's number
+ * stands in the memory report only.
  *
  * @par Example
  * @include darrays.c

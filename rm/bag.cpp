@@ -106,11 +106,11 @@ uint32_t nextInMap(const uint16_t* map, uint32_t slot, uint32_t limit)
 // long as they are full: that is most of them in a large bag.
 uint32_t firstHole(const Bag* bag)
 {
-    constexpr uint32_t kStep = 2 * sizeof(uint64_t) / sizeof(uint16_t);
-    const uint32_t words = usedSlotMapBytes(bag->slotCount) / sizeof(uint16_t);
+    constexpr uint32_t kStep = 8;  // words
+    const auto words = static_cast<uint32_t>(usedSlotMapBytes(bag->slotCount) / sizeof(uint16_t));
     uint32_t word = 0;
     while (word + kStep <= words) {
-        uint64_t both[2];
+        uint64_t both[kStep * sizeof(uint16_t) / sizeof(uint64_t)];
         std::memcpy(both, bag->slotMap + word, sizeof(both));
         if ((both[0] & both[1]) != std::numeric_limits<uint64_t>::max()) {
             break;

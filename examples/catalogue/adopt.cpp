@@ -115,8 +115,7 @@ uint32_t compare(const Settings& before, Settings& now)
         if (canChange) {
             ++changes;
         } else {
-            now.number[i] = before.number[i];
-            now.origin[i] = before.origin[i];
+            copyValue(before, now, setting);
         }
     }
     return changes;

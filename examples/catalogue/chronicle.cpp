@@ -72,6 +72,10 @@ void noteStart(const Job& job)
          entry += std::strlen(entry) + 1) {
         note("settings: [ENVIRONMENT] %s", entry);
     }
+    note("formats: %s, from %s", formatNames(job.formats).text, job.formats.directory);
+    if (job.formats.refused[0] != '\0') {
+        note("formats: modules that cannot be used, as said above:%s", job.formats.refused);
+    }
     note("input: %s records of %s bytes", grouped(job.input.records.size()).text,
          grouped(job.input.bytes).text);
 }

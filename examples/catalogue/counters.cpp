@@ -16,8 +16,9 @@ namespace catalogue
 namespace
 {
 constexpr const char* kNames[] = {
-    "lookups",      "updates",    "misses",         "records moved", "growth steps", "file syncs",
-    "bucket locks", "lock waits", "lock time-outs", "reloads",       "warnings",
+    "lookups",    "updates",      "misses",     "records moved",  "growth steps",
+    "file syncs", "bucket locks", "lock waits", "lock time-outs", "sessions",
+    "buffers",    "reloads",      "warnings",
 };
 static_assert(std::size(kNames) == kCounters);
 }  // namespace

@@ -19,6 +19,8 @@ enum Counter : int16_t {
     kLockEnters,    // of the buckets' locks
     kLockWaits,     // enters that found the lock held
     kLockTimeouts,  // seconds after which such a wait looked up
+    kSessions,      // that clients have opened
+    kBuffers,       // taken out of the pool
     kReloads,       // times that new settings were taken
     kWarnings,      // lines of the log that begin so
     kCounters       // how many there are

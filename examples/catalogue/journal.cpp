@@ -14,7 +14,11 @@
 //   - without FILE_FATAL: a log that cannot be written must not end the server.
 // Workers inherit the handle, or open the file in the same way when its path changes in the run.
 //
-// Owns: the name that stands before the lines, the log handle while it is open.
+// A memory report has a line for each block. The library copies every line to standard error, where
+// nobody would read so many; so that leads nowhere while a report is written to the file.
+//
+// Owns: the name that stands before the lines, the log handle while it is open, standard error
+// while a report is written.
 //
 // Locks: a line for the file enters the library's lock of the file table. A worker that was killed
 // may hold it, so the end of a bad run is written with the calls for bare descriptors, which know
@@ -32,6 +36,9 @@
 #include <cstring>
 #include <ctime>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace catalogue
 {
 namespace
@@ -41,6 +48,8 @@ constexpr int16_t kLevelWithFile = 2;
 
 const char* name = "parent";
 char openPath[kPathRoom];  // of the log file, while there is one
+bool begun = false;        // a log file, by this process: another report goes behind the first
+int standardError = -1;    // a copy of it, while it leads nowhere
 
 // The message with the name before it. A format is not passed on: the text may hold a "%".
 void expand(char (&line)[kLineRoom], const char* kind, const char* format, va_list arguments)
@@ -62,6 +71,30 @@ void openFile(const char* path)
     rm_systemLogOpen(path);
     rm_fileClose(sysfile);  // and with its handle the library's use of it
     joinFile(path);
+    begun = true;
+}
+
+// Opens the log file for a report, below the level that has it open anyway.
+void openForReport(const char* path)
+{
+    rm_systemLog(kLevelWithFile);
+    if (begun) {
+        joinFile(path);
+    } else {
+        openFile(path);
+    }
+}
+
+void hushStandardError()
+{
+    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    standardError = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (nowhere >= 0 && standardError >= 0) {
+        dup2(nowhere, STDERR_FILENO);
+    }
+    if (nowhere >= 0) {
+        close(nowhere);
+    }
 }
 
 // The stamp of the library's lines.
@@ -143,6 +176,37 @@ void followJournal(const Settings& before, const Settings& now)
     rm_systemLog(static_cast<int16_t>(now.number[kLogLevel]));
     if (syslogon >= kLevelWithFile && sysfile == RM_NONE && findLogPath(now, path)) {
         joinFile(path);
+    }
+}
+
+void restoreStandardError()
+{
+    if (standardError >= 0) {
+        dup2(standardError, STDERR_FILENO);
+        close(standardError);
+        standardError = -1;
+    }
+}
+
+void reportMemory(const Settings& settings, const char* occasion)
+{
+    char path[kPathRoom];
+    const int16_t level = syslogon;
+    const bool opens =
+        sysfile == RM_NONE && settings.number[kReport] != 0 && findLogPath(settings, path);
+    if (opens) {
+        openForReport(path);
+    }
+    makeWay();
+    if (sysfile != RM_NONE) {
+        hushStandardError();
+    }
+    rm_memReport(RM_REPORT_ALL | RM_REPORT_FREE | RM_REPORT_SUMMARY, 0, "%s of process %d, %s",
+                 name, getpid(), occasion);
+    restoreStandardError();
+    if (opens) {
+        rm_systemLogClose();
+        rm_systemLog(level);
     }
 }
 

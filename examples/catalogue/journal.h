@@ -30,6 +30,14 @@ void changeJournal(const Settings& before, Settings& now);
 // In a worker: follows the parent to its file.
 void followJournal(const Settings& before, const Settings& now);
 
+// Writes what the heap of this process holds into the log file, and nowhere else: the report is
+// long. Below level 2 there is a file for it when the settings ask for reports; without one it goes
+// to standard error.
+void reportMemory(const Settings& settings, const char* occasion);
+
+// At the fatal target: standard error is what it was, wherever a report has been interrupted.
+void restoreStandardError();
+
 // The last line of a run that ended badly. Waits for nothing: a dead worker may hold the lock of
 // the file table. From then on no line reaches the file.
 void closeJournalInHaste(const char* format, ...) RM_PRINTF(1, 2);

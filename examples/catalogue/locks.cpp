@@ -5,7 +5,7 @@
 // whole; what belongs together beyond that is the host's own business.
 //
 // Owns: 16 sync objects, so two buckets of 32 share a lock. A process has 20 objects; fileSem and
-// growSem of the library, which rm_init makes, are two of them.
+// growSem of the library, which rm_init makes, are two of them, and the lock of the buffers is one.
 //
 // Invariant: a process holds at most one of these, and enters it before any lock of the library.
 //

@@ -6,13 +6,14 @@
 //
 // The rule for those frames: a jump runs no destructors. So an object that owns something may live
 //   - in static storage of main, as the input and the run directory do;
-//   - in a frame during which the library is not called, as everywhere in options, records, rundir;
+//   - in a frame during which the library is not called, as everywhere in options, records, rundir
+//     (the format modules, which records calls, call nothing of it either);
 //   - in memory of a tag, if it is plain data.
 // It may not be a local of a function that calls the library, directly or through others.
 //
-// Lifecycle: command line, targets, settings, input, run directory, run. From the targets on every
-// end passes through rm_exit and arrives at the exit target: sync objects and tagged memory are
-// gone then, and what remains to be done is to remove the run directory.
+// Lifecycle: command line, targets, settings, modules, input, run directory, run. From the targets
+// on every end passes through rm_exit and arrives at the exit target: sync objects and tagged
+// memory are gone then, and what remains to be done is to remove the run directory.
 //
 //   main ──> settings, run ──> rm_exit(outcome) ──> exit target ──> remove directory, exit status
 //                 │                  ^
@@ -23,6 +24,7 @@
 // semaphore set and a token file in the current directory; readWithoutLocks keeps it from that.
 #include "adopt.h"
 #include "console.h"
+#include "formats.h"
 #include "journal.h"
 #include "options.h"
 #include "profile.h"
@@ -46,6 +48,7 @@ constexpr int kExitSignal = 128;  // and the signal's number
 
 // Static, and not locals of main: see above. The jumps also leave their values alone there.
 catalogue::Options options;
+catalogue::Formats formats;
 catalogue::Input input;
 catalogue::RunDirectory directory;
 catalogue::Profile profile;
@@ -78,8 +81,12 @@ bool findSettings()
 bool prepare(catalogue::Outcome& outcome)
 {
     using namespace catalogue;
+    outcome = kWrongSettings;
+    if (!loadFormats(settings, formats)) {
+        return false;
+    }
     outcome = kFailed;
-    if (!readInput(options.inputs, input)) {
+    if (!readInput(options.inputs, {formats, settings.format, settings.key}, input)) {
         return false;
     }
     if (options.damageRecord > input.records.size()) {
@@ -105,7 +112,7 @@ catalogue::Outcome work()
     if (!prepare(outcome)) {
         return outcome;
     }
-    return runServer({options, input, directory, profile, settings});
+    return runServer({options, formats, input, directory, profile, settings});
 }
 
 // The run is over and the library torn down.
@@ -150,6 +157,7 @@ int main(int argc, char** argv)
             return finish(kExitFailed);
     }
     if (setjmp(fatalTarget) != 0) {
+        restoreStandardError();
         // Shutdown processing. The library has logged what happened, and has given back the locks
         // that this process held. Nothing here may wait for a lock: a dead worker may hold it.
         stopWorkers();

@@ -27,10 +27,10 @@ constexpr const char* kHelp =
 Loads records into bucket files, lets worker processes look them up and update
 them at the same time, and compares every record with the input at the end.
 
-A file holds records of "Field: value" lines, separated by blank lines; a line
-that begins with white space continues the field before it. The value of a
-record's first field is its name. Without a file, the package database of this
-machine is taken: /var/lib/dpkg/status.
+A file holds records of a format that one of the format modules reads; those
+that come with the program read records of "Field: value" lines (fields), CSV
+with a header (csv) and INI files (ini). Without a file, the package database of
+this machine is taken: /var/lib/dpkg/status.
 
   --dir DIR           make the run directory in DIR
                       (default: $TMPDIR, or the current directory without it)
@@ -51,6 +51,12 @@ $CATPATH names; options win over the file. SIGHUP has the file read again.
   --log-level N       0 only warnings, 1 on standard error, 2 into a file as well
                       (default 0)
   --log FILE          the log file (default catalogue.log)
+  --modules DIR       the format modules (default: modules beside the program)
+  --format NAME       the format of all files (default: each is recognised)
+  --key FIELD         the field that names a record (default: the first one, in
+                      an INI file the header of a section)
+  --report            write a report of the parent's memory into the log file at
+                      the end; SIGUSR1 asks for one at any time
 
 Test aids:
   --kill-worker N     worker N kills itself half-way through an update
@@ -108,8 +114,9 @@ Setting settingOf(std::string_view name)
 
 bool takesValue(std::string_view name, const NumberOption (&numbers)[2])
 {
+    const Setting setting = settingOf(name);
     return name == "--dir" || name == "--config" || name == numbers[0].name ||
-           name == numbers[1].name || settingOf(name) != kSettings;
+           name == numbers[1].name || (setting != kSettings && setting != kReport);
 }
 
 // One of the options that take a value. False after having said what is wrong with it.
@@ -137,7 +144,9 @@ void refuse(std::string_view argument, const NumberOption (&numbers)[2])
 {
     const std::size_t equals = argument.find('=');
     const std::string name(argument.substr(0, equals));
-    if (!takesValue(name, numbers)) {
+    if (settingOf(name) == kReport) {
+        complain("\"%s\": write %s alone", std::string(argument).c_str(), name.c_str());
+    } else if (!takesValue(name, numbers)) {
         complain("\"%s\" is not an option; see catalogue --help", name.c_str());
     } else if (equals == std::string_view::npos) {
         complain("%s lacks its value", name.c_str());
@@ -163,6 +172,10 @@ CommandLine parseOptions(int argc, char** argv, Options& options)
         }
         if (argument == "--print-config") {
             options.printConfig = true;
+            continue;
+        }
+        if (argument == kDefinitions[kReport].option) {
+            options.given[kReport] = "1";
             continue;
         }
         if (!argument.starts_with("--")) {

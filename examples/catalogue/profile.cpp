@@ -339,7 +339,7 @@ bool readSettings(Profile& profile, const char* const (&given)[kSettings], Setti
             takeSetting(fresh, static_cast<Setting>(i), given[i], Origin::kCommandLine);
         }
     }
-    if (problems.count == 0 && fresh.number[kLogLevel] >= 2) {
+    if (problems.count == 0 && (fresh.number[kLogLevel] >= 2 || fresh.number[kReport] != 0)) {
         checkLogPath(fresh, profile, problems);
     }
     if (problems.count != 0) {

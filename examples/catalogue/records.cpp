@@ -1,19 +1,19 @@
-// The input: records of "Field: value" lines.
+// The input: records, as the format modules read them.
 //
-// Why: whatever the catalogue answers later is compared with this, so the text of a record is kept
-// byte for byte, and a file that is not made of records is refused here, with its line, and not
-// noticed later as a strange record.
+// Why: whatever the catalogue answers later is compared with this, so the fields of a record are
+// kept byte for byte, whatever format they came in. A file with a fault is refused here, with the
+// line, and not noticed later as a strange record.
 //
-// Format: a record is a run of lines that are not blank. A line is either "Field: value", or it
-// begins with white space and continues the field before it. The value of the first field names
-// the record. A line of nothing but white space is blank.
+// The modules know the formats; what all formats have in common is here: files are read whole, a
+// format is chosen by its modules' own estimate, names are made unique, sizes are limited.
 //
-// This runs before the library is first used: nothing can jump over these frames, so they own
-// strings and maps as any C++ does. Compare store.cpp, where that is not so.
+// Nothing of the library is called here, and by the modules neither: nothing can jump over these
+// frames, so they own strings and maps as any C++ does. Compare store.cpp, where that is not so.
 #include "records.h"
 
 #include "console.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -30,6 +30,9 @@ constexpr std::size_t kMaxFile = std::size_t{256} << 20;  // bytes; an offset is
 constexpr std::size_t kMaxRecord = std::size_t{1} << 20;  // bytes; every worker buffers one
 constexpr std::size_t kMaxKey = 200;                      // bytes
 constexpr std::size_t kReadChunk = 65536;                 // bytes
+constexpr std::size_t kBodies = std::size_t{4} << 20;     // bytes of bodies that lie together
+constexpr std::size_t kHead = 8192;                       // bytes by which a format is recognised
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
 struct CloseFile {
     void operator()(std::FILE* file) const { std::fclose(file); }
@@ -85,97 +88,93 @@ std::string_view trimmed(std::string_view text)
     return text;
 }
 
-// Length of the field's name, 0 when the line has none. A name is printable and has no blank.
-std::size_t fieldNameLength(std::string_view line)
+// A text from a file, shortened to what fits a message and made printable.
+std::string shownText(std::string_view text)
 {
-    const std::size_t colon = line.find(':');
-    if (colon == std::string_view::npos) {
-        return 0;
-    }
-    for (const char c : line.substr(0, colon)) {
-        if (c <= ' ' || c > '~') {
-            return 0;
-        }
-    }
-    return colon;
-}
-
-// Says what is wrong with `line`, shortened to what fits a message and made printable.
-bool refuse(const Place& place, const char* what, std::string_view line)
-{
-    std::string shown(line.substr(0, 60));
+    std::string shown(text.substr(0, 60));
     for (char& c : shown) {
         c = c < ' ' || c > '~' ? '?' : c;
     }
-    complain(
-        "%s:%zu: %s: \"%s\"\nA record is a run of \"Field: value\" lines; a line that begins with\n"
-        "white space continues a field; a blank line ends the record.",
-        place.path, place.line, what, shown.c_str());
+    return shown;
+}
+
+// Says what is wrong with a line, and what the format would have there.
+bool refuse(const Place& place, const Format* format, const std::string& what,
+            std::string_view shown = {})
+{
+    const std::string quoted = shown.data() == nullptr ? "" : ": \"" + shownText(shown) + "\"";
+    complain("%s:%zu: %s%s%s%s", place.path, place.line, what.c_str(), quoted.c_str(),
+             format == nullptr ? "" : "\n", format == nullptr ? "" : format->advice());
     return false;
 }
 
 // How often each name has been used; a name with its "#2" counts as a name of its own.
 using Keys = std::unordered_map<std::string, unsigned>;
 
-// Collects the lines of the files into records.
+// Collects the fields of the files into records.
 class Collector
 {
   public:
     Collector(Input& input, Keys& keys) : input_(input), keys_(keys) {}
 
-    bool add(const Place& place, std::string_view line)
+    // From here on the fields are those of another file.
+    void enter(const char* path, const Format& format, const FormatReader& reader)
     {
-        if (line.find('\0') != std::string_view::npos) {
-            return refuse(place, "a NUL byte, so this is not a text", line);
-        }
-        if (trimmed(line).empty()) {
-            finish();
-            return true;
-        }
-        if (isSpace(line.front())) {
-            if (body_.empty()) {
-                return refuse(place, "a continuation without a field before it", line);
-            }
-        } else {
-            const std::size_t name = fieldNameLength(line);
-            if (name == 0) {
-                return refuse(place, "neither a field nor a continuation", line);
-            }
-            if (body_.empty() && !begin(place, line, name)) {
+        begin_ = {path, 0};
+        format_ = &format;
+        reader_ = &reader;
+    }
+
+    bool add(const FormatField& field)
+    {
+        const Place place = {begin_.path, field.line};
+        if ((field.flags & FORMAT_NEW_RECORD) != 0) {
+            if (!finish()) {
                 return false;
             }
+            begin_.line = field.line;
         }
-        const char* start = body_.empty() ? line.data() : body_.data();
-        body_ = std::string_view(start, static_cast<std::size_t>(line.end() - start));
+        const std::string_view value(field.value, field.valueLength);
+        body_.append(field.name, field.nameLength).append(1, '\0').append(value).append(1, '\0');
         if (body_.size() > kMaxRecord) {
-            return refuse(place, "the record is longer than 1 MiB", line);
+            return refuse(place, format_, "the record is longer than 1 MiB", value);
         }
+        return (field.flags & FORMAT_KEY) == 0 || takeKey(place, value);
+    }
+
+    // The record in progress, if there is one, has all its fields.
+    bool finish()
+    {
+        if (body_.empty()) {
+            return true;
+        }
+        if (key_.empty()) {
+            return refuse(begin_, format_,
+                          "the record that begins here lacks the field that names it",
+                          reader_->key == nullptr ? std::string_view() : reader_->key);
+        }
+        input_.largest =
+            std::max(input_.largest, static_cast<uint32_t>(key_.size() + body_.size()));
+        input_.bytes += body_.size();
+        const uint64_t hash = hashBytes(key_);
+        input_.records.push_back({std::move(key_), keep(body_), hash});
+        key_.clear();
+        body_.clear();
         return true;
     }
 
-    void finish()
-    {
-        if (body_.empty()) {
-            return;
-        }
-        const auto size = static_cast<uint32_t>(key_.size() + body_.size());
-        input_.largest = std::max(input_.largest, size);
-        input_.bytes += body_.size();
-        const uint64_t hash = hashBytes(key_);
-        input_.records.push_back({std::move(key_), body_, hash});
-        body_ = {};
-    }
-
   private:
-    bool begin(const Place& place, std::string_view line, std::size_t nameLength)
+    bool takeKey(const Place& place, std::string_view value)
     {
-        const std::string name(trimmed(line.substr(nameLength + 1)));
+        const std::string name(trimmed(value.substr(0, value.find('\n'))));
         if (name.empty() || name.size() > kMaxKey) {
-            return refuse(place, "the first field names the record in 1 to 200 bytes", line);
+            return refuse(place, format_,
+                          std::string(reader_->keyText) + " names the record in 1 to 200 bytes",
+                          value);
         }
         for (const char c : name) {
             if ((c >= 0 && c < ' ') || c == 127) {
-                return refuse(place, "a control character in the name of a record", line);
+                return refuse(place, format_, "a control character in the name of a record", value);
             }
         }
         key_ = name;
@@ -189,25 +188,94 @@ class Collector
         return true;
     }
 
+    // Puts a body where it stays. What is there already never moves.
+    std::string_view keep(const std::string& body)
+    {
+        if (input_.bodies.empty() ||
+            input_.bodies.back().capacity() - input_.bodies.back().size() < body.size()) {
+            input_.bodies.emplace_back().reserve(std::max(kBodies, body.size()));
+        }
+        std::string& room = input_.bodies.back();
+        const std::size_t begin = room.size();
+        room.append(body);
+        return std::string_view(room).substr(begin);
+    }
+
     Input& input_;
     Keys& keys_;
-    std::string key_;        // of the record in progress
-    std::string_view body_;  // of the record in progress; empty between records
+    Place begin_ = {nullptr, 0};            // of the record in progress
+    const Format* format_ = nullptr;        // of the file
+    const FormatReader* reader_ = nullptr;  // of the file
+    std::string key_;                       // of the record in progress
+    std::string body_;                      // of the record in progress; empty between records
 };
 
-bool splitFile(const char* path, std::string_view text, Collector& collector)
+// The format that a file is to be read by; null after having said that there is none.
+const Format* chooseFormat(const std::string& path, std::string_view text, const Reading& reading)
 {
-    Place place = {path, 0};
-    while (!text.empty()) {
-        ++place.line;
-        const std::size_t end = std::min(text.find('\n'), text.size());
-        if (!collector.add(place, text.substr(0, end))) {
+    if (reading.format[0] != '\0') {
+        return findFormat(reading.formats, reading.format);
+    }
+    const std::string_view head = text.substr(0, kHead);
+    const Format* best = nullptr;
+    uint32_t most = 0;
+    for (uint32_t i = 0; i < reading.formats.count; ++i) {
+        const Format& format = reading.formats.format[i];
+        const uint32_t score = format.probe(head.data(), head.size(), head.size() == text.size());
+        if (score > most) {
+            most = score;
+            best = &format;
+        }
+    }
+    if (best == nullptr) {
+        complain(
+            "%s: its format is not recognised: it begins like none of %s.\n"
+            "Name the one that it has with --format.",
+            path.c_str(), formatNames(reading.formats).text);
+    }
+    return best;
+}
+
+bool splitFile(const std::string& path, std::string& text, const Reading& reading,
+               Collector& collector, const char*& formatName)
+{
+    if (text.starts_with(kByteOrderMark)) {
+        text.erase(0, kByteOrderMark.size());
+    }
+    if (const std::size_t nul = text.find('\0'); nul != std::string::npos) {
+        const std::size_t begin = text.rfind('\n', nul) + 1;  // 0 in the first line
+        const auto line =
+            static_cast<std::size_t>(std::count(text.data(), text.data() + nul, '\n'));
+        const std::size_t end = std::min(text.find('\n', nul), text.size());
+        return refuse({path.c_str(), line + 1}, nullptr, "a NUL byte, so this is not a text",
+                      std::string_view(text).substr(begin, end - begin));
+    }
+    if (text.find_first_not_of(" \t\r\n\f\v") == std::string::npos) {
+        return true;  // of any format, and empty
+    }
+    const Format* const format = chooseFormat(path, text, reading);
+    if (format == nullptr) {
+        return false;
+    }
+    formatName = format->name;
+    FormatReader reader = {};
+    reader.text = text.data();
+    reader.size = text.size();
+    reader.key = reading.key[0] == '\0' ? nullptr : reading.key;
+    reader.keyText = "";
+    collector.enter(path.c_str(), *format, reader);
+    FormatField field = {};
+    int found = format->begin(&reader);
+    while (found != FORMAT_FAULT && (found = format->next(&reader, &field)) == FORMAT_FIELD) {
+        if (!collector.add(field)) {
             return false;
         }
-        text.remove_prefix(std::min(end + 1, text.size()));
     }
-    collector.finish();
-    return true;
+    if (found == FORMAT_FAULT) {
+        return refuse({path.c_str(), reader.line}, format, reader.fault,
+                      {reader.shown, reader.shownLength});
+    }
+    return collector.finish();
 }
 }  // namespace
 
@@ -220,19 +288,20 @@ uint64_t hashBytes(std::string_view bytes, uint64_t hash)
     return hash;
 }
 
-bool readInput(const std::vector<std::string>& paths, Input& input)
+bool readInput(const std::vector<std::string>& paths, const Reading& reading, Input& input)
 {
     Keys keys;
     Collector collector(input, keys);
     for (const std::string& path : paths) {
-        std::string& text = input.texts.emplace_back();
-        if (!readFile(path, text) || !splitFile(path.c_str(), text, collector)) {
+        std::string text;
+        if (!readFile(path, text) ||
+            !splitFile(path, text, reading, collector, input.formats.emplace_back())) {
             return false;
         }
     }
     if (input.records.empty()) {
-        complain("%s holds no record.\nA record is a run of \"Field: value\" lines.",
-                 paths.front().c_str());
+        complain("%s holds no record.\nFiles of these formats can be read: %s.",
+                 paths.front().c_str(), formatNames(reading.formats).text);
         return false;
     }
     return true;

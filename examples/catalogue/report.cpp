@@ -10,6 +10,7 @@
 #include "console.h"
 #include "store.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace catalogue
@@ -88,7 +89,15 @@ void printRun(const Options& options, const Settings& settings, const Input& inp
     for (const std::string& path : options.inputs) {
         std::printf("  input     %s\n", path.c_str());
     }
-    std::printf("  records   %s of %s bytes\n", grouped(input.records.size()).text,
+    std::printf("  format   ");
+    for (std::size_t i = 0; i < input.formats.size(); ++i) {
+        const char* const* const before = input.formats.data();
+        if (input.formats[i] != nullptr &&
+            std::find(before, before + i, input.formats[i]) == before + i) {
+            std::printf(" %s", input.formats[i]);
+        }
+    }
+    std::printf("\n  records   %s of %s bytes\n", grouped(input.records.size()).text,
                 grouped(input.bytes).text);
     std::printf("  loaded    into %u bucket files of %.1f MiB together, in %.2f s\n",
                 static_cast<uint32_t>(settings.number[kBuckets]), mebibytes(run.bytesLoaded),

@@ -4,7 +4,7 @@
 // every record must look like at the end. It works on the files only while nobody else does, before
 // the fork and after the last worker, so it needs no lock of its own.
 //
-// Owns: the workers' process ids, the board, the signals that have come.
+// Owns: the workers' process ids, the board, the signals that have come, the pool of buffers.
 //
 // Lifecycle: load, close, fork, watch, verify. The handles of the loading are closed before the
 // fork, so that a worker begins with an empty file table and shares no descriptor with anybody.
@@ -12,7 +12,8 @@
 // Signals: all of them stay blocked, and are fetched between two steps: between two records while
 // it loads and verifies, between two looks at the workers. So none interrupts a call of the
 // library, and a SIGHUP, which asks for the settings to be read again, may be answered by calling
-// it. (With a handler the same holds if it sets a flag and nothing else.)
+// it; so may a SIGUSR1, which asks for a report of the memory. (With a handler the same holds if it
+// sets a flag and nothing else.)
 //
 // Locks: a worker that is killed leaves locks behind that nobody gives back, its bucket's and
 // perhaps fileSem or growSem. From that moment on the parent calls nothing that could wait for one:
@@ -24,6 +25,7 @@
 
 #include "adopt.h"
 #include "board.h"
+#include "buffers.h"
 #include "chronicle.h"
 #include "console.h"
 #include "counters.h"
@@ -65,13 +67,14 @@ Worker workers[kMaxWorkers];
 Board* board = nullptr;
 int endSignal = 0;          // that asked for the end of the run
 bool reloadWanted = false;  // SIGHUP has come
+bool reportWanted = false;  // SIGUSR1 has come
 char endReason[200] = "standard error says why";
 
 sigset_t handledSignals()
 {
     sigset_t set;
     sigemptyset(&set);
-    for (const int signalNumber : {SIGCHLD, SIGINT, SIGTERM, SIGHUP}) {
+    for (const int signalNumber : {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGUSR1}) {
         sigaddset(&set, signalNumber);
     }
     return set;
@@ -85,6 +88,8 @@ bool endRequested(milliseconds wait)
     const int signalNumber = sigtimedwait(&set, nullptr, &time);
     if (signalNumber == SIGHUP) {
         reloadWanted = true;
+    } else if (signalNumber == SIGUSR1) {
+        reportWanted = true;
     } else if (signalNumber > 0 && signalNumber != SIGCHLD) {
         endSignal = signalNumber;
     }
@@ -101,6 +106,10 @@ bool goOn(const Job& job, milliseconds wait)
     if (reloadWanted) {
         reloadWanted = false;
         reloadSettings(job.options, job.profile, job.settings, *board);
+    }
+    if (reportWanted) {
+        reportWanted = false;
+        reportMemory(job.settings, "as it was asked for");
     }
     watchDisk();
     return true;
@@ -299,7 +308,7 @@ bool verify(const Job& job, RunFigures& run)
         if (!scanBucket(store, bucket)) {
             return false;
         }
-        found += store.bucket[bucket].records;
+        found += store.bucket[bucket]->records;
     }
     for (uint32_t i = 0; i < total && wrong < kMostMismatches; ++i) {
         if (!goOn(job, milliseconds(0))) {
@@ -310,13 +319,20 @@ bool verify(const Job& job, RunFigures& run)
         if (i + 1 == job.options.damageRecord && readRecord(store, record, stored)) {
             damageRecord(store, stored);
         }
+        // No worker is left, so the lock of the pool is free.
+        char* buffer = nullptr;
+        if (takeBuffer(textsRoom(record), *board, buffer) != Entered::kYes) {
+            return false;
+        }
         if (!readRecord(store, record, stored)) {
             ++wrong;  // said already
-        } else if (const char* what = difference(record, stored, board->updatesOf[i])) {
+        } else if (copyTexts(stored, buffer);
+                   const char* what = difference(record, stored, board->updatesOf[i])) {
             ++wrong;
             complain("\"%s\" in %s, offset %u: %s.", record.key.c_str(), bucketName(stored.bucket),
                      stored.offset, what);
         }
+        returnBuffer(buffer, *board);
         showProgress("verifying", i + 1, total);
     }
     clearProgress();
@@ -328,6 +344,9 @@ bool verify(const Job& job, RunFigures& run)
     }
     run.bytesAtEnd = storeBytes(store);
     noteResources(board->parent, {}, tag, board->tagLimit);
+    if (job.settings.number[kReport] != 0) {
+        reportMemory(job.settings, "before its files are closed");
+    }
     closeStore(store);
     rm_freeTagMemory(tag, 1);
     run.verifySeconds = secondsSince(begin);
@@ -399,6 +418,7 @@ Outcome runServer(const Job& job)
     startLibrary(job.settings, job.profile);
     board->tagLimit = tagLimitFor(job.settings, job.input);
     createLocks();
+    createBuffers();
     if (!job.directory.noteSet()) {
         return badEnd();
     }
@@ -418,6 +438,7 @@ Outcome runServer(const Job& job)
     if (!verify(job, run)) {
         return badEnd();
     }
+    freeBuffers();
     publishCounters(board->parent.counter);
     printSummary(job.options, job.settings, job.input, *board, run);
     noteEnd(*board, secondsSince(start));

@@ -2,6 +2,7 @@
 #ifndef CATALOGUE_SERVER_H
 #define CATALOGUE_SERVER_H
 
+#include "formats.h"
 #include "options.h"
 #include "profile.h"
 #include "records.h"
@@ -18,6 +19,7 @@ enum Outcome : int16_t { kVerified = 1, kFailed = 2, kInterrupted = 3, kWrongSet
 // What the parent works with. All of it stands in static storage of main.
 struct Job {
     const Options& options;
+    const Formats& formats;
     const Input& input;
     RunDirectory& directory;
     Profile& profile;

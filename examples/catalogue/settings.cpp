@@ -43,11 +43,68 @@ const Definition kDefinitions[kSettings] = {
      Change::kNow},
     {"log", "Path", "--log", "catalogue.log",
      "the log file; its predecessor is kept with the extension .bak", 0, 0, false, Change::kNow},
+    {"formats", "Modules", "--modules", "",
+     "directory of the format modules; empty: the directory modules beside the program", 0, 0,
+     false, Change::kRestart},
+    {"formats", "Format", "--format", "",
+     "format of the files, by the name that its module gives it; empty: each is recognised", 0, 0,
+     false, Change::kRestart},
+    {"formats", "Key", "--key", "",
+     "field that names a record; empty: the first one, in an INI file the header", 0, 0, false,
+     Change::kRestart},
+    {"memory", "Report", "--report", "0",
+     "1 writes what the parent's heap holds into the log file at the end of a run", 0, 1, false,
+     Change::kNow},
 };
 
 namespace
 {
 constexpr std::string_view kNone = "none";
+
+// The text of a setting; null for one that is a number.
+template <class AnySettings>
+auto textOf(AnySettings& settings, Setting setting) -> decltype(&settings.logPath[0])
+{
+    switch (setting) {
+        case kLogPath:
+            return settings.logPath;
+        case kModules:
+            return settings.modules;
+        case kFormat:
+            return settings.format;
+        case kKey:
+            return settings.key;
+        default:
+            return nullptr;
+    }
+}
+
+// Bytes of it, terminator included; 0 for one that is a number.
+std::size_t textRoom(Setting setting)
+{
+    switch (setting) {
+        case kLogPath:
+        case kModules:
+            return kPathRoom;
+        case kFormat:
+        case kKey:
+            return kNameRoom;
+        default:
+            return 0;
+    }
+}
+
+bool takeText(Settings& settings, Setting setting, std::string_view text)
+{
+    const bool aFile = setting == kLogPath;
+    if (text.size() >= textRoom(setting) || (aFile && (text.empty() || text.ends_with('/')))) {
+        return false;
+    }
+    char* const room = textOf(settings, setting);
+    std::memset(room, 0, textRoom(setting));
+    text.copy(room, text.size());
+    return true;
+}
 
 struct Unit {
     char letter;
@@ -111,12 +168,10 @@ void setDefaults(Settings& settings)
 bool takeSetting(Settings& settings, Setting setting, std::string_view text, Origin origin)
 {
     const Definition& definition = kDefinitions[setting];
-    if (setting == kLogPath) {
-        if (text.empty() || text.size() >= kPathRoom || text.ends_with('/')) {
+    if (textRoom(setting) != 0) {
+        if (!takeText(settings, setting, text)) {
             return false;
         }
-        std::memset(settings.logPath, 0, kPathRoom);
-        text.copy(settings.logPath, text.size());
     } else if (setting == kMemoryLimit && text == kNone) {
         settings.number[setting] = kNoLimit;
     } else if (definition.bytes) {
@@ -134,9 +189,12 @@ SettingText allowedValues(Setting setting)
 {
     const Definition& definition = kDefinitions[setting];
     SettingText allowed = {};
-    if (setting == kLogPath) {
-        std::snprintf(allowed.text, sizeof(allowed.text), "the path of a file, below %zu bytes",
-                      kPathRoom);
+    if (textRoom(setting) != 0) {
+        std::snprintf(allowed.text, sizeof(allowed.text), "%s, below %zu bytes",
+                      setting == kLogPath   ? "the path of a file"
+                      : setting == kModules ? "the path of a directory, or nothing"
+                                            : "a name, or nothing",
+                      textRoom(setting));
         return allowed;
     }
     std::snprintf(allowed.text, sizeof(allowed.text), "a number%s from %llu to %llu%s%s",
@@ -152,8 +210,8 @@ SettingText valueOf(const Settings& settings, Setting setting)
 {
     SettingText value = {};
     uint64_t number = settings.number[setting];
-    if (setting == kLogPath) {
-        std::memcpy(value.text, settings.logPath, kPathRoom);
+    if (const char* const text = textOf(settings, setting)) {
+        std::snprintf(value.text, sizeof(value.text), "%s", text);
         return value;
     }
     if (setting == kMemoryLimit && number == kNoLimit) {
@@ -177,8 +235,18 @@ SettingText valueOf(const Settings& settings, Setting setting)
 
 bool sameValue(const Settings& a, const Settings& b, Setting setting)
 {
-    return setting == kLogPath ? std::strcmp(a.logPath, b.logPath) == 0
-                               : a.number[setting] == b.number[setting];
+    const char* const text = textOf(a, setting);
+    return text != nullptr ? std::strcmp(text, textOf(b, setting)) == 0
+                           : a.number[setting] == b.number[setting];
+}
+
+void copyValue(const Settings& from, Settings& to, Setting setting)
+{
+    to.number[setting] = from.number[setting];
+    to.origin[setting] = from.origin[setting];
+    if (textRoom(setting) != 0) {
+        std::memcpy(textOf(to, setting), textOf(from, setting), textRoom(setting));
+    }
 }
 
 void printSettings(const Settings& settings, const char* file)

@@ -13,6 +13,7 @@ namespace catalogue
 constexpr uint32_t kMaxWorkers = 16;
 constexpr uint32_t kMaxBuckets = 64;
 constexpr std::size_t kPathRoom = 1024;         // bytes of a path, terminator included
+constexpr std::size_t kNameRoom = 256;          // of the name of a format or of a field, likewise
 constexpr std::size_t kEnvironmentRoom = 2048;  // of all entries of [ENVIRONMENT] together
 
 // Entries of this section are variables: any name, any value.
@@ -33,6 +34,10 @@ enum Setting : uint32_t {
     kProgress,
     kLogLevel,
     kLogPath,
+    kModules,
+    kFormat,
+    kKey,
+    kReport,
     kSettings  // how many there are
 };
 
@@ -48,7 +53,7 @@ enum class Change {
 struct Definition {
     const char* section;
     const char* key;
-    const char* option;   // of the command line; null for none
+    const char* option;   // of the command line; null for none. That of kReport takes no value.
     const char* initial;  // the default, as it would stand in the file
     const char* meaning;
     uint64_t low;
@@ -61,9 +66,12 @@ extern const Definition kDefinitions[kSettings];
 
 // Plain data: it travels over the board, and lies in frames that a fatal error jumps over.
 struct Settings {
-    uint64_t number[kSettings];  // that of kLogPath is not used
+    uint64_t number[kSettings];  // those of the texts are not used
     Origin origin[kSettings];
     char logPath[kPathRoom];             // as it was given
+    char modules[kPathRoom];             // likewise; empty for the directory beside the program
+    char format[kNameRoom];              // empty to have it recognised
+    char key[kNameRoom];                 // empty to leave it to the format
     char environment[kEnvironmentRoom];  // "NAME=value" texts; an empty one ends the row
     uint32_t journal;                    // times that the log file was changed; no setting itself
 };
@@ -90,6 +98,9 @@ SettingText allowedValues(Setting setting);
 SettingText valueOf(const Settings& settings, Setting setting);
 
 bool sameValue(const Settings& a, const Settings& b, Setting setting);
+
+// Makes a setting what it is in `from`.
+void copyValue(const Settings& from, Settings& to, Setting setting);
 
 // A decimal number, and nothing else, within its bounds.
 bool parseNumber(std::string_view text, uint64_t low, uint64_t high, uint64_t& number);

@@ -3,6 +3,9 @@
 // Why: more files than descriptors. By default every process keeps 32 managed files open and the
 // library holds at most 8 descriptors for them; which ones, nobody here knows or asks.
 //
+// The table of what is open is a dynamic array, an entry for each file, by the name of its path.
+// The record of an entry never moves, so the store keeps pointers to them.
+//
 // Format, in the byte order of the machine, since the files die with the run:
 //   FileHead                       at offset 0
 //   SlotHead, key, body, note      one slot after the other up to FileHead::end
@@ -43,6 +46,7 @@ constexpr uint32_t kFileMagic = 0x4B435542;  // "BUCK"
 constexpr uint32_t kSlotMagic = 0x544F4C53;  // "SLOT"
 constexpr uint32_t kGrowIncrement = 16384;   // bytes by which a file is extended
 constexpr uint32_t kAlignment = 8;           // of slots in the file
+constexpr int16_t kFilesAtATime = 16;        // entries by which the table of open files grows
 
 struct FileHead {
     uint32_t magic;
@@ -97,7 +101,8 @@ bool damaged(uint32_t bucket, uint32_t offset, const char* what)
 bool writeAll(const Store& store, uint32_t bucket, uint32_t offset, const void* data,
               uint32_t bytes)
 {
-    const uint32_t written = rm_fileSeekWrite(store.bucket[bucket].file, offset, data, bytes);
+    ++store.bucket[bucket]->writes;
+    const uint32_t written = rm_fileSeekWrite(store.bucket[bucket]->file, offset, data, bytes);
     if (written != bytes) {
         complain(
             "%s, offset %u: wrote %u of %u bytes.\nMake room on the disk, or name another one "
@@ -109,13 +114,14 @@ bool writeAll(const Store& store, uint32_t bucket, uint32_t offset, const void* 
 
 bool readAll(const Store& store, uint32_t bucket, uint32_t offset, void* data, uint32_t bytes)
 {
-    return rm_fileSeekRead(store.bucket[bucket].file, offset, data, bytes) == bytes ||
+    ++store.bucket[bucket]->reads;
+    return rm_fileSeekRead(store.bucket[bucket]->file, offset, data, bytes) == bytes ||
            damaged(bucket, offset, "the file ends within what should be there");
 }
 
 bool writeFileHead(const Store& store, uint32_t bucket)
 {
-    const FileHead head = {kFileMagic, store.bucket[bucket].records, store.bucket[bucket].end, 0};
+    const FileHead head = {kFileMagic, store.bucket[bucket]->records, store.bucket[bucket]->end, 0};
     return writeAll(store, bucket, 0, &head, sizeof(head));
 }
 
@@ -129,8 +135,8 @@ bool readFileHead(Store& store, uint32_t bucket)
     if (head.magic != kFileMagic || head.end < sizeof(FileHead)) {
         return damaged(bucket, 0, "not the head of a bucket");
     }
-    store.bucket[bucket].records = head.records;
-    store.bucket[bucket].end = head.end;
+    store.bucket[bucket]->records = head.records;
+    store.bucket[bucket]->end = head.end;
     return true;
 }
 
@@ -165,6 +171,18 @@ uint32_t sealSlot(Store& store, SlotHead& head)
     return static_cast<uint32_t>(sizeof(head)) + head.capacity;
 }
 
+// Enters a file into the table and opens it. The table keeps the pointer to the path.
+Bucket* openFile(DArray* table, const char* path, uint32_t openFlags)
+{
+    void* record = nullptr;
+    darrayCreateEntry(table, path, &record);
+    auto* const bucket = static_cast<Bucket*>(record);
+    *bucket = {};  // or it would be what its last user has left, or nobody
+    bucket->path = path;
+    bucket->file = rm_fileOpen(path, openFlags, FILE_FATAL, 0, kGrowIncrement);
+    return bucket;
+}
+
 void openFiles(Store& store, int16_t tag, uint32_t largest, uint32_t buckets, uint32_t openFlags)
 {
     std::memset(&store, 0, sizeof(store));
@@ -172,8 +190,9 @@ void openFiles(Store& store, int16_t tag, uint32_t largest, uint32_t buckets, ui
     store.buckets = buckets;
     store.imageSize = static_cast<uint32_t>(sizeof(SlotHead)) + aligned(largest + kNoteRoom);
     store.image = static_cast<char*>(rm_cGetMemory(store.imageSize, tag));
+    store.open = darrayCreate(kMaxBuckets, kFilesAtATime, sizeof(Bucket));
     for (uint32_t i = 0; i < store.buckets; ++i) {
-        store.bucket[i].file = rm_fileOpen(bucketName(i), openFlags, FILE_FATAL, 0, kGrowIncrement);
+        store.bucket[i] = openFile(store.open, bucketName(i), openFlags);
     }
 }
 
@@ -204,7 +223,8 @@ uint32_t bucketOf(uint64_t hash, uint32_t buckets)
 
 const char* bucketName(uint32_t bucket)
 {
-    static char name[sizeof("bucket-00.dat")];
+    static char names[kMaxBuckets][sizeof("bucket-00.dat")];
+    char(&name)[sizeof("bucket-00.dat")] = names[bucket % kMaxBuckets];
     std::snprintf(name, sizeof(name), "bucket-%02u.dat", bucket % kMaxBuckets);
     return name;
 }
@@ -213,14 +233,14 @@ void createStore(Store& store, int16_t tag, uint32_t largest, uint32_t buckets)
 {
     openFiles(store, tag, largest, buckets, RM_O_RDWR | RM_O_CREAT | RM_O_TRUNC);
     for (uint32_t i = 0; i < store.buckets; ++i) {
-        store.bucket[i].end = sizeof(FileHead);
+        store.bucket[i]->end = sizeof(FileHead);
     }
 }
 
 bool appendRecord(Store& store, const Record& record)
 {
     const uint32_t number = bucketOf(record.hash, store.buckets);
-    Bucket& bucket = store.bucket[number];
+    Bucket& bucket = *store.bucket[number];
     SlotHead head = {};
     head.hash = record.hash;
     head.magic = kSlotMagic;
@@ -248,7 +268,7 @@ bool finishStore(Store& store)
             return false;
         }
         // At once: a file that has been parked again by then is not synced.
-        rm_fileSync(store.bucket[i].file);
+        rm_fileSync(store.bucket[i]->file);
         count(kSyncs);
     }
     return true;
@@ -261,7 +281,7 @@ void openStore(Store& store, int16_t tag, uint32_t largest, uint32_t buckets)
 
 bool scanBucket(Store& store, uint32_t number)
 {
-    Bucket& bucket = store.bucket[number];
+    Bucket& bucket = *store.bucket[number];
     if (!readFileHead(store, number)) {
         return false;
     }
@@ -291,7 +311,7 @@ bool scanBucket(Store& store, uint32_t number)
 Found findRecord(Store& store, std::string_view wanted, uint64_t hash, StoredRecord& stored)
 {
     const uint32_t number = bucketOf(hash, store.buckets);
-    Bucket& bucket = store.bucket[number];
+    Bucket& bucket = *store.bucket[number];
     SlotHead head = {};
     uint32_t at = static_cast<uint32_t>(hash) & (bucket.indexSize - 1);
     for (; bucket.index[at].offset != 0; at = (at + 1) & (bucket.indexSize - 1)) {
@@ -336,6 +356,24 @@ bool readRecord(Store& store, const Record& record, StoredRecord& stored)
     return found == Found::kYes;
 }
 
+uint32_t textsRoom(const Record& record)
+{
+    return static_cast<uint32_t>(record.key.size() + record.body.size()) + kNoteRoom;
+}
+
+void copyTexts(StoredRecord& stored, char* buffer)
+{
+    const auto copy = [&buffer](std::string_view text) {
+        text.copy(buffer, text.size());
+        const std::string_view copied(buffer, text.size());
+        buffer += text.size();
+        return copied;
+    };
+    stored.key = copy(stored.key);
+    stored.body = copy(stored.body);
+    stored.note = copy(stored.note);
+}
+
 uint32_t noteText(char (&text)[kNoteRoom], uint32_t version)
 {
     return static_cast<uint32_t>(
@@ -344,7 +382,7 @@ uint32_t noteText(char (&text)[kNoteRoom], uint32_t version)
 
 bool updateRecord(Store& store, const StoredRecord& stored, uint32_t worker, bool dieHalfway)
 {
-    Bucket& bucket = store.bucket[stored.bucket];
+    Bucket& bucket = *store.bucket[stored.bucket];
     char note[kNoteRoom];
     uint32_t length = noteText(note, stored.version + 1);
     length +=
@@ -397,16 +435,32 @@ uint64_t storeBytes(const Store& store)
 {
     uint64_t bytes = 0;
     for (uint32_t i = 0; i < store.buckets; ++i) {
-        bytes += rm_fileLength(store.bucket[i].file);
+        bytes += rm_fileLength(store.bucket[i]->file);
     }
     return bytes;
 }
 
+const Bucket& busiestBucket(const Store& store)
+{
+    const Bucket* busiest = store.bucket[0];
+    for (uint32_t i = 1; i < store.buckets; ++i) {
+        const Bucket* const bucket = store.bucket[i];
+        if (bucket->reads + bucket->writes > busiest->reads + busiest->writes) {
+            busiest = bucket;
+        }
+    }
+    return *busiest;
+}
+
 void closeStore(Store& store)
 {
-    for (uint32_t i = 0; i < store.buckets; ++i) {
-        rm_fileClose(store.bucket[i].file);
+    for (int16_t entry = darrayGetFirstUsedEntry(store.open); entry != RM_NONE;
+         entry = darrayGetFirstUsedEntry(store.open)) {
+        rm_fileClose(static_cast<const Bucket*>(darrayGetEntryPtr(store.open, entry))->file);
+        darrayDeleteEntry(store.open, entry);
     }
+    darrayDestroy(store.open);
+    store.open = nullptr;
 }
 
 }  // namespace catalogue

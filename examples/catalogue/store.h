@@ -5,6 +5,8 @@
 #include "records.h"
 #include "settings.h"
 
+#include "rm.h"
+
 #include <cstdint>
 #include <string_view>
 #include <type_traits>
@@ -21,27 +23,33 @@ struct IndexEntry {
     uint32_t capacity;  // bytes of the slot after its header
 };
 
+// An open bucket file: the record of an entry in the table of them. It stays where it is.
 struct Bucket {
-    int16_t file;  // handle of the managed file
+    const char* path;  // the name of the entry
+    int16_t file;      // handle of the managed file
     uint32_t records;
     uint32_t end;        // offset behind the last slot, as this process last saw it
     IndexEntry* index;   // in the store's tag; null until scanBucket
     uint32_t indexSize;  // a power of two
+    uint32_t reads;      // of slots, by this process
+    uint32_t writes;     // likewise
 };
 
 // One process's view of the files. Plain data: the library's fatal errors jump over the frames
-// that hold it, and its memory goes with its tag.
+// that hold it, and its memory goes with its tags: this one and that of the table.
 struct Store {
-    int16_t tag;         // owns index and image
-    char* image;         // room for any one slot
-    uint32_t imageSize;  // bytes
-    uint32_t buckets;    // how many of the following there are
-    Bucket bucket[kMaxBuckets];
+    int16_t tag;                  // owns index and image
+    char* image;                  // room for any one slot
+    uint32_t imageSize;           // bytes
+    DArray* open;                 // the table of open files
+    uint32_t buckets;             // how many of the following there are
+    Bucket* bucket[kMaxBuckets];  // their records, by number
 };
 
 static_assert(std::is_trivially_destructible_v<Store>);
 
-// A record as it was read; the texts stand in the store's image until the next call.
+// A record as it was read; the texts stand in the store's image until the next call, or in the
+// buffer to which copyTexts has taken them.
 struct StoredRecord {
     uint32_t bucket;
     uint32_t offset;
@@ -61,7 +69,7 @@ enum class Found {
 
 uint32_t bucketOf(uint64_t hash, uint32_t buckets);
 
-// The path of a bucket's file; good until the next call.
+// The path of a bucket's file; good as long as the process runs.
 const char* bucketName(uint32_t bucket);
 
 // All of these call the library: any of them may leave by the fatal target.
@@ -86,6 +94,12 @@ Found findRecord(Store& store, std::string_view wanted, uint64_t hash, StoredRec
 // False after having said what is wrong: the record is not there, or not whole.
 bool readRecord(Store& store, const Record& record, StoredRecord& stored);
 
+// Room that the texts of a record take, and a note that is longer than its present one.
+uint32_t textsRoom(const Record& record);
+
+// Copies the texts out of the image, where the next call writes over them, into a buffer.
+void copyTexts(StoredRecord& stored, char* buffer);
+
 // Writes the record that readRecord has just read, with one version more and a note of the
 // worker who did it. With `dieHalfway` the process kills itself in the middle of the write.
 bool updateRecord(Store& store, const StoredRecord& stored, uint32_t worker, bool dieHalfway);
@@ -100,6 +114,10 @@ void damageRecord(Store& store, const StoredRecord& stored);
 // Bytes of all bucket files.
 uint64_t storeBytes(const Store& store);
 
+// The file that was read and written most.
+const Bucket& busiestBucket(const Store& store);
+
+// Closes every file that is open, and forgets the table of them.
 void closeStore(Store& store);
 
 }  // namespace catalogue
