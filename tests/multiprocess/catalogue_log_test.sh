@@ -31,6 +31,7 @@ LogsIntoItsFileAtLevelTwo() {
     expect_status 0
     expect_log '  parent: start: process '
     expect_log '  parent: settings: \[catalogue\] Buckets=32 Workers=4 Operations=4000 Progress=1000$'
+    expect_log '  parent: formats: csv, fields, ini, from /.*/modules$'
     expect_log '  parent: input: 40 records of [0-9,]+ bytes$'
     expect_log '  parent: loaded 40 records into 32 files, [0-9,]+ bytes, in '
     local i
@@ -160,6 +161,32 @@ AddsUpWhatItsWorkersCounted() {
     [ "$(counted 'file syncs' 2)" = 0 ] || fail "the workers began with the counters of the parent"
 }
 
+CountsABufferForEveryRequestAndEveryVerifiedRecord() {
+    records 40
+    run --operations 4000 "$work/input"
+    expect_status 0
+    [ "$(counted buffers 2)" = 4000 ] || fail "not one for each request"
+    [ "$(counted buffers 1)" = 40 ] || fail "not one for each record"
+}
+
+AccountsForEverySession() {
+    records 40
+    run --operations 4000 --log-level 1 "$work/input"
+    expect_status 0
+    local opened ended evicted left all=0
+    for i in 1 2 3 4; do
+        read -r opened ended evicted left < <(sed -nE \
+            "s/.*  worker $i: sessions: ([0-9,]+) opened, ([0-9,]+) ended, ([0-9,]+) made way while idle, ([0-9]+) were left\$/\1 \2 \3 \4/p" "$work/err" | tr -d ,)
+        [ "$opened" -gt 16 ] || fail "worker $i opened $opened sessions"
+        [ $((opened - ended - evicted)) = "$left" ] || fail "worker $i lost a session"
+        [ "$left" -le 16 ] || fail "worker $i had $left sessions at once"
+        [ "$ended" -gt 0 ] || fail "no client of worker $i has gone"
+        [ "$evicted" -gt 0 ] || fail "no session of worker $i made way"
+        all=$((all + opened))
+    done
+    [ "$(counted sessions 2)" = "$all" ] || fail "$(counted sessions 2) counted, $all logged"
+}
+
 CountsEveryMoveOfARecordOnce() {
     records 40
     CATALOGUE_UPDATE_ONE_IN=1 run --operations 4000 "$work/input"
@@ -209,7 +236,7 @@ LogsTheSameFiguresAsItPrints() {
     expect_status 0
     local name sum
     for name in lookups updates misses 'records moved' 'growth steps' 'file syncs' 'bucket locks' \
-        'lock waits' 'lock time-outs' reloads warnings; do
+        'lock waits' 'lock time-outs' sessions buffers reloads warnings; do
         sum=$(($(counted "$name" 1) + $(counted "$name" 2)))
         grep '  parent: counted: ' "$home/catalogue.log" | tr -d , | grep -qE "(: | )$sum $name( |$)" ||
             fail "the log does not say $sum $name"
@@ -230,7 +257,7 @@ HasNoDestructorsWhereTheLibraryMayJump() {
         found=$((found + 1))
         ! readelf -SW "$object" | grep -q gcc_except_table || fail "${object##*/} has a destructor to run"
     done
-    [ "$found" -eq 11 ] || fail "not the objects of eleven sources: $found"
+    [ "$found" -eq 14 ] || fail "not the objects of fourteen sources: $found"
 }
 
 run_case

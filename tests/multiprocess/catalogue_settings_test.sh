@@ -145,12 +145,13 @@ TakesTheExampleFile() {
 PrintsSettingsThatItReadsBack() {
     printf '[ENVIRONMENT]\nCATALOGUE_UPDATE_ONE_IN=9\nOther=a=b c\n\n[server]\nFileCommit=0\n' | settings
     print --workers 5 --operations 77 --buckets 6 --handle-limit 20 --memory-limit 3M \
-        --free-space 1025 --progress 250 --log-level 1 --log other.log
+        --free-space 1025 --progress 250 --log-level 1 --log other.log --modules "$shipped" \
+        --format csv --key Name --report
     cp "$work/out" "$work/first"
     settings <"$work/first"
     print
     diff <(grep -v '^;' "$work/first") <(grep -v '^;' "$work/out") || fail "not the same"
-    [ "$(grep -c ', from the file$' "$work/out")" = 10 ] || fail "not every setting was read"
+    [ "$(grep -c ', from the file$' "$work/out")" = 14 ] || fail "not every setting was read"
     expect_out '^MemoryLimit=3M$'
     expect_out '^Other=a=b c$'
 }
@@ -649,16 +650,29 @@ TakesAVariableThatHasGoneFromTheEnvironmentOfTheProcess() {
 
 # demo <argument...>: ./run demo of a copy that has nothing to build.
 demo() {
-    mkdir -p "$work/tree/build/release/examples/catalogue" "$work/bin"
+    local tree=$work/tree/build/release tool
+    mkdir -p "$tree/examples/catalogue" "$tree/tools/rmheap" "$work/bin"
     cp "$sources/run" "$work/tree"
-    ln -sf "$catalogue" "$work/tree/build/release/examples/catalogue/catalogue"
-    local tool
+    ln -sf "$catalogue" "$tree/examples/catalogue/catalogue"
+    # In place of the tool: a map of as many bytes as there are reports.
+    # shellcheck disable=SC2016
+    printf '%s\n' '#!/bin/bash' 'echo "a table of $*"' \
+        'grep "MEMORY REPORT DONE" "$2" >"${1#--svg=}"' >"$tree/tools/rmheap/rmheap"
+    chmod +x "$tree/tools/rmheap/rmheap"
     for tool in cmake apt-get dpkg-query; do
         printf '#!/bin/sh\necho installed\n' >"$work/bin/$tool"
         chmod +x "$work/bin/$tool"
     done
     status=0
     PATH=$work/bin:$PATH "$work/tree/run" demo "$@" >"$work/out" 2>"$work/err" || status=$?
+}
+
+# expect_map <log>: it was drawn from that log, and is what the demonstration ends with.
+expect_map() {
+    local map=$work/tree/build/demo/heap.svg
+    expect_out "^a table of --svg=$map $1\$"
+    [ "$(tail -n 1 "$work/out")" = "==> Map of that heap: $map" ] || fail "it does not end with the map"
+    [ "$(wc -l <"$map")" = 1 ] || fail "there is no map of one report"
 }
 
 DemonstratesOnDefaultsWithoutAFile() {
@@ -670,7 +684,38 @@ DemonstratesOnDefaultsWithoutAFile() {
     expect_out "^==> Running the catalogue server: catalogue --operations 100 --dir $runs $home/input$"
     expect_out '^Every record matches'
     [ "$(ls -A "$home")" = input ] || fail "it left something"
+    expect_map "$work/tree/build/demo/catalogue.log"
+    expect_no_err
     expect_nothing_left
+    # Again, with what the first has left there.
+    demo --operations 100 --dir "$runs" input
+    expect_status 0
+    expect_map "$work/tree/build/demo/catalogue.log"
+}
+
+DrawsNoMapWhereTheServerDoesNotServe() {
+    printf 'no record\n' >"$home/input"
+    local arguments
+    for arguments in --help --print-config '--workers 0' input; do
+        # shellcheck disable=SC2086
+        demo $arguments
+        ! grep -q 'a table\|Map' "$work/out" || fail "a map with $arguments"
+    done
+    expect_status 1
+    expect_err '^catalogue: /.*/input: its format is not recognised'
+    [ "$(ls -A "$home")" = input ] || fail "it left something"
+}
+
+LeavesALogOfTheCallerAlone() {
+    records 10
+    cp "$work/input" "$home"
+    printf 'mine\n' >"$home/catalogue.log"
+    printf '[catalogue]\nOperations=100\n[log]\nPath=catalogue.log\n' | settings
+    demo input
+    expect_status 0
+    expect_map "$work/tree/build/demo/catalogue.log"
+    [ "$(cat "$home/catalogue.log")" = mine ] || fail "the log was written"
+    [ ! -e "$home/catalogue.bak" ] || fail "the log was moved"
 }
 
 DemonstratesWithTheFileOfTheCaller() {
@@ -683,6 +728,7 @@ DemonstratesWithTheFileOfTheCaller() {
     expect_out '^  worker 2 '
     ! grep -q '^  worker 3 ' "$work/out" || fail "a third worker"
     expect_log "parent: settings: read from $home/corvane\\.ini$"
+    expect_map "$home/catalogue.log"
 }
 
 run_case

@@ -15,6 +15,10 @@ case_name=$2
     count_syncs=${4:+$(realpath "$4")}
     sources=${5:+$(realpath "$5")}
     objects=("${@:6}")
+    shipped=$(dirname "$catalogue")/modules
+    odd_module=${CATALOGUE_ODD_MODULE-}
+    unresolved_module=${CATALOGUE_UNRESOLVED_MODULE-}
+    rmheap=${CATALOGUE_RMHEAP-}
 }
 
 work=$(mktemp -d)

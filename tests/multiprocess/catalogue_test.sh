@@ -330,7 +330,7 @@ GivesUpALockWhoseHolderDoesNotAnswer() {
     done
     finish
     expect_status 1
-    expect_err '^catalogue: the lock "buckets [0-9]+" was not free within 10 s'
+    expect_err '^catalogue: the lock "(buckets [0-9]+|buffers)" was not free within 10 s'
     expect_err '^catalogue: worker [12] ended with status 10; '
     expect_nothing_left
 }
