@@ -28,7 +28,7 @@ constexpr uint32_t kSmallest = rmalloc::unitsFor(sizeof(PoolElement));  // units
 
 void* dataOf(PoolElement* element)
 {
-    return element + 1;
+    return reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(element) + sizeof(PoolElement));
 }
 
 // As a number first: what a caller puts back may be anything.
@@ -37,14 +37,20 @@ PoolElement* elementOf(void* data)
     return reinterpret_cast<PoolElement*>(reinterpret_cast<uintptr_t>(data) - sizeof(PoolElement));
 }
 
+// The segment of an element: a live block of the pool's tag, large enough for its link. Null.
+rmalloc::Segment* segmentOf(const RmPool* pool, PoolElement* element)
+{
+    rmalloc::Segment* segment = rmalloc::segmentOfLiveBlock(element, pool->tag);
+    return segment != nullptr && rmalloc::headerOf(element)->units >= kSmallest ? segment : nullptr;
+}
+
 // True for an element that a caller holds. One that lies on a free list, of whichever pool, leads
 // elsewhere; so does one whose holder has written in front of it, which is not used again. A mark
 // may also have survived in memory that went back with its tag and came again.
 bool isHeld(const RmPool* pool, PoolElement* element)
 {
-    rmalloc::Segment* segment = rmalloc::segmentOfLiveBlock(element, pool->tag);
-    return segment != nullptr && rmalloc::headerOf(element)->units >= kSmallest &&
-           element->next == element &&
+    rmalloc::Segment* segment = segmentOf(pool, element);
+    return segment != nullptr && element->next == element &&
            !rmalloc::liesInFreeSpace(segment, rmalloc::headerOf(element));
 }
 
@@ -60,16 +66,17 @@ void leave(const RmPool* pool)
     }
 }
 
-// Null, and the list given up, when the first free element is no block any more: a caller has
-// written in front of an element that it no longer held. `*bad` is for the warning, which is
-// written when the lock has been left: writing a line may not come back.
+// Null, and the list given up, when the first free element is no block any more, or one that
+// somebody holds: a caller has written in front of an element, or freed one, that it no longer
+// held. `*bad` is for the warning, which is written when the lock has been left: writing a line may
+// not come back.
 PoolElement* takeFirst(RmPool* pool, PoolElement** bad)
 {
     PoolElement* element = pool->freeList;
     if (element == nullptr) {
         return nullptr;
     }
-    if (rmalloc::segmentOfLiveBlock(element, pool->tag) == nullptr) {
+    if (segmentOf(pool, element) == nullptr || element->next == element) {
         pool->freeList = nullptr;
         *bad = element;
         return nullptr;
@@ -150,7 +157,9 @@ int rm_putInPool(void* element, RmPool* pool)
         pool->freeList = given;
     }
     leave(pool);
-    warn(held ? nullptr : given);
+    if (!held) {
+        rmalloc::warnBadPointer(element);
+    }
     return RM_SUCCESS;
 }
 

@@ -81,6 +81,9 @@ int64_t usualFailure(Call call)
         case Call::kLocaltimeR:
         case Call::kGetMemory:
         case Call::kAllocBlock:
+        case Call::kDlopen:
+        case Call::kDlsym:
+        case Call::kDlerror:
         case Call::kFree:
         case Call::kAlarm:
         case Call::kSleep:
@@ -300,6 +303,10 @@ RM_WRAP(kChmod, int, chmod, (const char* path, mode_t mode), ("chmod", path, mod
 RM_WRAP(kChown, int, chown, (const char* path, uid_t owner, gid_t group), ("chown", path, owner, group));
 RM_WRAP(kFchmod, int, fchmod, (int fd, mode_t mode), ("fchmod", fd, mode));
 RM_WRAP(kFchown, int, fchown, (int fd, uid_t owner, gid_t group), ("fchown", fd, owner, group));
+RM_WRAP(kDlopen, void*, dlopen, (const char* path, int mode), ("dlopen", path, mode));
+RM_WRAP(kDlsym, void*, dlsym, (void* object, const char* name), ("dlsym", object, name));
+RM_WRAP(kDlclose, int, dlclose, (void* object), ("dlclose", object));
+RM_WRAP(kDlerror, char*, dlerror, (), ("dlerror"));
 // clang-format on
 
 RM_WRAP(kGetMemory, void*, rm_getMemory, (uint32_t size, int16_t tag), ("rm_getMemory", size, tag));

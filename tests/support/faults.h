@@ -81,6 +81,10 @@ enum class Call : uint8_t {
     kChown,
     kFchmod,
     kFchown,
+    kDlopen,
+    kDlsym,
+    kDlclose,
+    kDlerror,
     kGetMemory,   // rm_getMemory, as files outside the memory manager call it
     kAllocBlock,  // rmalloc::allocBlock, as other files of the library call it
     kCallCount    // not a call, their number
