@@ -15,9 +15,9 @@ constexpr int kPerBlock = 64;
 constexpr int kDataSize = 64;  // bytes
 constexpr std::size_t kDraws = 4096;
 
-// The same by hand, as a module of the host and without checks: blocks of entries and records that
-// stay where they are, the free entries of a block in a list. Its shape is given when it is made,
-// as an array's is.
+// The same by hand, as a module of the host, with the same answers to wrong calls: blocks of
+// entries and records that stay where they are, the free entries of a block in a list. Its shape is
+// given when it is made, as an array's is.
 class BarePool
 {
   public:
@@ -54,6 +54,9 @@ class BarePool
                 continue;
             }
             block->freeHead = block->entries[slot].nextFree;
+            if (block->entries[slot].name != nullptr) {
+                std::abort();
+            }
             block->entries[slot].name = name;
             *data = block->data + std::ptrdiff_t{slot} * dataSize_;
             return number * perBlock_ + slot;
@@ -64,6 +67,9 @@ class BarePool
     {
         const int number = index / perBlock_;
         const int slot = index % perBlock_;
+        if (index < 0 || number >= static_cast<int>(blocks_.size())) {
+            return;
+        }
         Block* block = blocks_[static_cast<std::size_t>(number)];
         block->entries[slot] = {nullptr, block->freeHead};
         block->freeHead = slot;

@@ -5,16 +5,33 @@
 #include "rm.h"
 
 #include <cstdlib>
+#include <vector>
 
 namespace
 {
 constexpr uint32_t kMost = 100;
 
-template <bool kLocked>
+// A tag with `holes` free blocks between live ones.
+int16_t makeTag(std::size_t holes)
+{
+    constexpr uint32_t kBlock = 16;
+    const int16_t tag = rm_allocTag(nullptr, RM_NO_LIMIT);
+    rm_setTagAlloc(1U << 20U, tag);
+    std::vector<void*> blocks(2 * holes);
+    for (void*& block : blocks) {
+        block = rm_getMemory(kBlock, tag);
+    }
+    for (std::size_t i = 0; i < blocks.size(); i += 2) {
+        rm_freeMemory(blocks[i], tag);
+    }
+    return tag;
+}
+
+template <bool kLocked, std::size_t kHoles = 0>
 void pool(benchmark::State& state)
 {
     const auto size = static_cast<uint32_t>(state.range(0));
-    const int16_t tag = rm_allocTag(nullptr, RM_NO_LIMIT);
+    const int16_t tag = makeTag(kHoles);
     RmPool* pool = rm_allocPool(kMost, tag, kLocked ? "bench pool" : nullptr, RM_WAIT_FOREVER);
     for (auto _ : state) {
         void* element = rm_getFromPool(size, pool);
@@ -53,6 +70,8 @@ void rmbench::addPoolPairs()
         addPair("pool: get, put " + std::to_string(size), "malloc, free", 1.5, pool<false>,
                 allocate, size);
     }
+    addPair("pool: get, put 512, 5000 holes", "malloc, free", 1.5, pool<false, 5000>, allocate,
+            512);
     addPair("pool: get, put 512, locked", "semop alarm semop, twice", 1.2, pool<true>, bareLock,
             512);
 }

@@ -2263,13 +2263,14 @@ RM_API void rm_getEmList(uint16_t* emCount, const EmListEntry** emList, uint16_t
  * @param path the module's path without the ".so" of its object
  * @param[out] handle the module, 0 up; **what is above 32767 is negative**. Touched only on
  *                    success.
- * @return 0; ::RM_NOT_FOUND when it cannot be loaded, see rm_OSemLoad(); ::RM_OUT_OF_MEMORY when
- *         the registry is full: the object stays loaded then
+ * @return 0; ::RM_NOT_FOUND when it cannot be loaded, see rm_OSemLoad(), and when its own code has
+ *         released tag 0, the registry with it; ::RM_OUT_OF_MEMORY when the registry is full: the
+ *         object stays loaded then
  * @fatal memory; whatever the module's entry point ends. **If that had registered a function, the
  *        module is in the registry then**: loading it again gives its handle, and finds only what
  *        it had registered.
  * @memory the registry's, under tag 0. A module that registers functions leaves some of it behind
- *         with every unload: 112 bytes for up to 3 functions.
+ *         with every unload: 96 bytes for up to 3 functions, and a copy of its name.
  * @log as rm_OSemLoad(); as rm_getMemory()
  */
 RM_API int16_t rm_emLoad(const char* path, int16_t* handle);

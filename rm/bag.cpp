@@ -32,43 +32,10 @@ namespace
 {
 constexpr uint16_t kKeyKindMask = 0x007F;
 constexpr uint32_t kMostSlots = std::numeric_limits<uint16_t>::max();
-constexpr uint32_t kBitsPerWord = 16;
 constexpr uint32_t kBitsPerByte = 8;
-constexpr uint16_t kFirstBit = 0x8000;  // the first slot of a word is its highest bit
 constexpr uint16_t kAllUsed = 0xFFFF;
 constexpr uint16_t kSmallestMap = 4;                                   // bytes
 constexpr uintptr_t kOutside = std::numeric_limits<uintptr_t>::max();  // no place in a data area
-
-bool has(const Bag* bag, uint16_t flag)
-{
-    return (bag->ctl->flags & flag) != 0;
-}
-
-unsigned char* slotAt(const Bag* bag, std::size_t slot)
-{
-    return static_cast<unsigned char*>(bag->data) + slot * bag->ctl->elementSize;
-}
-
-// The pointer whose bytes stand at `place`, aligned or not.
-unsigned char* pointerAt(const void* place)
-{
-    void* pointer = nullptr;
-    std::memcpy(&pointer, place, sizeof(pointer));
-    return static_cast<unsigned char*>(pointer);
-}
-
-// What the caller put into the slot: its bytes, or with BAG_POINTERS what the pointer in it leads
-// to. That is null in a slot that was deleted or never used.
-unsigned char* elementAt(const Bag* bag, std::size_t slot)
-{
-    unsigned char* element = slotAt(bag, slot);
-    return has(bag, BAG_POINTERS) ? pointerAt(element) : element;
-}
-
-uint16_t bitOf(uint32_t slot)
-{
-    return static_cast<uint16_t>(kFirstBit >> (slot % kBitsPerWord));
-}
 
 void zeroSlot(Bag* bag, std::size_t slot)
 {
@@ -106,16 +73,16 @@ uint32_t nextInMap(const uint16_t* map, uint32_t slot, uint32_t limit)
 // long as they are full: that is most of them in a large bag.
 uint32_t firstHole(const Bag* bag)
 {
-    constexpr uint32_t kStep = 8;  // words
+    constexpr uint32_t kStride = 8;  // words
     const auto words = static_cast<uint32_t>(usedSlotMapBytes(bag->slotCount) / sizeof(uint16_t));
     uint32_t word = 0;
-    while (word + kStep <= words) {
-        uint64_t both[kStep * sizeof(uint16_t) / sizeof(uint64_t)];
+    while (word + kStride <= words) {
+        uint64_t both[kStride * sizeof(uint16_t) / sizeof(uint64_t)];
         std::memcpy(both, bag->slotMap + word, sizeof(both));
         if ((both[0] & both[1]) != std::numeric_limits<uint64_t>::max()) {
             break;
         }
-        word += kStep;
+        word += kStride;
     }
     while (word < words && bag->slotMap[word] == kAllUsed) {
         ++word;
@@ -143,25 +110,28 @@ int32_t nextUsed(const Bag* bag, const uint16_t* map, int32_t slot, int32_t limi
     return static_cast<int32_t>(nextInMap(map, place, static_cast<uint32_t>(limit)));
 }
 
-// Most elements are small, and a call to copy one would take longer than the copy.
-void copySlot(void* to, const void* from, std::size_t size)
+// Copies kHalf to twice as many bytes, in two halves that overlap as far as they have to.
+template <std::size_t kHalf>
+void copyHalves(unsigned char* to, const void* from, std::size_t size)
 {
-    struct Half {
-        uint64_t words[4];
-    };
+    const std::size_t rest = size - kHalf;
+    std::memcpy(to, from, kHalf);
+    std::memcpy(to + rest, static_cast<const unsigned char*>(from) + rest, kHalf);
+}
 
-    if (size < sizeof(Half) || size > 2 * sizeof(Half)) {
-        std::memcpy(to, from, size);
-        return;
+constexpr std::size_t kSmallestCopied = 8;  // bytes that copyShort can copy
+constexpr std::size_t kLargestCopied = 64;
+
+// Most elements are short, and a call to copy them would take longer than the copy.
+void copyShort(unsigned char* to, const void* from, std::size_t size)
+{
+    if (size >= kLargestCopied / 2) {
+        copyHalves<kLargestCopied / 2>(to, from, size);
+    } else if (size >= 2 * kSmallestCopied) {
+        copyHalves<2 * kSmallestCopied>(to, from, size);
+    } else {
+        copyHalves<kSmallestCopied>(to, from, size);
     }
-    // Two halves, which overlap unless the size is the largest.
-    const std::size_t rest = size - sizeof(Half);
-    Half first;
-    Half last;
-    std::memcpy(&first, from, sizeof(Half));
-    std::memcpy(&last, static_cast<const unsigned char*>(from) + rest, sizeof(Half));
-    std::memcpy(to, &first, sizeof(Half));
-    std::memcpy(static_cast<unsigned char*>(to) + rest, &last, sizeof(Half));
 }
 
 // Makes the elements behind the oldest ones of a wrapped ring follow what was added.
@@ -329,6 +299,45 @@ bool scanForKey(Bag* bag, uint16_t kind, const void* key)
         return std::memcmp(key, candidate, length) == 0;
     });
 }
+
+// Every way to add but the short one in bagAdd, which a call of this would make longer.
+[[gnu::noinline]] int16_t addAnywhere(Bag* bag, const void* element)
+{
+    // An element of the bag itself may be added again: it moves when the bag grows.
+    const uintptr_t place = placeInBag(bag, element);
+    void* slot = nullptr;
+    const int16_t status = findEmptySlot(bag, &slot);
+    if (status != RM_SUCCESS) {
+        return status;
+    }
+    if (has(bag, BAG_POINTERS)) {
+        std::memcpy(slot, &element, sizeof(element));
+    } else {
+        const void* source = place == kOutside ? element : slotAt(bag, 0) + place;
+        std::memcpy(slot, source, bag->ctl->elementSize);
+    }
+    ++bag->usedCount;
+    if (has(bag, BAG_SLOT_MAP)) {
+        markSlotUsed(bag, bag->curSlot, 1);
+    }
+    return RM_SUCCESS;
+}
+
+// The last element moves into the hole, so that the elements stay together.
+void deleteCompact(Bag* bag)
+{
+    --bag->usedCount;
+    if (bag->curSlot < bag->usedCount) {
+        std::memcpy(slotAt(bag, bag->curSlot), slotAt(bag, bag->usedCount), bag->ctl->elementSize);
+        if (!has(bag, BAG_POINTERS)) {
+            // Deliberate: there is no map here, so this logs a line and does nothing. Deletions
+            // that renumber an element are followed in the log by it.
+            markSlotUsed(bag, bag->curSlot, 0);
+        }
+        zeroSlot(bag, bag->usedCount);
+    }
+    bag->curSlot = RM_NO_SLOT;
+}
 }  // namespace
 
 uint16_t bags::usedSlotMapBytes(uint16_t slotCount)
@@ -338,31 +347,20 @@ uint16_t bags::usedSlotMapBytes(uint16_t slotCount)
     return static_cast<uint16_t>(atLeast + atLeast % sizeof(uint16_t));
 }
 
+int16_t bags::missingMap()
+{
+    rm_systemLogWrite("markSlotUsed failed");
+    return RM_INVALID;
+}
+
 int16_t bags::markSlotUsed(Bag* bag, uint16_t slot, uint16_t used)
 {
     if (bag->slotMap == nullptr) {
-        rm_systemLogWrite("markSlotUsed failed");
-        return RM_INVALID;
+        return missingMap();
     }
     uint16_t* word = &bag->slotMap[slot / kBitsPerWord];
     *word = static_cast<uint16_t>(used != 0 ? *word | bitOf(slot) : *word & ~bitOf(slot));
     return RM_SUCCESS;
-}
-
-int16_t bags::isSlotUsed(const Bag* bag, uint16_t slot)
-{
-    if (!has(bag, BAG_SLOT_MAP)) {
-        return slot < bag->usedCount ? 1 : 0;
-    }
-    if (bag->slotMap == nullptr) {
-        // Deliberate: the text of markSlotUsed, by which this fault has always been known.
-        rm_systemLogWrite("markSlotUsed failed");
-        return RM_INVALID;
-    }
-    if (slot >= bag->slotCount) {
-        return 0;
-    }
-    return (bag->slotMap[slot / kBitsPerWord] & bitOf(slot)) != 0 ? 1 : 0;
 }
 
 int16_t bags::findEmptySlot(Bag* bag, void** slot)
@@ -388,16 +386,6 @@ int16_t bags::findEmptySlot(Bag* bag, void** slot)
     }
     *slot = slotAt(bag, bag->usedCount);
     return RM_SUCCESS;
-}
-
-void* bags::goTo(Bag* bag, uint16_t handle)
-{
-    if (isSlotUsed(bag, handle) == 0 || handle >= bag->slotCount) {
-        bag->curSlot = RM_NO_SLOT;
-        return nullptr;
-    }
-    bag->curSlot = handle;
-    return elementAt(bag, handle);
 }
 
 uint32_t bags::checkBag(const Bag* bag)
@@ -467,50 +455,16 @@ int16_t bagDestroy(Bag* bag)
 
 int16_t bagAdd(Bag* bag, const void* element)
 {
-    // The short way for a compact bag of copies that has room.
-    if (!has(bag, BAG_SLOT_MAP | BAG_RING | BAG_POINTERS) && bag->usedCount < bag->slotCount) {
-        copySlot(slotAt(bag, bag->usedCount), element, bag->ctl->elementSize);
+    // The short way, without a call: a compact bag with room for a short copy.
+    const std::size_t size = bag->ctl->elementSize;
+    if (!has(bag, BAG_SLOT_MAP | BAG_RING | BAG_POINTERS) && bag->usedCount < bag->slotCount &&
+        size >= kSmallestCopied && size <= kLargestCopied) {
+        copyShort(slotAt(bag, bag->usedCount), element, size);
         ++bag->usedCount;
         return RM_SUCCESS;
     }
-    // An element of the bag itself may be added again: it moves when the bag grows.
-    const uintptr_t place = placeInBag(bag, element);
-    void* slot = nullptr;
-    const int16_t status = findEmptySlot(bag, &slot);
-    if (status != RM_SUCCESS) {
-        return status;
-    }
-    if (has(bag, BAG_POINTERS)) {
-        std::memcpy(slot, &element, sizeof(element));
-    } else {
-        const void* source = place == kOutside ? element : slotAt(bag, 0) + place;
-        copySlot(slot, source, bag->ctl->elementSize);
-    }
-    ++bag->usedCount;
-    if (has(bag, BAG_SLOT_MAP)) {
-        markSlotUsed(bag, bag->curSlot, 1);
-    }
-    return RM_SUCCESS;
+    return addAnywhere(bag, element);
 }
-
-namespace
-{
-// The last element moves into the hole, so that the elements stay together.
-void deleteCompact(Bag* bag)
-{
-    --bag->usedCount;
-    if (bag->curSlot < bag->usedCount) {
-        std::memcpy(slotAt(bag, bag->curSlot), slotAt(bag, bag->usedCount), bag->ctl->elementSize);
-        if (!has(bag, BAG_POINTERS)) {
-            // Deliberate: there is no map here, so this logs a line and does nothing. Deletions
-            // that renumber an element are followed in the log by it.
-            markSlotUsed(bag, bag->curSlot, 0);
-        }
-        zeroSlot(bag, bag->usedCount);
-    }
-    bag->curSlot = RM_NO_SLOT;
-}
-}  // namespace
 
 int16_t bagDelete(Bag* bag)
 {

@@ -68,15 +68,21 @@ void store(void** where, void* value)
     }
 }
 
-// Takes the first free entry of a block, below which all are full, out of its list. kNoSlot when it
-// is full too. That is looked at before the critical section is entered, and again inside: somebody
-// else may have been there.
+// The lowest block with a free entry; the number of blocks when there is none.
+int32_t blockWithRoom(const DArray* array)
+{
+    int32_t number = array->firstWithRoom;
+    while (number < array->blockCount && array->blocks[number]->freeHead == kNoSlot) {
+        ++number;
+    }
+    return number;
+}
+
+// Takes the first free entry of a block, below which all are full, out of its list. kNoSlot when
+// somebody else was quicker.
 int16_t takeFree(DArray* array, int32_t number)
 {
     Block* block = array->blocks[number];
-    if (block->freeHead == kNoSlot) {
-        return kNoSlot;
-    }
     rm_enterCritSec(kSection);
     const int16_t slot = block->freeHead;
     if (slot != kNoSlot) {
@@ -200,23 +206,23 @@ void darrayDestroy(DArray* array)
 
 int16_t darrayCreateEntry(DArray* array, const char* name, void** data)
 {
-    for (int32_t number = array->firstWithRoom;;) {
+    for (;;) {
+        const int32_t number = blockWithRoom(array);
         if (number == array->blockCount) {
             if (array->maxBlocks <= number) {
                 return RM_NONE;
             }
             rm_enterCritSec(kSection);
-            if (number == array->blockCount) {  // else somebody else was quicker
+            if (number == array->blockCount) {  // else somebody else has made one
                 darrayMakeNewBlock(array);
             }
             rm_exitCritSec(kSection);
         }
-        Block* block = array->blocks[number];
         const int16_t slot = takeFree(array, number);
         if (slot == kNoSlot) {
-            ++number;
             continue;
         }
+        Block* block = array->blocks[number];
         if (block->entries[slot].name != nullptr) {
             rm_systemLogWrite("Corruption in dynamic arrays");
             rm_errorExit();

@@ -17,6 +17,7 @@
 #include "rm/ems.h"
 
 #include "rm/bag.h"
+#include "rm/rmalloc/rmalloc.h"
 
 #include <cstring>
 
@@ -40,11 +41,8 @@ uint16_t endUdpList = 0;
 
 namespace
 {
-// Registries that went with tag 0, modulo 2^32. Entry points and destructors may let one go and
-// make another: what is kept over a call of theirs is good while this stays the same.
-uint32_t forgotten = 0;
-
-// Enters the modules of one list. `*end` counts on, and stops where the bag took no more.
+// Enters the modules of one list. `*end` moves on when the whole list is in; else the records added
+// so far stay and belong to no list.
 template <typename ListEntry>
 int16_t addList(Bag* bag, const ListEntry* list, uint16_t count, uint16_t* end)
 {
@@ -111,17 +109,16 @@ bool isNamed(const char* function, const char* name)
 // have missed before the module was loaded. RM_NOT_FOUND.
 int16_t findLoadable(const char* name, uint16_t* handle, EmRec** module)
 {
-    void* found = nullptr;
-    int16_t status = bagFind(EmBag, name, handle, &found);
-    while (status == RM_SUCCESS && *handle < endUdpList) {
-        do {
-            status = bagNext(EmBag);
-        } while (status == RM_SUCCESS && bagGetCurPtr(EmBag, &found) == RM_SUCCESS &&
-                 !isNamed(static_cast<EmRec*>(found)->name, name));
-        bagGetCurHandle(EmBag, handle);
+    EmBag->curSlot = static_cast<uint16_t>(endUdpList - 1);  // with no linked-in ones: nowhere
+    while (*name != '\0' && bagNext(EmBag) == RM_SUCCESS) {
+        void* found = nullptr;
+        bagGetCurPtr(EmBag, &found);
+        *module = static_cast<EmRec*>(found);
+        if (isNamed((*module)->name, name)) {
+            return bagGetCurHandle(EmBag, handle);
+        }
     }
-    *module = static_cast<EmRec*>(found);
-    return status == RM_SUCCESS ? RM_SUCCESS : RM_NOT_FOUND;
+    return RM_NOT_FOUND;
 }
 
 // Enters a module that was just loaded, or gives the object to the one that entered itself.
@@ -219,12 +216,30 @@ int16_t ems::exmGetFcnAddr(uint16_t handle, const char* function, void** address
 void ems::forgetModules()
 {
     EmBag = nullptr;
-    ++forgotten;
     endEmList = 0;
     endIefList = 0;
     endUdfList = 0;
     endUdpList = 0;
 }
+
+namespace
+{
+// What needs no dynamic linker: a linked-in module's own names, and registered functions.
+[[gnu::noinline]] bool findKnown(const EmRec& module, uint16_t handle, const char* function,
+                                 void** address)
+{
+    if (module.osModule == nullptr && exmGetFcnAddr(handle, function, address) == RM_SUCCESS) {
+        return true;
+    }
+    void* registered = nullptr;
+    if (module.fcnBag == nullptr ||
+        bagFind(module.fcnBag, function, nullptr, &registered) != RM_SUCCESS) {
+        return false;
+    }
+    *address = static_cast<EmFcnRec*>(registered)->addr;
+    return true;
+}
+}  // namespace
 
 int16_t rm_emInit()
 {
@@ -255,17 +270,16 @@ int16_t rm_emLoad(const char* path, int16_t* handle)
     }
     char* name = nameFrom(path);
     uint16_t slot = 0;
-    // Deliberate: asked twice. The second time is for ports where another thread may have loaded
-    // the module while this one waited.
+    // Deliberate: asked twice. The second lookup changes nothing.
     if (exmFind(name, &slot) == RM_SUCCESS || bagFind(EmBag, name, &slot, nullptr) == RM_SUCCESS) {
         rm_freeMemory(name, 0);
         *handle = static_cast<int16_t>(slot);
         return RM_SUCCESS;
     }
     void* osModule = nullptr;
-    const uint32_t before = forgotten;
+    const uint32_t before = rmalloc::tagZeroReleases;
     const int16_t status = rm_OSemLoad(path, &osModule);
-    if (before != forgotten) {
+    if (before != rmalloc::tagZeroReleases) {
         return RM_NOT_FOUND;  // the module has released tag 0, and all of this with it
     }
     if (status != RM_SUCCESS) {
@@ -282,14 +296,8 @@ int16_t rm_emGetFcnAddr(int16_t handle, const char* function, void** address)
     if (module == nullptr) {
         return RM_UNKNOWN_MODULE;
     }
-    if (module->osModule == nullptr &&
-        exmGetFcnAddr(static_cast<uint16_t>(handle), function, address) == RM_SUCCESS) {
-        return RM_SUCCESS;
-    }
-    void* registered = nullptr;
-    if (module->fcnBag != nullptr &&
-        bagFind(module->fcnBag, function, nullptr, &registered) == RM_SUCCESS) {
-        *address = static_cast<EmFcnRec*>(registered)->addr;
+    const bool onlyExports = module->osModule != nullptr && module->fcnBag == nullptr;
+    if (!onlyExports && findKnown(*module, static_cast<uint16_t>(handle), function, address)) {
         return RM_SUCCESS;
     }
     return rm_OSemGetFcnAddr(module->osModule, function, address) == RM_SUCCESS ? RM_SUCCESS
@@ -305,13 +313,13 @@ int16_t rm_emUnload(int16_t handle)
     if (module->osModule == nullptr) {
         return RM_SUCCESS;  // linked in, or known by its functions only
     }
-    const uint32_t before = forgotten;
+    const uint32_t before = rmalloc::tagZeroReleases;
     const int16_t status = rm_OSemUnload(module->osModule);
     if (status != RM_SUCCESS) {
         return status == RM_FULL ? int16_t{RM_SUCCESS} : status;
     }
     // Looked up again: what the module did when it was closed may have moved the registry.
-    module = before == forgotten ? recordAt(handle) : nullptr;
+    module = before == rmalloc::tagZeroReleases ? recordAt(handle) : nullptr;
     if (module != nullptr) {
         const EmRec gone = *module;
         bagDelete(EmBag);

@@ -6,16 +6,10 @@
 //
 // Owns: a tag, and in it the pool and every buffer.
 //
-// Locks: one sync object, like the locks of the buckets, made before the fork. What it is worth has
-// to be said plainly. The memory of a tag belongs to its process: a worker has the parent's pool as
-// it was at the fork, empty, and from then on a list of its own. So the lock guards nothing that
-// two processes share, and pools without one (a null name) would be right here too, at no cost.
-// What it costs is two enters and two exits for each request, on one semaphore for all workers: a
-// quarter of the processor time of a request. What it gives is this: that the calls are those of a
-// pool which several do share, be it that the elements come to lie in memory that is common, or
-// that a process gets threads; and that a host is seen to deal with what such a pool brings with
-// it, a null pointer and a 1 when the lock is not free in time, and a holder that does not come
-// back. Whoever copies this for processes like these passes null for the name.
+// Locks: one sync object, like the locks of the buckets, made before the fork. It would guard a
+// pool that lies in common memory, or that threads share. Between processes like these it guards
+// nothing: a worker has the parent's pool as it was at the fork, empty, and from then on a list of
+// its own. In a server of your own of such processes, pass null for the name.
 //
 // Invariant: nobody holds a bucket's lock while he waits for the pool's, or the other way round.
 //

@@ -22,6 +22,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include <dirent.h>
@@ -61,9 +62,10 @@ bool findDirectory(const Settings& settings, char (&path)[kPathRoom])
                    RM_SUCCESS ||
                noDirectory(settings.modules, ENAMETOOLONG);
     }
+    // What fills the room may have been cut.
     const ssize_t length = readlink("/proc/self/exe", path, kPathRoom);
-    if (length < 0) {
-        return noDirectory("beside the program", errno);
+    if (length < 0 || length == ssize_t{kPathRoom}) {
+        return noDirectory("beside the program", length < 0 ? errno : ENAMETOOLONG);
     }
     std::string_view program(path, static_cast<std::size_t>(length));
     program.remove_suffix(program.size() - std::min(program.rfind('/'), program.size()));
@@ -80,33 +82,47 @@ void refuseFile(Formats& formats, const char* file)
     std::snprintf(formats.refused + length, sizeof(formats.refused) - length, " %s", file);
 }
 
-// Finds the files, in the order of their names. The directory is closed again before anything of
-// the library is called.
+int isModule(const dirent* entry)
+{
+    const std::string_view name = entry->d_name;
+    return !name.starts_with('.') && name.ends_with(kExtension) ? 1 : 0;
+}
+
+int byName(const dirent** a, const dirent** b)
+{
+    return std::strcmp((*a)->d_name, (*b)->d_name);
+}
+
+// Enters a file by its name without ".so", while there is room for it.
+void takeFile(Formats& formats, Files& files, const char* file)
+{
+    std::string_view name = file;
+    name.remove_suffix(kExtension.size());
+    if (name.size() < kModuleNameRoom && files.count < kMostFiles) {
+        name.copy(files.name[files.count++], name.size());
+        return;
+    }
+    complain("the module %s in %s is not used: %s.", file, formats.directory,
+             files.count == kMostFiles ? "there are more than 64 files"
+                                       : "its name is longer than 97 bytes");
+    refuseFile(formats, file);
+}
+
+// Finds the files, in the order of their names: of too many the first ones are used, whatever the
+// order in which the directory has them. The list is freed before anything of the library is
+// called.
 bool listFiles(Formats& formats, Files& files)
 {
-    DIR* const directory = opendir(formats.directory);
-    if (directory == nullptr) {
+    dirent** list = nullptr;
+    const int found = scandir(formats.directory, &list, isModule, byName);
+    if (found < 0) {
         return noDirectory(formats.directory, errno);
     }
-    while (const dirent* entry = readdir(directory)) {
-        std::string_view name = entry->d_name;
-        if (name.starts_with('.') || !name.ends_with(kExtension)) {
-            continue;
-        }
-        name.remove_suffix(kExtension.size());
-        if (name.size() >= kModuleNameRoom || files.count == kMostFiles) {
-            complain("the module %s in %s is not used: %s.", entry->d_name, formats.directory,
-                     files.count == kMostFiles ? "there are more than 64 files"
-                                               : "its name is longer than 97 bytes");
-            refuseFile(formats, entry->d_name);
-            continue;
-        }
-        name.copy(files.name[files.count++], name.size());
+    for (int i = 0; i < found; ++i) {
+        takeFile(formats, files, list[i]->d_name);
+        std::free(list[i]);
     }
-    closedir(directory);
-    qsort(files.name, files.count, sizeof(files.name[0]), [](const void* a, const void* b) {
-        return std::strcmp(static_cast<const char*>(a), static_cast<const char*>(b));
-    });
+    std::free(list);
     return true;
 }
 
@@ -212,8 +228,15 @@ bool loadFormats(const Settings& settings, Formats& formats)
         return false;
     }
     const int back = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (back < 0 || chdir(formats.directory) != 0) {
-        return noDirectory(formats.directory, errno);
+    if (back < 0) {
+        complain("cannot open the directory of the start, to come back to it: %s",
+                 std::strerror(errno));
+        return false;
+    }
+    if (chdir(formats.directory) != 0) {
+        const int error = errno;
+        close(back);
+        return noDirectory(formats.directory, error);
     }
     for (uint32_t i = 0; i < files.count; ++i) {
         loadFile(files.name[i], formats);

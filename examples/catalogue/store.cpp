@@ -75,10 +75,10 @@ constexpr uint32_t aligned(uint32_t bytes)
     return (bytes + kAlignment - 1) / kAlignment * kAlignment;
 }
 
-// Bytes of a slot's texts.
-uint32_t textLength(const SlotHead& head)
+// Bytes of a slot's texts. What a damaged head says may be more than 32 bits hold.
+uint64_t textLength(const SlotHead& head)
 {
-    return head.keyLength + head.bodyLength + head.noteLength;
+    return uint64_t{head.keyLength} + head.bodyLength + head.noteLength;
 }
 
 uint64_t checksumOf(const SlotHead& head, const char* texts)
@@ -132,7 +132,8 @@ bool readFileHead(Store& store, uint32_t bucket)
     if (!readAll(store, bucket, 0, &head, sizeof(head))) {
         return false;
     }
-    if (head.magic != kFileMagic || head.end < sizeof(FileHead)) {
+    if (head.magic != kFileMagic || head.end < sizeof(FileHead) ||
+        head.records > (head.end - sizeof(FileHead)) / sizeof(SlotHead)) {
         return damaged(bucket, 0, "not the head of a bucket");
     }
     store.bucket[bucket]->records = head.records;
@@ -140,13 +141,21 @@ bool readFileHead(Store& store, uint32_t bucket)
     return true;
 }
 
+// Whether a slot of this capacity has room in the image. It comes from the disk: nothing is
+// calculated with it before this.
+bool fitsImage(const Store& store, uint32_t bucket, uint32_t offset, uint32_t capacity)
+{
+    return capacity <= store.imageSize - sizeof(SlotHead) ||
+           damaged(bucket, offset, "a slot larger than any record");
+}
+
 // Reads a slot into the image. False unless it is one, and whole.
 bool readSlot(Store& store, uint32_t bucket, const IndexEntry& where, SlotHead& head)
 {
-    const uint32_t bytes = static_cast<uint32_t>(sizeof(head)) + where.capacity;
-    if (bytes > store.imageSize) {
-        return damaged(bucket, where.offset, "a slot larger than any record");
+    if (!fitsImage(store, bucket, where.offset, where.capacity)) {
+        return false;
     }
+    const uint32_t bytes = static_cast<uint32_t>(sizeof(head)) + where.capacity;
     if (!readAll(store, bucket, where.offset, store.image, bytes)) {
         return false;
     }
@@ -247,7 +256,7 @@ bool appendRecord(Store& store, const Record& record)
     head.keyLength = static_cast<uint32_t>(record.key.size());
     head.bodyLength = static_cast<uint32_t>(record.body.size());
     head.version = 1;
-    head.capacity = aligned(textLength(head));
+    head.capacity = aligned(static_cast<uint32_t>(textLength(head)));
     char* const texts = store.image + sizeof(head);
     record.key.copy(texts, record.key.size());
     record.body.copy(texts + record.key.size(), record.body.size());
@@ -297,13 +306,20 @@ bool scanBucket(Store& store, uint32_t number)
         if (head.magic != kSlotMagic) {
             return damaged(number, offset, "not a slot");
         }
+        if (!fitsImage(store, number, offset, head.capacity)) {
+            return false;
+        }
+        const uint32_t bytes = static_cast<uint32_t>(sizeof(head)) + head.capacity;
+        if (bytes > bucket.end - offset) {
+            return damaged(number, offset, "a slot that goes on behind the last one's end");
+        }
         if (head.movedTo == 0) {
             if (++found > bucket.records) {
                 break;
             }
             addToIndex(bucket, {head.hash, offset, head.capacity});
         }
-        offset += static_cast<uint32_t>(sizeof(head)) + head.capacity;
+        offset += bytes;
     }
     return found == bucket.records || damaged(number, 0, "not as many records as its head says");
 }
@@ -353,7 +369,12 @@ bool readRecord(Store& store, const Record& record, StoredRecord& stored)
         complain("%s: the record \"%s\" is not there.",
                  bucketName(bucketOf(record.hash, store.buckets)), record.key.c_str());
     }
-    return found == Found::kYes;
+    if (found != Found::kYes) {
+        return false;
+    }
+    // Room for the texts is made by the input. Even a slot that is whole could have more of them.
+    return (stored.body.size() <= record.body.size() && stored.note.size() <= kNoteRoom) ||
+           damaged(stored.bucket, stored.offset, "a record longer than it was stored");
 }
 
 uint32_t textsRoom(const Record& record)

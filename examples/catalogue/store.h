@@ -97,7 +97,8 @@ bool readRecord(Store& store, const Record& record, StoredRecord& stored);
 // Room that the texts of a record take, and a note that is longer than its present one.
 uint32_t textsRoom(const Record& record);
 
-// Copies the texts out of the image, where the next call writes over them, into a buffer.
+// Copies the texts out of the image, where the next call writes over them, into a buffer with the
+// room that the record needs. Of what readRecord has found they are never more.
 void copyTexts(StoredRecord& stored, char* buffer);
 
 // Writes the record that readRecord has just read, with one version more and a note of the

@@ -6,8 +6,8 @@
 // once. Between two requests is the place where a worker takes over new settings.
 //
 // Owns: one tag with a limit, in which its indexes and its buffer live; its own handles of the
-// bucket files, opened after the fork. An inherited descriptor would share its offset with the
-// parent and with the other workers; its sessions; its list of the buffers that it has given back.
+// bucket files, opened after the fork; its sessions; its list of the buffers that it has given
+// back. An inherited descriptor would share its offset with the parent and with the other workers.
 //
 // Lifecycle: every end is an _exit. A fatal error of the library arrives in the target registered
 // here: the parent's, which was inherited, would tear down what the other workers stand on.

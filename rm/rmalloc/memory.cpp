@@ -18,18 +18,6 @@ using namespace rmalloc;
 
 namespace
 {
-// False when there is no live block, or its units lead out of the segment.
-bool isLive(const Segment* segment, const BlockHeader* header)
-{
-    return header->word1 == kLiveMagic && header->units > 0 &&
-           header->units <= segment->units - offsetOf(segment, header) + 1;
-}
-
-bool isAligned(const void* pointer)
-{
-    return reinterpret_cast<uintptr_t>(pointer) % kUnit == 0;
-}
-
 // The header of the block at `pointer`, or null with a warning when that is no live block. The
 // pointer is looked up among the segments of all tags before anything is read through it: its
 // segment may have gone long ago.
@@ -82,20 +70,6 @@ void* resizeByMoving(Tag tag, BlockHeader* header, uint32_t newSize)
     return block;
 }
 }  // namespace
-
-Segment* rmalloc::segmentOfLiveBlock(void* pointer, Tag tag)
-{
-    if (tag < 0 || tag >= nTags || !isAligned(pointer)) {
-        return nullptr;
-    }
-    const BlockHeader* header = headerOf(pointer);
-    Segment* segment = tagTable[tag].segments;
-    if (segment == nullptr || !holds(segment, header)) {
-        Segment* previous = nullptr;
-        segment = findInTag(&tagTable[tag], header, &previous);
-    }
-    return segment != nullptr && isLive(segment, header) ? segment : nullptr;
-}
 
 void* rm_getMemory(uint32_t size, int16_t tag)
 {

@@ -48,8 +48,6 @@ struct Place {
     uint32_t returned;  // segmentsReturned when the segment was last known to be there
 };
 
-constexpr int16_t kSingleTag = RM_REPORT_TAG;
-
 bool isSet(int16_t flags, int16_t flag)
 {
     return (flags & flag) != 0;
@@ -312,8 +310,8 @@ void rm_memReport(int16_t flags, int16_t tag, const char* titleFormat, ...)
     if (report.summary) {
         reportWrite(&report, "       allocated/blocks     freed/blocks  segs");
     }
+    const bool single = isSet(flags, RM_REPORT_TAG);
     for (int32_t index = 0; index < nTags; ++index) {
-        const bool single = isSet(flags, kSingleTag);
         const Tag current = single ? tag : static_cast<Tag>(index);
         // Deliberate: of a free record nothing is said. A report of a single tag then looks at the
         // same record again, as often as there are records.

@@ -8,7 +8,8 @@
 //   report.cpp    the memory report: what each tag holds, and where its counts are wrong
 //
 // Layers go downward only: report, memory -> tags, segments -> search. search.cpp can be replaced
-// by anything that gives the same answers; nothing else walks segments to find something.
+// by anything that gives the same answers; nothing else walks segments to find something, but the
+// report, which asks whether a segment is still there.
 #ifndef RM_RMALLOC_RMALLOC_H
 #define RM_RMALLOC_RMALLOC_H
 
@@ -61,6 +62,7 @@ struct TagRecord {
     uint32_t allocated;    // bytes in live blocks, headers included
     uint32_t segmentSize;  // bytes, smallest segment that the tag asks for
     int16_t state;         // TagState
+    uint16_t epoch;        // another one whenever the tag's memory goes as a whole
     char* name;            // a copy inside the tag itself, or null
 };
 
@@ -72,6 +74,10 @@ extern uint32_t memused;     // bytes got for the table and for all segments
 // Segments given back since the process began, modulo 2^32. Whoever keeps a segment's address over
 // a call that may free looks here whether it can still be trusted.
 extern uint32_t segmentsReturned;
+
+// Times that the memory of tag 0 went as a whole, modulo 2^32. The library keeps records in it:
+// whoever runs foreign code, which may let it go, compares before and after.
+extern uint32_t tagZeroReleases;
 
 // --- tags.cpp
 
@@ -148,12 +154,6 @@ uint32_t spanWithNeighbours(Segment* segment, BlockHeader* header);
 void* rebuildAtLowEnd(Segment* segment, BlockHeader* before, BlockHeader* holder,
                       BlockHeader* oldHeader, uint32_t need, uint32_t keepBytes);
 
-// --- memory.cpp
-
-// The segment of the tag in which `pointer` looks like a live block; null. Reads nothing outside of
-// it, so the pointer may be anything. What looks like a block may be an old header in free space.
-Segment* segmentOfLiveBlock(void* pointer, Tag tag);
-
 // --- search.cpp
 
 // True when the header lies in the segment's data area. Addresses are compared as numbers: the two
@@ -176,6 +176,35 @@ Fit firstFit(TagRecord* record, uint32_t need);
 
 // The segment of `record` whose data area holds `header`, and the one before it in the chain.
 Segment* findInTag(TagRecord* record, const BlockHeader* header, Segment** previousSegment);
+
+inline bool isAligned(const void* pointer)
+{
+    return reinterpret_cast<uintptr_t>(pointer) % kUnit == 0;
+}
+
+// False when the header in the segment is no live block's, or its units lead out of the segment.
+inline bool isLive(const Segment* segment, const BlockHeader* header)
+{
+    return header->word1 == kLiveMagic && header->units > 0 &&
+           header->units <= segment->units - offsetOf(segment, header) + 1;
+}
+
+// The segment of the tag in which `pointer` looks like a live block; null. Reads nothing outside of
+// it, so the pointer may be anything. What looks like a block may be an old header in free space.
+// Inline, with a short way for a tag of one segment: pools ask it of every element.
+inline Segment* segmentOfLiveBlock(void* pointer, Tag tag)
+{
+    if (tag < 0 || tag >= nTags || !isAligned(pointer)) {
+        return nullptr;
+    }
+    const BlockHeader* header = headerOf(pointer);
+    Segment* segment = tagTable[tag].segments;
+    if (segment == nullptr || !holds(segment, header)) {
+        Segment* previous = nullptr;
+        segment = findInTag(&tagTable[tag], header, &previous);
+    }
+    return segment != nullptr && isLive(segment, header) ? segment : nullptr;
+}
 
 // The tag among whose segments `header` lies, asked first for `likely`; -1 when there is none.
 // Reads nothing at `header`.

@@ -33,6 +33,7 @@ TagRecord* tagTable = nullptr;
 int16_t nTags = 0;
 int16_t tagTabSize = 0;
 uint32_t memused = 0;
+uint32_t tagZeroReleases = 0;
 }  // namespace rmalloc
 
 using namespace rmalloc;
@@ -41,6 +42,9 @@ namespace
 {
 // No record from 1 up to here is free: where the search for one begins. Start value 1.
 int16_t lowestFree = 1;
+
+// The epoch that was given out last, to whichever tag, in whichever table.
+uint16_t lastEpoch = 0;
 
 constexpr uint32_t tableBytes(int16_t records)
 {
@@ -122,6 +126,7 @@ void freeSegments(TagRecord* record)
     record->segments = nullptr;
     record->allocated = 0;
     record->name = nullptr;
+    record->epoch = ++lastEpoch;
 }
 
 // The library keeps tables in tagged memory. Before a tag's memory goes, the table that lives in it
@@ -129,6 +134,7 @@ void freeSegments(TagRecord* record)
 void forgetTablesOf(Tag tag)
 {
     if (tag == 0) {
+        ++tagZeroReleases;
         ems::forgetModules();
         rmutil::forgetLocalEnv();
         rmutil::forgetIniStreams();
@@ -164,6 +170,7 @@ void rmalloc::newTagTable()
     table[0].state = kTagInUse;
     table[0].limit = RM_NO_LIMIT;
     table[0].segmentSize = kTagZeroSegmentSize;
+    table[0].epoch = ++lastEpoch;
     tagTable = table;
     tagTabSize = kTableStep;
     memused += tableBytes(kTableStep);
@@ -185,6 +192,7 @@ int16_t rm_allocTag(jmp_buf env, uint32_t limit)
     record->segmentSize = kDefaultSegmentSize;
     record->name = nullptr;
     record->limit = limit;
+    record->epoch = ++lastEpoch;
     rm_exitCritSec(0);
     return tag;
 }

@@ -6,8 +6,8 @@
 // Owns: nothing of its own. A pool is a record in the tag that its host named, and the elements on
 // its free list lie in that tag too.
 //
-// Invariant: an element that a caller holds is marked by a link that leads to itself; one on a free
-// list leads to the next one, or nowhere. So putting back what is there already is noticed at once,
+// Invariant: an element that a caller holds has a mark in the place of its link; one on a free list
+// leads to the next one, or nowhere. So putting back what is there already is noticed at once,
 // and no link is followed before it is known to lead to a live block of the tag.
 //
 // Locks: the pool's own sync object, around changes of the free list and nothing else. Elements are
@@ -37,21 +37,16 @@ PoolElement* elementOf(void* data)
     return reinterpret_cast<PoolElement*>(reinterpret_cast<uintptr_t>(data) - sizeof(PoolElement));
 }
 
-// The segment of an element: a live block of the pool's tag, large enough for its link. Null.
-rmalloc::Segment* segmentOf(const RmPool* pool, PoolElement* element)
+// True for a live block of the pool's tag that has room for a link.
+bool isElement(const RmPool* pool, PoolElement* element)
 {
-    rmalloc::Segment* segment = rmalloc::segmentOfLiveBlock(element, pool->tag);
-    return segment != nullptr && rmalloc::headerOf(element)->units >= kSmallest ? segment : nullptr;
+    return rmalloc::segmentOfLiveBlock(element, pool->tag) != nullptr &&
+           rmalloc::headerOf(element)->units >= kSmallest;
 }
 
-// True for an element that a caller holds. One that lies on a free list, of whichever pool, leads
-// elsewhere; so does one whose holder has written in front of it, which is not used again. A mark
-// may also have survived in memory that went back with its tag and came again.
-bool isHeld(const RmPool* pool, PoolElement* element)
+PoolElement* markOf(const RmPool* pool, const PoolElement* element)
 {
-    rmalloc::Segment* segment = segmentOf(pool, element);
-    return segment != nullptr && element->next == element &&
-           !rmalloc::liesInFreeSpace(segment, rmalloc::headerOf(element));
+    return heldMark(element, rmalloc::tagTable[pool->tag].epoch);
 }
 
 bool enter(const RmPool* pool)
@@ -76,7 +71,7 @@ PoolElement* takeFirst(RmPool* pool, PoolElement** bad)
     if (element == nullptr) {
         return nullptr;
     }
-    if (segmentOf(pool, element) == nullptr || element->next == element) {
+    if (!isElement(pool, element) || element->next == markOf(pool, element)) {
         pool->freeList = nullptr;
         *bad = element;
         return nullptr;
@@ -138,7 +133,7 @@ void* rm_getFromPool(uint32_t size, RmPool* pool)
     leave(pool);
     warn(bad);
     element = sizedFor(static_cast<uint32_t>(bytes), element, pool->tag);
-    element->next = element;
+    element->next = markOf(pool, element);
     return dataOf(element);
 }
 
@@ -151,7 +146,9 @@ int rm_putInPool(void* element, RmPool* pool)
         return RM_TIMEOUT;
     }
     PoolElement* given = elementOf(element);
-    const bool held = isHeld(pool, given);
+    // One that lies on a free list, of whichever pool, leads elsewhere. So does one whose holder
+    // has written in front of it; it is not used again.
+    const bool held = isElement(pool, given) && given->next == markOf(pool, given);
     if (held) {
         given->next = pool->freeList;
         pool->freeList = given;

@@ -37,8 +37,17 @@ namespace rmutil
 
 // What stands before the bytes of an element.
 struct PoolElement {
-    PoolElement* next;  // on the free list: the next element, or null; in use: itself
+    PoolElement* next;  // on a free list: the next element, or null; in use: its mark
 };
+
+// The mark of an element that a caller holds: no address of a block, and another one when the tag's
+// memory went and came again at the same place.
+inline PoolElement* heldMark(const PoolElement* element, uint16_t epoch)
+{
+    constexpr unsigned kAlignmentBits = 3;
+    return reinterpret_cast<PoolElement*>(reinterpret_cast<uintptr_t>(element) ^
+                                          (uintptr_t{epoch} << kAlignmentBits) ^ 1U);
+}
 
 }  // namespace rmutil
 

@@ -10,9 +10,9 @@
 // Owns: nothing. The record of a loaded module lies in tag 0 and belongs to who loaded it.
 //
 // Fatal: no memory; whatever the module's own entry point ends.
+#include "rm/rmalloc/rmalloc.h"
 #include "rm/unix/unix.h"
 
-#include <array>
 #include <cstring>
 
 #include <dlfcn.h>
@@ -78,19 +78,28 @@ int16_t rm_OSemLoad(const char* name, void** module)
         return RM_NOT_FOUND;
     }
     auto* made = static_cast<OsModule*>(rm_cGetMemory(sizeof(OsModule), 0));
-    made->library = dlopen(names.path, RTLD_NOW);
-    if (made->library == nullptr) {
+    const uint32_t before = rmalloc::tagZeroReleases;
+    void* library = dlopen(names.path, RTLD_NOW);
+    if (before != rmalloc::tagZeroReleases) {
+        return RM_NOT_FOUND;  // the object's constructors have released tag 0, and the record with
+                              // it
+    }
+    if (library == nullptr) {
         logFailure(names.path);
         rm_freeMemory(made, 0);
         return RM_NOT_FOUND;
     }
-    made->entry = reinterpret_cast<ModuleEntry>(dlsym(made->library, names.symbol));
+    made->library = library;
+    made->entry = reinterpret_cast<ModuleEntry>(dlsym(library, names.symbol));
     if (made->entry == nullptr) {
         // Deliberate: the record stays behind. The figures of tag 0 are compared between releases.
-        dlclose(made->library);
+        dlclose(library);
         return RM_NOT_FOUND;
     }
     made->entry(name);
+    if (before != rmalloc::tagZeroReleases) {
+        return RM_NOT_FOUND;  // likewise the entry point; the object stays loaded
+    }
     *module = made;
     return RM_SUCCESS;
 }

@@ -501,6 +501,16 @@ TEST_F(EmLoadFatal, AModuleThatReleasesTheRegistryIsNotFound)
     EXPECT_EQ(load("./m05"), 0);
 }
 
+TEST_F(EmLoadFatal, AModuleThatReleasesTheRegistryWhileItIsOpenedIsNotFound)
+{
+    loadMany(2);
+    int16_t handle = kUntouched;
+    EXPECT_EQ(rm_emLoad(installModule("opening", "./opening").c_str(), &handle), RM_NOT_FOUND);
+    EXPECT_EQ(handle, kUntouched);
+    EXPECT_EQ(EmBag, nullptr);
+    EXPECT_EQ(load("./m00"), 0);
+}
+
 TEST_F(EmLoadFatal, AModuleThatHasTheRegistryMadeAgainIsNotEntered)
 {
     rmtest::installModule("plain", "./m00");

@@ -457,6 +457,22 @@ TakesNoMoreThanFifteenModules() {
     expect_nothing_left
 }
 
+LooksAtTheFirstSixtyFourModulesByName() {
+    modules=$work/modules
+    mkdir "$modules"
+    local i
+    for i in {70..36} {1..35}; do odd "m$(printf %02d "$i")"; done
+    printf 'item1 a\n' | input
+    run --operations 100 --modules "$modules" --format m15 "$work/input"
+    expect_status 0
+    expect_err '^catalogue: the module m64\.so .* there are 15 others\.$'
+    for i in {65..70}; do
+        expect_err "^catalogue: the module m$i\\.so in $modules is not used: there are more than 64 files\\.$"
+    done
+    [ "$(grep -c 'more than 64 files' "$work/err")" = 6 ] || fail "others were left out too"
+    expect_nothing_left
+}
+
 TakesFifteenGoodModulesBesideBadOnes() {
     modules=$work/modules
     mkdir "$modules"

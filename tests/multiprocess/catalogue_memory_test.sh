@@ -86,10 +86,7 @@ ReportsWhenASignalAsksForIt() {
     expect_log '  parent of process [0-9]+, as it was asked for$'
     kill -USR1 "$pid"
     # The second goes behind the first.
-    grep -qEm2 'MEMORY REPORT DONE$' <(timeout 30 tail --pid=$$ -n +1 -F "$home/catalogue.log" 2>/dev/null)
-    until [ "$(reports "$home/catalogue.log")" = 2 ]; do
-        kill -0 "$pid" || fail "it has ended"
-    done
+    await_log 'MEMORY REPORT DONE$' 2
     interrupt
     [ "$(reports "$home/catalogue.log")" = 2 ] || fail "not two reports"
     ! grep -q REPORT "$work/err" || fail "a report is on standard error"

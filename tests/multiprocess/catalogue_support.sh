@@ -137,13 +137,15 @@ somebody_waits() {
     done
 }
 
-# await_line <pattern> <file>: waits until a line that matches stands in a file that grows.
+# await_line <pattern> <file> [<n>]: waits until n lines that match, 1 if it is not said, stand in a
+# file that grows.
 await_line() {
-    grep -qEm1 -- "$1" <(timeout 30 tail --pid=$$ -n +1 -F "$2" 2>/dev/null) ||
-        fail "no line \"$1\" came into ${2##*/}"
+    local found
+    found=$(grep -cEm "${3:-1}" -- "$1" <(timeout 30 tail --pid=$$ -n +1 -F "$2" 2>/dev/null)) || true
+    [ "$found" = "${3:-1}" ] || fail "no line \"$1\" came into ${2##*/}, or too few: $found"
 }
 
-await_log() { await_line "$1" "$home/catalogue.log"; }
+await_log() { await_line "$1" "$home/catalogue.log" "${2:-1}"; }
 await_err() { await_line "$1" "$work/err"; }
 
 expect_nothing_left() {

@@ -344,6 +344,55 @@ FindsADamagedRecord() {
     expect_nothing_left
 }
 
+# damage_bucket <offset> <value>: serves one record, and puts 32 bits into the head of its bucket or
+# of its first slot when the only worker has ended: the next to read them is the verification.
+damage_bucket() {
+    local worker
+    records 1
+    start --workers 1 --operations 50000 "$work/input"
+    await 'serving:'
+    kill -STOP "$pid"
+    worker=$(workers)
+    [ -n "$worker" ] || fail "there is no worker"
+    SECONDS=0
+    until grep -q '^State:[[:space:]]*Z' "/proc/$worker/status"; do
+        [ "$SECONDS" -lt 60 ] || fail "the worker does not end"
+        sleep 0.05
+    done
+    # shellcheck disable=SC2016
+    perl -e 'my ($offset, $value) = splice @ARGV, 0, 2;
+        for (@ARGV) {
+            open my $file, "+<", $_ or die "$_: $!";
+            read $file, my $head, 8;
+            next if (unpack "LL", $head)[1] != 1;
+            seek $file, $offset, 0;
+            print $file pack "L", $value;
+            exit 0;
+        }
+        die "no bucket has the record"' "$1" "$2" "$runs"/*/bucket-*.dat || fail "no damage"
+    kill -CONT "$pid"
+    finish
+    expect_status 1
+    expect_nothing_left
+}
+
+FindsADamagedSizeOfASlot() {
+    # With the head's own 48 bytes it adds up to nothing: whoever believes it never gets on. The
+    # record has moved on from there, so it is not looked up there any more.
+    damage_bucket 36 $((0x100000000 - 48))
+    expect_err '^catalogue: bucket-[0-9]+\.dat, offset 16: a slot larger than any record\.$'
+}
+
+FindsADamagedCountOfRecords() {
+    damage_bucket 4 $((0x80000000))
+    expect_err '^catalogue: bucket-[0-9]+\.dat, offset 0: not the head of a bucket\.$'
+}
+
+FindsADamagedEndOfABucket() {
+    damage_bucket 8 $((16 + 48 + 1))
+    expect_err "^catalogue: bucket-[0-9]+\\.dat, offset 16: a slot that goes on behind the last one's end\\.$"
+}
+
 EndsInOrderOnAnInterrupt() {
     records 40
     start "$work/input"

@@ -48,6 +48,12 @@ inline PoolElement* blockOf(void* element)
     return static_cast<PoolElement*>(element) - 1;
 }
 
+// What stands in the place of its link while somebody holds it.
+inline PoolElement* markOf(void* element, const RmPool* pool)
+{
+    return rmutil::heldMark(blockOf(element), rmalloc::tagTable[pool->tag].epoch);
+}
+
 // Units of the block, its header included.
 inline uint32_t unitsOf(void* element)
 {

@@ -253,6 +253,7 @@ TEST_F(PoolPutForeign, FromATimeBeforeTheTagWasEmptiedIsIgnored)
     void* memory = rmtest::segmentsOf(tag_).at(0);
     const auto bytes = rmalloc::tagTable[tag_].segmentSize;
     const std::string image(static_cast<const char*>(memory), bytes);
+    const uint16_t epoch = rmalloc::tagTable[tag_].epoch;
     rm_freeTagMemory(tag_, 0);
     // The platform may give the same memory again or another; the old bytes stand in it anyhow.
     std::ptrdiff_t moved = 0;
@@ -270,7 +271,7 @@ TEST_F(PoolPutForeign, FromATimeBeforeTheTagWasEmptiedIsIgnored)
     }
     for (void* element : held) {
         auto* now = static_cast<char*>(element) + moved;
-        blockOf(now)->next = blockOf(now);  // as in use
+        blockOf(now)->next = rmutil::heldMark(blockOf(now), epoch);  // as it was in use
         expectIgnored(now, pool_);
     }
     EXPECT_EQ(rmalloc::checkMemory(), 0U);

@@ -262,14 +262,14 @@ TEST_F(PoolGet, NeverMarksAnElementThatIsInUseAsFree)
 {
     RmPool* pool = unlocked();
     void* one = rm_getFromPool(8, pool);
-    EXPECT_EQ(blockOf(one)->next, blockOf(one));
+    EXPECT_EQ(blockOf(one)->next, markOf(one, pool));
     rm_putInPool(one, pool);
     EXPECT_EQ(blockOf(one)->next, nullptr);
     rm_getFromPool(8, pool);
-    EXPECT_EQ(blockOf(one)->next, blockOf(one));
+    EXPECT_EQ(blockOf(one)->next, markOf(one, pool));
     rm_putInPool(one, pool);
     void* grown = rm_getFromPool(100, pool);
-    EXPECT_EQ(blockOf(grown)->next, blockOf(grown));
+    EXPECT_EQ(blockOf(grown)->next, markOf(grown, pool));
 }
 
 // --- The maximum

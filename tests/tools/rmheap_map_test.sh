@@ -181,6 +181,38 @@ SmallSegmentsAreDrawnOneBehindTheOther() {
     expect_text_like m.svg '^20,001 small segments from 0x[0-9a-f]+ · 320,016 bytes$'
 }
 
+# draw_in_little_memory: draws f.log, and says that the map is whole.
+draw_in_little_memory() {
+    (
+        # What the sanitizer reserves would count as well.
+        grep -q __asan_init "$rmheap" || ulimit -v 400000
+        run -q --svg=m.svg f.log
+        [ "$status" -eq 0 ]
+    ) || fail "it could not be drawn"
+    expect_no_err
+    expect_svg m.svg
+    [ "$(stat -c %s m.svg)" -lt 4000000 ] || fail "$(stat -c %s m.svg) bytes"
+}
+
+SegmentsOfAnySizeAreDrawn() {
+    local i segments=()
+    for ((i = 1; i <= 200; i++)); do
+        segments+=("$(printf 'SEGMENT @ 0x%x00000000   size=4294967288' $i)")
+    done
+    heading
+    log 'TAG 1(      huge): limit=-1, allocated=24' "${segments[@]}"
+    cp f.log g.log
+    closing
+    draw_in_little_memory
+    expect_text_like m.svg '^A row is 17,179,869,184 bytes'
+    mv g.log f.log
+    log '    0xc800000018        24 (1)'
+    closing
+    draw_in_little_memory
+    expect_text_like m.svg '^A row is 17,179,869,184 bytes'
+    [ "$(rectangles m.svg x)" -eq 0 ] || fail "something is lost"
+}
+
 NamesStayWithinTheMap() {
     local name
     name="<&\"' $(head -c 200 /dev/zero | tr '\0' W)"

@@ -508,6 +508,56 @@ ALineThatNothingAnnouncedIsOutOfPlace() {
     expect_no_line 'its summary says'
 }
 
+SegmentsBeyondTheMostAreLeftOut() {
+    {
+        echo '--------VIRLO MEMORY REPORT--------'
+        echo
+        echo 'TAG 1(      many): limit=-1, allocated=0'
+        yes 'SEGMENT @ 0x1   size=8' | head -n 1048576 || true
+        # Of these two, everything.
+        echo 'SEGMENT @ 0x2000   size=64'
+        echo '    0x2018        24 (1)'
+        echo 'SEGMENT: 24 allocated bytes in 1 block'
+        echo '         40 free bytes in 1 block'
+        echo 'SEGMENT @ 0x3000   size=64'
+        echo 'TAG: 24 allocated bytes in 1 block,'
+        echo '     40 free bytes in 1 block'
+        echo '     and contains 1048578 segments'
+        echo 'TAG 2(       few): limit=-1, allocated=0'
+        echo 'TAG: 8 allocated bytes in 1 block,'
+        echo 'MEMORY REPORT DONE'
+    } >f.log
+    run f.log
+    expect_status 4
+    expect_line '^  5 lines of tags, segments and blocks left out: there are too many$'
+    expect_line 'tag 1 \(many\), segments: listed are 1,048,576, its total says 1,048,578$'
+    expect_line ' few +8 '
+    expect_no_line 'out of place'
+}
+
+TagsBeyondTheMostAreLeftOut() {
+    heading
+    # Segments of tags whose first lines are missing, each behind the end of another report.
+    yes $'SEGMENT @ 0x1   size=8\nTOTAL :        8/    1 :        0/    0 :   1' |
+        head -n $((2 * 65535)) >>f.log || true
+    log 'TAG 1(         a): limit=-1, allocated=0' 'SEGMENT @ 0x1000   size=64' \
+        'SEGMENT: 24 allocated bytes in 1 block' '         40 free bytes in 1 block'
+    # Of the next, everything.
+    log 'TAG 2(         b): limit=-1, allocated=24' 'SEGMENT @ 0x2000   size=64' \
+        '    0x2018        24 (2)' 'SEGMENT: 24 allocated bytes in 1 block' \
+        '         40 free bytes in 1 block' 'TAG: 24 allocated bytes in 1 block,' \
+        '     40 free bytes in 1 block' '     and contains 1 segment' \
+        'TAG  2(         b):       24/    1 :       40/    1 :   1' \
+        'TAG  1(         a):       16/    1 :        0/    0 :   0'
+    closing
+    run --sort=bytes f.log
+    expect_status 4
+    expect_line '^  9 lines of tags, segments and blocks left out: there are too many$'
+    expect_line '^ +1  a +16 '
+    expect_line '^  65,534 lines out of place'
+    expect_no_line '^ *2  b'
+}
+
 AHeadingIsNoTitle() {
     log '--------VIRLO MEMORY REPORT--------'
     sound 'a title'

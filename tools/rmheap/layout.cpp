@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <numeric>
 
 namespace rmheap
 {
@@ -87,28 +88,69 @@ std::vector<Run> runsOf(const std::vector<Segment>& segments, const std::vector<
     return runs;
 }
 
+// Where a run stands: at x in its first row, and from the left on in the others.
+struct Place {
+    std::size_t row;
+    std::size_t rows;
+    double x;
+};
+
+// Places runs one behind the other. It does not grow with the rows: a segment has millions of them
+// at a scale that is too fine for it.
+class Placer
+{
+  public:
+    explicit Placer(uint64_t bytesPerRow) : bytesPerRow_(bytesPerRow) {}
+
+    Place place(uint64_t size)
+    {
+        const double width = std::max(widthOf(size, bytesPerRow_), kLeastWidth);
+        const double gap = x_ > 0 ? kBetween : 0;
+        if (x_ + gap + width <= kRowWidth) {
+            const Place place = {rows_ - 1, 1, x_ + gap};
+            x_ += gap + width;
+            return place;
+        }
+        const uint64_t whole = size / bytesPerRow_ + (size % bytesPerRow_ != 0 ? 1 : 0);
+        const Place place = {rows_, std::max<std::size_t>(whole, 1), 0};
+        rows_ += place.rows;
+        // Nothing stands behind the end of a segment that fills rows.
+        x_ = size > bytesPerRow_ ? kRowWidth : width;
+        return place;
+    }
+
+    std::size_t rows() const { return rows_; }
+
+  private:
+    uint64_t bytesPerRow_;
+    std::size_t rows_ = 0;
+    double x_ = kRowWidth;
+};
+
+std::size_t rowsOf(const std::vector<Run>& runs, uint64_t bytesPerRow)
+{
+    Placer placer(bytesPerRow);
+    for (const Run& run : runs) {
+        placer.place(run.size);
+    }
+    return placer.rows();
+}
+
 Flow flowOf(std::vector<Run> runs, uint64_t bytesPerRow)
 {
     Flow flow = {std::move(runs), {}, 0};
-    double x = kRowWidth;
+    Placer placer(bytesPerRow);
     for (std::size_t i = 0; i < flow.runs.size(); ++i) {
         const uint64_t size = flow.runs[i].size;
-        const double width = std::max(widthOf(size, bytesPerRow), kLeastWidth);
-        const double gap = x > 0 ? kBetween : 0;
-        if (x + gap + width <= kRowWidth) {
-            flow.spots.push_back({i, flow.rows - 1, x + gap, 0, size});
-            x += gap + width;
-            continue;
-        }
+        const Place place = placer.place(size);
         uint64_t from = 0;
-        do {
+        for (std::size_t row = 0; row < place.rows; ++row) {
             const uint64_t to = std::min(size, from + bytesPerRow);
-            flow.spots.push_back({i, flow.rows++, 0, from, to});
+            flow.spots.push_back({i, place.row + row, place.x, from, to});
             from = to;
-        } while (from < size);
-        // Nothing stands behind the end of a segment that fills rows.
-        x = size > bytesPerRow ? kRowWidth : width;
+        }
     }
+    flow.rows = placer.rows();
     return flow;
 }
 
@@ -273,15 +315,20 @@ Strip stripOf(const Run& run, const Spot& spot, uint64_t bytesPerRow)
 struct Subject {
     const Tag* tag;
     std::vector<uint64_t> extents;  // of its segments
-    Totals totals = {};             // when it has none in the report
+    Totals totals = {};             // when it has none in the report, otherwise 0
 
-    Flow flow(uint64_t bytesPerRow) const
+    uint64_t bytes() const
+    {
+        return std::accumulate(extents.begin(), extents.end(), totals.used + totals.free);
+    }
+
+    std::vector<Run> runs(uint64_t bytesPerRow) const
     {
         if (!tag->segments.empty()) {
-            return flowOf(runsOf(tag->segments, extents, bytesPerRow), bytesPerRow);
+            return runsOf(tag->segments, extents, bytesPerRow);
         }
         const uint64_t all = totals.used + totals.free;
-        return all == 0 ? Flow{} : flowOf({Run{nullptr, 1, all}}, bytesPerRow);
+        return all == 0 ? std::vector<Run>{} : std::vector<Run>{{nullptr, 1, all}};
     }
 };
 
@@ -303,7 +350,7 @@ std::vector<Part> partsOf(const Report& report, const Subject& subject, const Ru
 Band bandOf(const Report& report, const Subject& subject, const Layout& layout)
 {
     Band band = {};
-    const Flow flow = subject.flow(layout.bytesPerRow);
+    const Flow flow = flowOf(subject.runs(layout.bytesPerRow), layout.bytesPerRow);
     band.rows.resize(flow.rows);
     for (std::size_t i = 0; i < flow.spots.size();) {
         const std::size_t run = flow.spots[i].run;
@@ -340,20 +387,35 @@ std::vector<Subject> subjectsOf(const Report& report, const Analysis& analysis)
         for (const Segment& segment : report.tags[i].segments) {
             subject.extents.push_back(extentOf(report, segment));
         }
-        subject.totals = {analysis.tags[i].bytes.value_or(0), analysis.tags[i].free.value_or(0)};
+        if (subject.extents.empty()) {
+            subject.totals = {analysis.tags[i].bytes.value_or(0),
+                              analysis.tags[i].free.value_or(0)};
+        }
         subjects.push_back(std::move(subject));
     }
     return subjects;
 }
 
 // Where no blocks are drawn a fine scale would show nothing more.
+//
+// No tag gets more than kMostRows rows, and a segment in a row is wider than 4 px or joined with
+// its neighbours: that bounds what is drawn, however many segments there are and however large.
 uint64_t scaleFor(const std::vector<Subject>& subjects, bool blocks)
 {
-    for (uint64_t bytesPerRow = blocks ? kFinest : kComfortable;; bytesPerRow *= 2) {
+    uint64_t bytes = 0;
+    for (const Subject& subject : subjects) {
+        bytes += subject.bytes();
+    }
+    uint64_t bytesPerRow = blocks ? kFinest : kComfortable;
+    // Rows hold no more than they are wide: scales that cannot do are not tried.
+    while (bytes / bytesPerRow > kMostRows + subjects.size()) {
+        bytesPerRow *= 2;
+    }
+    for (;; bytesPerRow *= 2) {
         std::size_t rows = 0;
         std::size_t used = 0;  // tags that have rows; each takes one at least
         for (const Subject& subject : subjects) {
-            const std::size_t own = subject.flow(bytesPerRow).rows;
+            const std::size_t own = rowsOf(subject.runs(bytesPerRow), bytesPerRow);
             rows += own;
             used += own != 0 ? 1 : 0;
         }

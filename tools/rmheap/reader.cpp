@@ -17,7 +17,10 @@ namespace rmheap
 {
 namespace
 {
-constexpr std::size_t kMostRecords = std::size_t{1} << 25;  // blocks and segments that are kept
+// What is kept of one report. A log that is damaged can go on for ever.
+constexpr std::size_t kMostBlocks = std::size_t{1} << 25;
+constexpr std::size_t kMostSegments = std::size_t{1} << 20;
+constexpr std::size_t kMostTags = std::size_t{1} << 16;
 constexpr std::size_t kMostWarnings = 10000;
 constexpr std::size_t kMostHeld = 600;  // bytes: two lines of a log
 constexpr std::size_t kCutLine = 250;   // bytes; a line of a log ends with its 259th
@@ -58,6 +61,8 @@ void Reader::open()
     expected_ = Expected::kNothing;
     tag_ = kNowhere;
     inSegment_ = false;
+    leftOut_ = false;
+    segments_ = 0;
     unowned_ = 0;
     places_.clear();
 }
@@ -89,7 +94,7 @@ void Reader::dropHeld()
             ++report_.unreadable;
         } else {
             report_.anything = true;
-            enter(static_cast<std::size_t>(tagOf(line.tag, line.name, true) - report_.tags.data()));
+            enter(tagOf(line.tag, line.name, true));
         }
     }
     held_.clear();
@@ -180,14 +185,19 @@ void Reader::applyToTag(const Line& line)
         case Kind::kTagUsed:
             inSegment_ = false;
             expected_ = Expected::kTagFree;
-            if (current() == nullptr || current()->used) {
+            leftOut_ = leftOut_ && current() == nullptr;
+            if (leftOut_) {
+                ++report_.notKept;
+            } else if (current() == nullptr || current()->used) {
                 ++report_.misplaced;
             } else {
                 current()->used = Count{line.first, line.second};
             }
             break;
         case Kind::kTagSegments:
-            if (expected_ != Expected::kTagSegments || current() == nullptr) {
+            if (leftOut_) {
+                ++report_.notKept;
+            } else if (expected_ != Expected::kTagSegments || current() == nullptr) {
                 ++report_.misplaced;
             } else {
                 current()->segmentCount = line.first;
@@ -212,7 +222,9 @@ void Reader::applyToSegment(const Line& line)
             break;
         case Kind::kSegmentUsed:
             expected_ = Expected::kSegmentFree;
-            if (segment == nullptr || segment->used) {
+            if (leftOut_) {
+                ++report_.notKept;
+            } else if (segment == nullptr || segment->used) {
                 ++report_.misplaced;
             } else {
                 segment->used = Count{line.first, line.second};
@@ -262,6 +274,14 @@ void Reader::enter(std::size_t tag)
 {
     tag_ = tag;
     inSegment_ = false;
+    leftOut_ = false;
+}
+
+// The same; nullptr: of a tag that is not kept.
+void Reader::enter(const Tag* tag)
+{
+    enter(tag != nullptr ? static_cast<std::size_t>(tag - report_.tags.data()) : kNowhere);
+    leftOut_ = tag == nullptr;
 }
 
 Tag* Reader::current()
@@ -275,22 +295,47 @@ Segment* Reader::currentSegment()
     return inSegment_ && tag != nullptr && !tag->segments.empty() ? &tag->segments.back() : nullptr;
 }
 
-// The tag of that number, made when it is not there.
+// A new tag; nullptr: there are too many, the line is left out.
+Tag* Reader::addTag()
+{
+    if (report_.tags.size() >= kMostTags) {
+        ++report_.notKept;
+        return nullptr;
+    }
+    return &report_.tags.emplace_back();
+}
+
+// Says whether the segment is kept, and what comes now is of it; otherwise the line is left out.
+bool Reader::addSegment(Tag& tag, const Segment& segment)
+{
+    inSegment_ = segments_ < kMostSegments;
+    leftOut_ = !inSegment_;
+    if (leftOut_) {
+        ++report_.notKept;
+        return false;
+    }
+    ++segments_;
+    tag.segments.push_back(segment);
+    return true;
+}
+
+// The tag of that number, made when it is not there; nullptr: it is not kept.
 Tag* Reader::tagOf(int number, std::string_view name, bool broken)
 {
-    std::size_t& place = places_.try_emplace(number, kNowhere).first->second;
     Tag* tag = current();
-    if (place == kNowhere && tag != nullptr && tag->number == kNoTag) {
-        // The tag whose beginning is missing.
-        place = tag_;
+    const auto found = places_.find(number);
+    if (found != places_.end()) {
+        tag = &report_.tags[found->second];
+    } else {
+        if (tag == nullptr || tag->number != kNoTag) {  // otherwise its beginning is missing
+            tag = addTag();
+        }
+        if (tag == nullptr) {
+            return nullptr;
+        }
         tag->number = number;
+        places_[number] = static_cast<std::size_t>(tag - report_.tags.data());
     }
-    if (place == kNowhere) {
-        place = report_.tags.size();
-        report_.tags.emplace_back();
-        report_.tags.back().number = number;
-    }
-    tag = &report_.tags[place];
     tag->cut |= broken;
     if (tag->name.empty()) {
         tag->name = printable(name) + (broken ? "..." : "");
@@ -305,7 +350,10 @@ void Reader::takeHead(const Line& line)
         enter(kNowhere);  // that one has ended
     }
     Tag* tag = tagOf(line.tag, line.name, false);
-    enter(static_cast<std::size_t>(tag - report_.tags.data()));
+    enter(tag);
+    if (tag == nullptr) {
+        return;
+    }
     if (tag->headed || tag->used || tag->row) {
         ++report_.misplaced;
         return;
@@ -318,12 +366,15 @@ void Reader::takeHead(const Line& line)
 void Reader::takeRow(const Line& line)
 {
     Tag* tag = tagOf(line.tag, line.name, false);
-    enter(static_cast<std::size_t>(tag - report_.tags.data()));
+    enter(tag);
     report_.table = true;
     for (; unowned_ < report_.warnings.size(); ++unowned_) {
         if (report_.warnings[unowned_].tag == kNoTag) {
             report_.warnings[unowned_].tag = line.tag;
         }
+    }
+    if (tag == nullptr) {
+        return;
     }
     if (tag->row) {
         ++report_.misplaced;
@@ -334,11 +385,17 @@ void Reader::takeRow(const Line& line)
 
 void Reader::takeSegment(const Line& line)
 {
+    if (current() == nullptr && leftOut_) {
+        ++report_.notKept;
+        return;
+    }
     if (current() == nullptr) {
-        enter(report_.tags.size());
-        report_.tags.emplace_back();
+        enter(addTag());
     }
     Tag* tag = current();
+    if (tag == nullptr) {
+        return;
+    }
     if (tag->used || tag->row) {
         ++report_.misplaced;
     }
@@ -347,22 +404,22 @@ void Reader::takeSegment(const Line& line)
     segment.size = line.first;
     segment.headed = true;
     segment.firstBlock = segment.lastBlock = report_.blocks.size();
-    tag->segments.push_back(segment);
-    inSegment_ = true;
+    addSegment(*tag, segment);
 }
 
 void Reader::takeBlock(const Line& line)
 {
     report_.blocksListed = true;
-    if (report_.blocks.size() >= kMostRecords) {
+    if (leftOut_ || report_.blocks.size() >= kMostBlocks) {
         ++report_.notKept;
         return;
     }
+    if (current() == nullptr) {
+        enter(addTag());
+    }
     Tag* tag = current();
     if (tag == nullptr) {
-        enter(report_.tags.size());
-        report_.tags.emplace_back();
-        tag = current();
+        return;
     }
     if (tag->number == kNoTag && !places_.contains(line.tag)) {
         tag->number = line.tag;
@@ -376,8 +433,9 @@ void Reader::takeBlock(const Line& line)
         Segment segment;
         segment.address = line.address;
         segment.firstBlock = report_.blocks.size();
-        tag->segments.push_back(segment);
-        inSegment_ = true;
+        if (!addSegment(*tag, segment)) {
+            return;
+        }
     }
     report_.blocks.push_back({line.address, static_cast<uint32_t>(line.first), line.used});
     report_.freeListed |= !line.used;
@@ -390,7 +448,9 @@ void Reader::takeFree(const Line& line)
     const Expected expected = std::exchange(expected_, Expected::kNothing);
     Segment* segment = currentSegment();
     Tag* tag = current();
-    if (expected == Expected::kSegmentFree && segment != nullptr && !segment->free) {
+    if (leftOut_ && (expected == Expected::kSegmentFree || expected == Expected::kTagFree)) {
+        ++report_.notKept;
+    } else if (expected == Expected::kSegmentFree && segment != nullptr && !segment->free) {
         segment->free = count;
     } else if (expected == Expected::kTagFree && tag != nullptr && !tag->free) {
         tag->free = count;

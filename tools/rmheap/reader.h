@@ -36,8 +36,11 @@ class Reader
     void open();
     void close();
     void dropHeld();
+    Tag* addTag();
+    bool addSegment(Tag& tag, const Segment& segment);
     Tag* tagOf(int number, std::string_view name, bool broken);
     void enter(std::size_t tag);
+    void enter(const Tag* tag);
     Tag* current();
     Segment* currentSegment();
     void takeHead(const Line& line);
@@ -57,6 +60,8 @@ class Reader
     Expected expected_ = Expected::kNothing;
     std::size_t tag_ = SIZE_MAX;                   // in report_.tags; beyond them: none
     bool inSegment_ = false;                       // the last one of the tag
+    bool leftOut_ = false;                         // in a tag or a segment that is not kept
+    std::size_t segments_ = 0;                     // of all tags in report_
     std::size_t unowned_ = 0;                      // warnings before this one have their tag
     std::string held_;                             // a line of a tag whose end may come in the next
     std::string time_;                             // of the line that is being read

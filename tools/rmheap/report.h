@@ -91,7 +91,7 @@ struct Report {
     uint64_t moreWarnings = 0;  // that were not kept
     uint64_t unreadable = 0;    // lines that are cut or damaged
     uint64_t misplaced = 0;     // lines that stand twice, or where they do not belong
-    uint64_t notKept = 0;       // lines of blocks and segments beyond what is kept
+    uint64_t notKept = 0;       // lines of tags, segments and blocks beyond what is kept
 };
 
 inline bool isComplete(const Report& report)

@@ -217,7 +217,8 @@ void findDoubts(const Report& report, Analysis& analysis)
                    "missing");
     }
     if (report.notKept != 0) {
-        doubts.add(counted(report.notKept, "line") + " of blocks left out: there are too many");
+        doubts.add(counted(report.notKept, "line") +
+                   " of tags, segments and blocks left out: there are too many");
     }
     for (const Tag& tag : report.tags) {
         checkTag(report, tag, analysis);
