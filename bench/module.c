@@ -1,6 +1,6 @@
 /* A module like the smallest that a server would load: an entry point and a function. */
 void SCALES_ModEntry(const char* name);
-int weigh(int grams);
+int weighShipment(int grams);
 
 static int entered;
 
@@ -9,7 +9,7 @@ void SCALES_ModEntry(const char* name)
     entered += name != 0;
 }
 
-int weigh(int grams)
+int weighShipment(int grams)
 {
     return entered != 0 ? grams : 0;
 }

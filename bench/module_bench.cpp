@@ -11,7 +11,7 @@ namespace
 {
 constexpr const char* kObject = "scales.so";
 constexpr const char* kEntry = "SCALES_ModEntry";
-constexpr const char* kFunction = "weigh";
+constexpr const char* kFunction = "weighShipment";
 
 using Entry = void (*)(const char*);
 
