@@ -2406,7 +2406,8 @@ RM_API int16_t bagDestroy(Bag* bag);
  * element would else have gone.
  *
  * **Growing damages the elements of a ring**: it moves them, by a rule that is the one of every
- * release, without regard to where they begin. With a growIncrement of 0, and a growThreshold above
+ * release, without regard to where they begin, also those of an element that is being added from
+ * the bag itself. With a growIncrement of 0, and a growThreshold above
  * initialSlots, a ring does not grow.
  *
  * @param bag the bag

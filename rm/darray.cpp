@@ -7,7 +7,8 @@
 // Owns: nothing of its own. An array has a tag, in which all of it lies and with which it goes.
 //
 // Invariant: the free entries of a block are those on its list, each once, and they have no name;
-// every block below firstWithRoom is full. checkDArray() tests it.
+// every block below firstWithRoom is full, all of them when that is blockCount, and all but block n
+// when it is ~n. checkDArray() tests it.
 //
 // Locks: critical section 1 around the heads of the free lists, for ports with threads.
 //
@@ -71,11 +72,25 @@ void store(void** where, void* value)
 // The lowest block with a free entry; the number of blocks when there is none.
 int32_t blockWithRoom(const DArray* array)
 {
+    if (array->firstWithRoom < 0) {
+        return ~array->firstWithRoom;
+    }
     int32_t number = array->firstWithRoom;
     while (number < array->blockCount && array->blocks[number]->freeHead == kNoSlot) {
         ++number;
     }
     return number;
+}
+
+// An entry of the block has become free.
+void noteRoom(DArray* array, int16_t number)
+{
+    const int16_t first = array->firstWithRoom;
+    if (first == array->blockCount) {
+        array->firstWithRoom = static_cast<int16_t>(~number);
+    } else if (first != ~number) {
+        array->firstWithRoom = std::min(first < 0 ? static_cast<int16_t>(~first) : first, number);
+    }
 }
 
 // Takes the first free entry of a block, below which all are full, out of its list. kNoSlot when
@@ -87,7 +102,11 @@ int16_t takeFree(DArray* array, int32_t number)
     const int16_t slot = block->freeHead;
     if (slot != kNoSlot) {
         block->freeHead = block->entries[slot].nextFree;
-        array->firstWithRoom = static_cast<int16_t>(number);
+        if (array->firstWithRoom != ~number) {
+            array->firstWithRoom = static_cast<int16_t>(number);
+        } else if (block->freeHead == kNoSlot) {
+            array->firstWithRoom = array->blockCount;
+        }
     }
     rm_exitCritSec(kSection);
     return slot;
@@ -175,8 +194,9 @@ uint32_t darrays::checkDArray(const DArray* array)
             std::count_if(block->entries, block->entries + entriesIn(array, number),
                           [](const Entry& entry) { return entry.name == nullptr; }));
         expect(listed == unnamed, "a free entry is on no list, or on it twice");
-        expect(number >= array->firstWithRoom || block->freeHead == kNoSlot,
-               "a block with room is passed over");
+        const int32_t first = array->firstWithRoom;
+        const bool mayHaveRoom = first < 0 ? number == ~first : number >= first;
+        expect(mayHaveRoom || block->freeHead == kNoSlot, "a block with room is passed over");
     }
     return violations;
 }
@@ -210,11 +230,13 @@ int16_t darrayCreateEntry(DArray* array, const char* name, void** data)
         const int32_t number = blockWithRoom(array);
         if (number == array->blockCount) {
             if (array->maxBlocks <= number) {
+                array->firstWithRoom = array->blockCount;
                 return RM_NONE;
             }
             rm_enterCritSec(kSection);
             if (number == array->blockCount) {  // else somebody else has made one
                 darrayMakeNewBlock(array);
+                array->firstWithRoom = static_cast<int16_t>(~number);
             }
             rm_exitCritSec(kSection);
         }
@@ -280,7 +302,7 @@ void darrayDeleteEntry(DArray* array, int16_t index)
     rm_enterCritSec(kSection);
     entry->nextFree = where.block->freeHead;
     where.block->freeHead = where.slot;
-    array->firstWithRoom = std::min(array->firstWithRoom, where.number);
+    noteRoom(array, where.number);
     rm_exitCritSec(kSection);
 }
 

@@ -30,9 +30,9 @@ struct DArray {
     int16_t maxBlocks;
     int16_t blockCount;
     int16_t entriesPerBlock;
-    int16_t dataSize;         // bytes of an entry's record
-    Tag tag;                  // the array's own; everything here lies in it
-    int16_t firstWithRoom;    // no block below this one has a free entry
+    int16_t dataSize;       // bytes of an entry's record
+    Tag tag;                // the array's own; everything here lies in it
+    int16_t firstWithRoom;  // no block below this one has a free entry; ~n: block n alone has some
     darrays::Block** blocks;  // room for maxBlocks; null before the first block
 };
 

@@ -116,13 +116,41 @@ TEST_F(DArrayEntry, RoomInALowerBlockIsFoundAfterAHigherOneWasUsed)
 TEST_F(DArrayEntry, BlocksThatAreKnownToBeFullAreNotLookedAt)
 {
     DArray* array = makeWith(21, 100, 10);
-    EXPECT_EQ(array->firstWithRoom, 2);
+    EXPECT_EQ(array->firstWithRoom, ~2);
     darrayDeleteEntry(array, 13);
     EXPECT_EQ(array->firstWithRoom, 1);
     darrayDeleteEntry(array, 20);
     EXPECT_EQ(array->firstWithRoom, 1);
     createMany(array, 2);
     EXPECT_EQ(array->firstWithRoom, 2);
+}
+
+TEST_F(DArrayEntry, TheOnlyBlockWithRoomIsKnown)
+{
+    DArray* array = makeWith(30, 30, 10);
+    EXPECT_EQ(array->firstWithRoom, 3);
+    darrayDeleteEntry(array, 23);
+    darrayDeleteEntry(array, 21);
+    EXPECT_EQ(array->firstWithRoom, ~2);
+    EXPECT_EQ(create(array).index, 21);
+    EXPECT_EQ(array->firstWithRoom, ~2);
+    EXPECT_EQ(create(array).index, 23);
+    EXPECT_EQ(array->firstWithRoom, 3);
+}
+
+TEST_F(DArrayEntry, ASecondBlockWithRoomIsFoundBelowAndAboveTheOnlyOne)
+{
+    for (const int16_t second : {int16_t{3}, int16_t{23}}) {
+        DArray* array = makeWith(30, 30, 10);
+        darrayDeleteEntry(array, 13);
+        darrayDeleteEntry(array, second);
+        EXPECT_EQ(array->firstWithRoom, second == 3 ? 0 : 1);
+        EXPECT_EQ(create(array).index, std::min<int16_t>(second, 13));
+        EXPECT_EQ(create(array).index, std::max<int16_t>(second, 13));
+        EXPECT_EQ(create(array).index, RM_NONE);
+        EXPECT_EQ(array->firstWithRoom, 3);
+        EXPECT_EQ(darrays::checkDArray(array), 0U);
+    }
 }
 
 TEST_F(DArrayEntry, AFullArrayGivesMinusOne)
