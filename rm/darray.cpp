@@ -28,8 +28,8 @@ constexpr uint16_t kCompareAsText = 0x1;  // mode
 
 char* recordOf(const DArray* array, const Block* block, int32_t slot)
 {
-    return block->data +
-           std::size_t{static_cast<uint32_t>(slot)} * static_cast<std::size_t>(array->dataSize);
+    const auto size = static_cast<std::size_t>(array->dataSize);
+    return &block->data[static_cast<std::size_t>(slot) * size];
 }
 
 int16_t indexOf(const DArray* array, int32_t block, int32_t slot)
