@@ -1525,8 +1525,8 @@ RM_API int16_t rm_fileValidate(const char* path);
  * @param name the path of the object without its ".so", at most 96 bytes; its last part at most 94
  *             bytes, without "lib"
  * @param[out] module the module, when it was loaded; else untouched
- * @return 0; ::RM_NOT_FOUND when the object cannot be loaded, has no entry point, or the name is
- *         too long
+ * @return 0; ::RM_NOT_FOUND when the object cannot be loaded, has no entry point, the name is too
+ *         long, or its own code has released tag 0
  * @fatal memory; whatever the entry point ends: the object stays loaded then
  * @memory the caller's, under tag 0; rm_freeMemory() after rm_OSemUnload(). An object without an
  *         entry point leaves a block of 24 bytes behind.
@@ -1550,8 +1550,8 @@ RM_API int16_t rm_OSemGetFcnAddr(void* module, const char* function, void** addr
  * Closes a loaded object, once for each load. Its functions must not be called any more, nor its
  * texts read.
  *
- * @param module from rm_OSemLoad(), not closed yet; its memory stays the caller's
- * @return 0; ::RM_FULL when the system refuses, and for null
+ * @param module from rm_OSemLoad(); its memory stays the caller's
+ * @return 0; ::RM_FULL when the system refuses, for a module that was closed, and for null
  * @fatal whatever the object's own destructors end
  */
 RM_API int16_t rm_OSemUnload(void* module);

@@ -51,7 +51,7 @@ struct Where {
 
 Where locate(const DArray* array, int16_t index)
 {
-    // Unsigned: a negative index lies beyond every block.
+    // Unsigned, since that divides quicker; what it makes of a negative index is not used.
     const auto place = static_cast<uint16_t>(index);
     const auto perBlock = static_cast<uint16_t>(array->entriesPerBlock);
     const auto number = static_cast<uint16_t>(place / perBlock);

@@ -177,6 +177,12 @@ Fit firstFit(TagRecord* record, uint32_t need);
 // The segment of `record` whose data area holds `header`, and the one before it in the chain.
 Segment* findInTag(TagRecord* record, const BlockHeader* header, Segment** previousSegment);
 
+// The tag among whose segments `header` lies, asked first for `likely`; -1 when there is none.
+// Reads nothing at `header`.
+Tag findOwner(const BlockHeader* header, Tag likely, Segment** segment);
+
+// --- Here: whether a pointer is a live block
+
 inline bool isAligned(const void* pointer)
 {
     return reinterpret_cast<uintptr_t>(pointer) % kUnit == 0;
@@ -205,10 +211,6 @@ inline Segment* segmentOfLiveBlock(void* pointer, Tag tag)
     }
     return segment != nullptr && isLive(segment, header) ? segment : nullptr;
 }
-
-// The tag among whose segments `header` lies, asked first for `likely`; -1 when there is none.
-// Reads nothing at `header`.
-Tag findOwner(const BlockHeader* header, Tag likely, Segment** segment);
 
 // --- check.cpp
 

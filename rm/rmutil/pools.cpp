@@ -10,8 +10,9 @@
 // leads to the next one, or nowhere. So putting back what is there already is noticed at once,
 // and no link is followed before it is known to lead to a live block of the tag.
 //
-// Locks: the pool's own sync object, around changes of the free list and nothing else. Elements are
-// allocated and grown outside.
+// Locks: the pool's own sync object, around changes of the free list. Elements are allocated and
+// grown outside, and warnings written: neither need come back. Freeing a pool gives its memory back
+// inside, so that nobody takes an element meanwhile.
 //
 // Fatal: no memory; a failure of the sync object.
 #include "rm/rmalloc/rmalloc.h"

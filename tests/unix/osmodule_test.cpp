@@ -522,6 +522,26 @@ TEST_F(OsModuleFunctions, NoModuleHasNone)
     EXPECT_EQ(callCount(Call::kDlsym), 0);
 }
 
+// --- Objects that release the tag in which their record lies
+
+TEST_F(OsModuleUnload, AnObjectWhoseConstructorReleasesTagZeroIsNotLoaded)
+{
+    installModule("opening", "./opening");
+    EXPECT_EQ(rm_OSemLoad("./opening", &module_), RM_NOT_FOUND);
+    EXPECT_EQ(module_, nullptr);
+    EXPECT_EQ(rmtest::blocksOfTag0(), 0U);
+}
+
+TEST_F(OsModuleUnload, AnObjectWhoseEntryPointReleasesTagZeroIsNotLoaded)
+{
+    installModule("plain", "./geo");
+    rmtest::onModuleEntry([](const char*) { rm_freeTagMemory(0, 0); });
+    EXPECT_EQ(rm_OSemLoad("./geo", &module_), RM_NOT_FOUND);
+    rmtest::onModuleEntry(nullptr);
+    EXPECT_EQ(module_, nullptr);
+    EXPECT_EQ(rmtest::blocksOfTag0(), 0U);
+}
+
 // --- Unloading
 
 TEST_F(OsModuleUnload, ClosesTheObjectAndLeavesTheRecord)
