@@ -534,9 +534,9 @@ TEST_F(OsModuleUnload, AnObjectWhoseConstructorReleasesTagZeroIsNotLoaded)
 
 TEST_F(OsModuleUnload, AnObjectWhoseEntryPointReleasesTagZeroIsNotLoaded)
 {
-    installModule("plain", "./geo");
+    installModule("plain", "./m05");
     rmtest::onModuleEntry([](const char*) { rm_freeTagMemory(0, 0); });
-    EXPECT_EQ(rm_OSemLoad("./geo", &module_), RM_NOT_FOUND);
+    EXPECT_EQ(rm_OSemLoad("./m05", &module_), RM_NOT_FOUND);
     rmtest::onModuleEntry(nullptr);
     EXPECT_EQ(module_, nullptr);
     EXPECT_EQ(rmtest::blocksOfTag0(), 0U);
