@@ -7,8 +7,8 @@
  *        operating system.
  *
  * The processes of a server call this interface instead of the operating system. It owns their
- * tagged memory, their table of managed files, their sync objects, their system log and the way
- * out when a resource fails beyond repair. Everything is plain functions over tables that belong
+ * tagged memory, their table of managed files, what they share and say to each other, their system
+ * log and the way out when a resource fails beyond repair. Everything is plain functions over tables that belong
  * to the process; the tables are made on first use, so nothing needs to be initialised.
  *
  * The rules of this page hold for every call and are not repeated there.
@@ -30,8 +30,8 @@
  *   literal is always safe. The calls that keep a pointer, or write through one, say so.
  * - Memory that a call returns belongs to the caller, under the tag that the **Memory** line names.
  *   rm_freeMemory() with the same tag gives it back, and so does every release of the whole tag.
- * - Handles belong to the process that made them. A process keeps its own tables of tags, files and
- *   sync objects; a child starts with a copy of its parent's.
+ * - Handles belong to the process that made them. A process keeps its own tables of tags, files,
+ *   sync objects, shared memory and queues; a child starts with a copy of its parent's.
  *
  * @section rm_timeouts Time-outs
  *
@@ -74,7 +74,7 @@
  * | never   | it always comes back                                                                |
  * | memory  | no memory is left, or the tag that it allocates from is not in use                  |
  * | lock    | a lock of the file layer was not free within 14 seconds                             |
- * | syscall | a call on a sync object failed or its handle is bad, or a file could not be grown   |
+ * | syscall | a call on an IPC object failed or its handle is bad, or a file could not be grown   |
  * | mode    | the file was opened with ::FILE_FATAL, and opening, reading or writing it failed    |
  * | always  | the call is the fatal path itself                                                   |
  *
@@ -95,13 +95,13 @@
  *
  * Server processes are single-threaded and are made with fork. Five rules make sharing work:
  *
- * 1. **Create sync objects before the fork.** The children inherit the handles and share the
- *    semaphores. Creating adds 1 to a semaphore, so a process that creates an object which others
- *    already use raises it to 2, and the lock lets two in.
+ * 1. **Create sync objects before the fork**, and shared memory and queues too. The children inherit
+ *    the handles and share the objects. Creating adds 1 to a semaphore, so a process that creates
+ *    an object which others already use raises it to 2, and the lock lets two in.
  * 2. **That includes the two locks of the file layer.** A parent whose children use managed files
  *    calls rm_init() first. Otherwise each child would make its own.
- * 3. **Workers end with `_exit`.** rm_exit() in any process removes the sync objects for all of
- *    them, and the next operation of the others is fatal. So is a fatal error in a worker without
+ * 3. **Workers end with `_exit`.** rm_exit() in any process removes sync objects, shared memory and
+ *    queues for all of them, and the next operation of the others is fatal. So is a fatal error in a worker without
  *    a target of its own: it ends in rm_exit(0).
  * 4. **Workers open their files after the fork.** An inherited descriptor shares its offset with
  *    the parent's: a seek in one process moves the other. Whoever does use an inherited handle
@@ -164,15 +164,15 @@
  */
 #define RM_SUCCESS 0              /**< success: every call with a status */
 #define RM_TIMEOUT 1              /**< timed out: rm_syncEnterExcl(), rm_syncWait(), pools */
-#define RM_NO_ELEMENT 1           /**< no element, end of an iteration: bags */
-#define RM_NOT_FOUND 2            /**< not found: rm_iniGet(), bagFind(), rm_emLoad() */
-#define RM_FULL 5                 /**< a shared object was not closed: rm_OSemUnload() */
+#define RM_NO_ELEMENT 1           /**< no element, end of an iteration: bags, ffBagPop() */
+#define RM_NOT_FOUND 2            /**< not found: rm_iniGet(), bagFind(), rm_queueRead() */
+#define RM_FULL 5                 /**< full: ffBagPush(); not closed: rm_OSemUnload() */
 #define RM_NONE (-1)              /**< no entry; no handle: rm_fileOpen(), rm_syncOpen() */
 #define RM_CANNOT_OPEN (-46)      /**< a file cannot be opened: rm_iniSet() */
 #define RM_MISSING_ARGUMENT (-52) /**< an argument is missing: rm_iniGet(), rm_iniSet() */
-#define RM_INVALID (-56)          /**< invalid tag; damaged container: bags */
+#define RM_INVALID (-56)          /**< invalid tag; damaged container: bags, FF bags */
 #define RM_UNKNOWN_MODULE (-1006) /**< unknown module: rm_emGetFcnAddr(), rm_emUnload() */
-#define RM_COPY_FAILED (-1018)    /**< copy failed */
+#define RM_COPY_FAILED (-1018)    /**< copy failed: rm_fileCopy(), rm_fileMove() */
 #define RM_RENAME_FAILED (-1019)  /**< a file could not be replaced: rm_iniSet() */
 #define RM_OUT_OF_MEMORY (-2011)  /**< out of memory: StrToArgv(), rm_iniGet(), bagAdd() */
 /** @} */
@@ -244,11 +244,12 @@ RM_NORETURN RM_API void fatalRMExit(const char* message);
 RM_NORETURN RM_API void rm_errorExit(void);
 
 /**
- * Ends the process in order: closes the log file, sets #rmanTerm to 3, and removes the sync objects
+ * Ends the process in order: closes the log file, sets #rmanTerm to 3, and removes the global
+ * shared memory (rm_gshmTerminate()), the message queues (rm_queueTerminate()), the sync objects
  * (rm_syncTerminate()) and all tagged memory (rm_freeall()), each step at most once per process.
  * Then it jumps to the exit target, or calls exit(code) when there is none.
  *
- * Sync objects are removed **for every process that shares them**: workers end with `_exit`. When
+ * The IPC objects are removed **for every process that shares them**: workers end with `_exit`. When
  * control arrives at the exit target every tagged pointer and every file handle of the process has
  * become invalid.
  *
@@ -257,7 +258,7 @@ RM_NORETURN RM_API void rm_errorExit(void);
  *             from a jump.
  * @fatal always, in that it never comes back
  * @locks #fileSem, to close the log file
- * @log as rm_syncTerminate(), when the teardown fails
+ * @log as rm_gshmTerminate(), rm_queueTerminate() and rm_syncTerminate(), when the teardown fails
  */
 RM_NORETURN RM_API void rm_exit(int16_t code);
 
@@ -579,8 +580,8 @@ RM_API void rm_resetTag(jmp_buf env, int16_t tag);
 /**
  * Frees all blocks of a tag at once, and its name.
  *
- * @param tag a tag in use; -1 is ignored. With 0 the local environment, the statistics and the
- *            registry of the extension modules go too.
+ * @param tag a tag in use; -1 is ignored. With 0 the local environment, the statistics, the
+ *            registry of the extension modules, and the tables of shared memory and queues go too.
  * @param release 0 keeps the tag, empty; any other value gives its number back too. Keep tag 0: the
  *                library allocates from it.
  * @fatal never
@@ -1029,7 +1030,8 @@ RM_API void rm_LOG_zFreeMemory(void* pointerAddress, int16_t tag);
  *
  * Every operation accepts ::RM_NULL_SYNC, succeeds and does nothing. Any other handle that names no
  * object is fatal, except as rm_syncDelete() says. Nothing is undone when a process dies: a lock
- * stays held when its holder is killed, and others find out by their time-outs.
+ * stays held when its holder is killed, and others find out by their time-outs, unless a parent
+ * frees it with rm_syncRecover().
  *
  * @par Example
  * @include sync.c
@@ -1157,6 +1159,25 @@ RM_API int16_t rm_syncResume(int16_t handle);
 RM_API int16_t rm_syncTerminate(void);
 
 /**
+ * Frees a lock whose holder has died: one that is held, and on which a process operated last that no
+ * longer exists. Nothing else is changed, and nothing is known of what the lock guarded: whoever
+ * frees it sees to that.
+ *
+ * For locks, not for events: a signalled event looks like a held lock, and would be reset. For one
+ * process of a server, which calls it after having waited for a dead child: **until then the child
+ * still exists**. A process that reuses the number of the dead one keeps the lock held; and when
+ * somebody other than its holder operated on the lock last, that process is the one looked for. One
+ * that nobody can be named for, such as a process of another container, counts as alive.
+ *
+ * @param handle sync handle
+ * @return 1 when the lock was freed; 0 when there was nothing to free
+ * @fatal syscall
+ * @log "WARNING: lock %d freed, its holder %ld is gone" when it was; "Invalid Semaphore Handle";
+ *      "semctl() failure"; "semop() failure"
+ */
+RM_API int16_t rm_syncRecover(int16_t handle);
+
+/**
  * The handler that a timed wait installs for SIGALRM: notes that the time is up and installs itself
  * again. Hosts have no need to call it.
  *
@@ -1164,6 +1185,168 @@ RM_API int16_t rm_syncTerminate(void);
  * @fatal never
  */
 RM_API void catchAlarm(int signalNumber);
+
+/** @} */
+
+/**
+ * @defgroup rm_gshm Global shared memory
+ *
+ * Memory that several processes attach, whether or not they were forked from one another. A process
+ * has up to 20 objects, each in a slot with a key of its own: that of the token file ".ZNT.RM.MEM",
+ * with the prefix of rm_tokenName() before it, and the number of the slot.
+ *
+ * **The order of creation decides who meets**: the first object of a process is the first one of
+ * every other process with the same prefix, whatever their names are. A name only marks its slot as
+ * used. Nothing guards the contents: processes that write hold a sync object around it.
+ *
+ * The segments are open to every user of the machine. What is read from them may have been written
+ * by anybody, at any moment.
+ *
+ * @par Example
+ * @include gshm.c
+ * @{
+ */
+
+/**
+ * Creates a shared memory object, or joins the one that another process has created in the same
+ * slot, and attaches it. New memory is zero; what another process has written stays.
+ *
+ * @param name name of the object; copied; null counts as an empty one
+ * @param size bytes. 0 is only good for joining; what another process has created must have at
+ *             least as many. The machine's own limit is kernel.shmmax.
+ * @param[out] address where the object is attached in this process; aligned to a page, and good
+ *             until the process ends, even when the object is deleted
+ * @return the handle, 0 to 19, lowest free slot first
+ * @fatal syscall, memory
+ * @memory the name's copy is the library's, under tag 0. rm_freeall(), or a release of tag 0,
+ *         forgets the objects without removing them: delete them first.
+ * @log "Out of Shared Memory Objects!" for the 21st object; "fopen() failure" when the token file
+ *      cannot be made or is a symbolic link; "ftok() failure"; "shmget() failure", also for a size
+ *      that the machine or the existing object does not allow; "shmat() failure"
+ */
+RM_API int16_t rm_gshmCreate(const char* name, uint32_t size, void** address);
+
+/**
+ * Deletes an object: the system removes it when the last process that has attached it has ended.
+ * **It is not detached here**, and its address stays good in this process. Who creates an object in
+ * the slot from now on gets a new one. With the last object of the process its token file goes.
+ *
+ * @param handle handle of the object; one that names none is accepted and does nothing
+ * @return 0
+ * @fatal syscall
+ * @log "shmctl() failure", also when another process has deleted the object before; "Deleted too
+ *      many global shared memory objects" after a creation that failed, with error 0
+ */
+RM_API int16_t rm_gshmDelete(int16_t handle);
+
+/**
+ * Deletes all objects of this process, lowest handle first. rm_exit() does so.
+ *
+ * @return 0
+ * @fatal syscall
+ * @log as rm_gshmDelete()
+ */
+RM_API int16_t rm_gshmTerminate(void);
+
+/** @} */
+
+/**
+ * @defgroup rm_queue Message queues
+ *
+ * Messages of up to 32,767 bytes between processes, first in, first out. A process has up to 5
+ * queues, each in a slot with a key of its own: that of the token file ".ZNT.RM.QUEUE", with the
+ * prefix of rm_tokenName() before it, and the number of the slot. As with shared memory, **the order
+ * of creation decides who meets**; a name is for rm_queueOpen() alone.
+ *
+ * **A message has no addressee**: whoever reads a queue gets its oldest message. Give each reader a
+ * queue of its own. Nothing waits for room: **writing to a full queue is fatal**, so let no more
+ * messages be under way than the machine's limits allow: kernel.msgmax for one message, with 9
+ * bytes beside its data, and kernel.msgmnb for all of a queue.
+ *
+ * @par Example
+ * @include queue.c
+ * @{
+ */
+
+/**
+ * Creates a queue, or joins the one that another process has created in the same slot, with the
+ * messages that it holds.
+ *
+ * @param name **kept as a pointer, not copied**: it must stay as it is for as long as the queue
+ *             exists, so give a literal. Null counts as an empty one.
+ * @return the handle, 0 to 4, lowest free slot first
+ * @fatal syscall, memory
+ * @memory the buffer of 32 KiB is the library's, under tag 0. rm_freeall(), or a release of tag 0,
+ *         forgets the queues without removing them: delete them first.
+ * @log "Out of Message Queues!" for the 6th queue, with error 0; "fopen() failure" when the token
+ *      file cannot be made or is a symbolic link; "ftok() failure"; "msgget() failure"
+ */
+RM_API int16_t rm_queueCreate(const char* name);
+
+/**
+ * Finds a queue of this process by its name.
+ *
+ * @param name the name, compared byte by byte; null finds nothing
+ * @return the handle of the first queue with that name; -1 when there is none
+ * @fatal never
+ */
+RM_API int16_t rm_queueOpen(const char* name);
+
+/**
+ * Sends a message. It is in the queue when the call comes back.
+ *
+ * @param handle handle of the queue
+ * @param data the bytes; may be null when there are none
+ * @param length number of bytes, 0 to 32,767; a negative one is refused
+ * @param code a number that goes with the message
+ * @return 0
+ * @fatal syscall, **also when the queue is full**
+ * @log "Invalid Message Queue Handle" with error 0; "msgsnd() failure": with EAGAIN when the queue
+ *      is full, with EINVAL for a negative length and for a message beyond kernel.msgmax
+ */
+RM_API int16_t rm_queueWrite(int16_t handle, const void* data, int16_t length, uint16_t code);
+
+/**
+ * Takes the oldest message out of a queue.
+ *
+ * The buffer's size is not asked for. A queue is open to every user of the machine, so its buffer
+ * needs room for 32,767 bytes, unless all of its writers are known. A message that the library has
+ * not sent has as many bytes as were received behind its head, whatever it says of itself.
+ *
+ * @param handle handle of the queue
+ * @param[in] dataPointer address of a pointer to the buffer for the bytes; the pointer stays as it
+ *            is
+ * @param[out] length number of bytes that were stored, 0 to 32,767
+ * @param[out] code the number that went with the message; may be null
+ * @param flags 1 to wait for a message, 0 not to; only that bit is looked at
+ * @return 0; ::RM_NOT_FOUND when there is no message and the call does not wait: then nothing is
+ *         stored
+ * @fatal syscall. **A wait that a signal interrupts is fatal** with EINTR when the signal has a
+ *        handler: a host that waits blocks its signals, or reads without waiting.
+ * @log "Invalid Message Queue Handle" with the present errno; "msgrcv() failure"
+ */
+RM_API int16_t rm_queueRead(int16_t handle, void* dataPointer, int16_t* length, uint16_t* code,
+                            uint16_t flags);
+
+/**
+ * Deletes a queue and the messages in it, for every process; who waits for one is woken, and ends
+ * fatally. With the last queue of the process its token file goes.
+ *
+ * @param handle handle of the queue; one that names none is accepted and does nothing
+ * @return 0
+ * @fatal syscall
+ * @log "Deleted too many Message Queues!" with error 0, after a creation that found no memory
+ */
+RM_API int16_t rm_queueDelete(int16_t handle);
+
+/**
+ * Deletes all queues of this process, lowest handle first. rm_exit() does so.
+ *
+ * @return 0
+ * @fatal syscall
+ * @log as rm_queueDelete()
+ */
+RM_API int16_t rm_queueTerminate(void);
 
 /** @} */
 
@@ -1874,6 +2057,57 @@ RM_API void rm_fileCounts(uint32_t* open, uint32_t* parked, uint32_t* parkings, 
 /** @} */
 
 /**
+ * @defgroup rm_copy File copy and move
+ *
+ * Whole files, through managed handles. **Both calls remove the destination first**, and what is
+ * lost by that is lost even when they fail. Two spellings of one path are two paths: `"a"` copied to
+ * `"./a"` is removed, and then cannot be opened.
+ *
+ * Copying uses two handles. **Handle 0 does not count**: a process that has no managed file open
+ * cannot copy, and the handle that it got stays open. An open log file is enough.
+ *
+ * @par Example
+ * @include filecopy.c
+ * @{
+ */
+
+/**
+ * Copies a file in steps of 4,096 bytes. The copy is a new file with the permissions of new files.
+ *
+ * **Success does not mean that all bytes arrived**: failed reads and writes are in the log and
+ * nowhere else. A read that fails ends the copy; after a write that fails it goes on, and the copy
+ * lacks those bytes. Who has to know compares lengths, or uses rm_fileMove(), which does know.
+ *
+ * @param source path of the file; a directory is copied as an empty file
+ * @param destination path of the copy; a file there is removed, unless a handle of this process has
+ *                    it open by the same path
+ * @return 0, also when both paths are the same text: then nothing is done; ::RM_COPY_FAILED when
+ *         either file cannot be opened
+ * @fatal lock, memory
+ * @locks #fileSem, for each step
+ * @log as rm_fileRead() and rm_fileWrite()
+ */
+RM_API int32_t rm_fileCopy(const char* source, const char* destination);
+
+/**
+ * Moves a file: renames it, or, where that is not possible, as from one file system to another,
+ * copies it and removes the source. The source is kept unless all its bytes have arrived and have
+ * reached the disk.
+ *
+ * @param source path of the file
+ * @param destination its new path; a file there is removed first
+ * @return 0, also when both paths are the same text: then nothing is done; ::RM_COPY_FAILED when it
+ *         could be neither renamed nor copied whole. Then the source is still there, and at the
+ *         destination may be a part of it.
+ * @fatal lock, memory
+ * @locks #fileSem, when it copies
+ * @log as rm_fileRead() and rm_fileWrite()
+ */
+RM_API int16_t rm_fileMove(const char* source, const char* destination);
+
+/** @} */
+
+/**
  * @defgroup rm_stream Text streams
  *
  * Lines of managed files, through a block of 512 bytes. A stream reads or writes; what happens when
@@ -2537,6 +2771,67 @@ RM_API int16_t bagGetCurData(Bag* bag, void* buffer);
  * @log "can't bagFind" with ::RM_INVALID; "markSlotUsed failed" when the map is missing
  */
 RM_API int16_t bagFind(Bag* bag, const void* key, uint16_t* handle, void** pointer);
+
+/** @} */
+
+/**
+ * @defgroup rm_ffbag FF bag
+ *
+ * A queue of fixed-size elements in global shared memory, first in, first out. It never grows, and
+ * a push or a pop costs no system call. **It takes no lock**: the processes that share it hold a
+ * sync object of theirs around every call.
+ *
+ * The area is an object of rm_gshmCreate() with the name "FFBAG1", so the order in which a process
+ * creates its shared memory objects decides which bag it gets. Elements are bytes: they hold no
+ * pointers. All processes have to see the same layout, so they agree on the types in them.
+ *
+ * Whoever may attach the area may change it. What a process reads and writes stays within the memory
+ * that it asked for when it created the bag, and within the element size of then; a bag that leads
+ * out of that is refused.
+ *
+ * @par Example
+ * @include ffbag.c
+ * @{
+ */
+
+/**
+ * Creates a bag, or joins one, and **empties it for everybody**: each creation clears the area. A
+ * bag that others already use is therefore inherited over a fork, or created before they begin.
+ * There is no call that destroys it; rm_gshmDelete(), rm_gshmTerminate() and rm_exit() do.
+ *
+ * @param capacity number of elements that the bag can hold, 0 to 65,535
+ * @param elementSize bytes of an element, 0 to 65,535
+ * @param[out] bag the handle for push and pop
+ * @param[out] area start of the shared memory, 4 bytes before the handle; it has
+ *             capacity * elementSize + 16 bytes
+ * @return 0
+ * @fatal syscall, memory, as rm_gshmCreate()
+ * @memory as rm_gshmCreate()
+ * @log as rm_gshmCreate()
+ */
+RM_API int16_t ffBagCreate(uint16_t capacity, uint16_t elementSize, void** bag, void** area);
+
+/**
+ * Puts an element into the bag.
+ *
+ * @param bag handle of the bag
+ * @param element its bytes, as many as the bag's element size; copied
+ * @return 0; ::RM_FULL when the bag is full: nothing changes; ::RM_INVALID when the bag is damaged:
+ *         nothing changes
+ * @fatal never
+ */
+RM_API int16_t ffBagPush(void* bag, const void* element);
+
+/**
+ * Takes the oldest element out of the bag.
+ *
+ * @param bag handle of the bag
+ * @param[out] buffer where the element goes, as many bytes as the bag's element size
+ * @return 0; ::RM_NO_ELEMENT when the bag is empty: the buffer stays as it is; ::RM_INVALID when the
+ *         bag is damaged: nothing changes
+ * @fatal never
+ */
+RM_API int16_t ffBagPop(void* bag, void* buffer);
 
 /** @} */
 

@@ -18,6 +18,7 @@
 #include "rm/rmalloc/rmalloc.h"
 #include "rm/rmsrv/rmsrv.h"
 #include "rm/rmutil/rmutil.h"
+#include "rm/unix/unix.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -139,6 +140,8 @@ void forgetTablesOf(Tag tag)
         rmutil::forgetLocalEnv();
         rmutil::forgetIniStreams();
         rmsrv::forgetStatistics();
+        os::forgetGshm();
+        os::forgetQueues();
     }
     if (file::fileTag != 0 && tag == file::fileTag) {
         rmutil::forgetIniHandles();

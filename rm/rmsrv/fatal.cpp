@@ -62,6 +62,8 @@ static_assert(allOfWidth(kBannerWidth), "the banner is a box");
 int16_t firstSystemCallFailure = 1;
 int16_t firstBanner = 1;
 int16_t firstLogClose = 1;
+int16_t firstGshmTerminate = 1;
+int16_t firstQueueTerminate = 1;
 int16_t firstSyncTerminate = 1;
 int16_t firstFreeall = 1;
 
@@ -156,6 +158,12 @@ void rm_exit(int16_t code)
         rm_systemLogClose();
     }
     rm_setOSTerm(kTermExiting);
+    if (takeOnce(&firstGshmTerminate)) {
+        rm_gshmTerminate();
+    }
+    if (takeOnce(&firstQueueTerminate)) {
+        rm_queueTerminate();
+    }
     if (takeOnce(&firstSyncTerminate)) {
         rm_syncTerminate();
     }

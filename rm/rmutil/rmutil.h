@@ -1,6 +1,7 @@
 // Conveniences, front page.
 //
 //   pools.cpp       elements that are used again instead of being freed
+//   filecopy.cpp    whole files, copied and moved
 //   calllog.cpp     allocation calls that say where they were made from
 //   localenv.cpp    settings of this process that override its environment
 //   textstream.cpp  lines of managed files

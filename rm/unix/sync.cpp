@@ -23,6 +23,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include <signal.h>
 #include <sys/ipc.h>
@@ -99,6 +100,42 @@ int valueOf(SyncHandle handle, const char* function)
     return value;
 }
 
+// The process that operated on the semaphore last; 0 when nobody did, or nobody that this process
+// could know.
+pid_t lastOperator(SyncHandle handle)
+{
+    semun unused = {};
+    const int pid = semctl(iSem, handle, GETPID, unused);
+    if (pid == -1) {
+        internalErrorExit("rm_syncRecover", "semctl() failure", errno);
+    }
+    return pid;
+}
+
+// True also for a process of another user, and for a dead child that was not waited for: its number
+// is still its own.
+bool isAlive(pid_t process)
+{
+    return kill(process, 0) == 0 || errno != ESRCH;
+}
+
+// Adds 1 to a semaphore that stands at 0, in one step. False when it stands higher.
+//
+// This comes after the last operator was seen dead and still the last one. A semaphore at 0 lets
+// nobody operate, so from then on nothing has changed; and if the dead one had left the lock before
+// it ended, the semaphore stands at 1.
+bool raiseFromZero(SyncHandle handle)
+{
+    sembuf whenZeroAddOne[] = {stepOf(handle, 0, IPC_NOWAIT), stepOf(handle, 1, IPC_NOWAIT)};
+    if (semop(iSem, whenZeroAddOne, std::size(whenZeroAddOne)) == 0) {
+        return true;
+    }
+    if (errno != EAGAIN) {
+        internalErrorExit("rm_syncRecover", "semop() failure", errno);
+    }
+    return false;
+}
+
 bool anySlotUsed()
 {
     return std::any_of(rmSem.begin(), rmSem.end(),
@@ -113,36 +150,9 @@ void removeSet(const char* function)
     }
 }
 
-void closeToken()
-{
-    if (gfpRMSemTokenFile != nullptr) {
-        std::fclose(gfpRMSemTokenFile);
-        gfpRMSemTokenFile = nullptr;
-    }
-}
-
-void dropToken()
-{
-    if (gfpRMSemTokenFile != nullptr) {
-        closeToken();
-        unlink(semTokenPath);
-    }
-}
-
 void makeSet()
 {
-    // An attempt that failed further down has left its stream open. Its file stays when it is the
-    // same one, since other processes may be meeting by it.
-    char path[kTokenPathSize];
-    tokenPath(path, kTokenFile);
-    if (std::strcmp(path, semTokenPath) == 0) {
-        closeToken();
-    } else {
-        dropToken();
-    }
-    std::memcpy(semTokenPath, path, sizeof(path));
-    gfpRMSemTokenFile = openToken(semTokenPath);
-    if (gfpRMSemTokenFile == nullptr) {
+    if (!renewToken(&gfpRMSemTokenFile, semTokenPath, kTokenFile)) {
         internalErrorExit("rm_syncCreate", "fopen() failure", errno);
     }
     // Deliberate: the key is not tested. Without one, -1 is a key like any other.
@@ -291,9 +301,9 @@ int16_t rm_syncDelete(int16_t handle)
     if (iSem != -1) {
         removeSet("rm_syncDelete");
         iSem = -1;
-        dropToken();
+        dropToken(&gfpRMSemTokenFile, semTokenPath);
     } else if (!anySlotUsed()) {
-        dropToken();
+        dropToken(&gfpRMSemTokenFile, semTokenPath);
     }
     return RM_SUCCESS;
 }
@@ -370,6 +380,21 @@ int16_t rm_syncResume(int16_t handle)
     return RM_SUCCESS;
 }
 
+int16_t rm_syncRecover(int16_t handle)
+{
+    if (checkHandle(handle, "rm_syncRecover", 0) == Check::kNothingToDo) {
+        return 0;
+    }
+    const pid_t holder = lastOperator(handle);
+    if (holder <= 0 || isAlive(holder) || lastOperator(handle) != holder ||
+        !raiseFromZero(handle)) {
+        return 0;
+    }
+    rm_systemLogWrite("WARNING: lock %d freed, its holder %ld is gone", handle,
+                      static_cast<long>(holder));
+    return 1;
+}
+
 int16_t rm_syncTerminate()
 {
     fileSem = RM_NONE;  // first: a deletion that fails does not come back
@@ -385,7 +410,7 @@ int16_t rm_syncTerminate()
     }
     // A set without objects. Deliberate: its id is kept.
     removeSet("rm_syncTerminate");
-    dropToken();
+    dropToken(&gfpRMSemTokenFile, semTokenPath);
     return RM_SUCCESS;
 }
 

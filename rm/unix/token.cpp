@@ -11,6 +11,7 @@
 #include "rm/unix/unix.h"
 
 #include <cerrno>
+#include <cstring>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -44,6 +45,36 @@ FILE* os::openToken(const char* path)
         errno = error;
     }
     return stream;
+}
+
+bool os::renewToken(FILE** stream, char (&path)[kTokenPathSize], const char* fileName)
+{
+    char wanted[kTokenPathSize];
+    tokenPath(wanted, fileName);
+    if (std::strcmp(wanted, path) == 0) {
+        closeToken(stream);
+    } else {
+        dropToken(stream, path);
+    }
+    std::memcpy(path, wanted, sizeof(path));
+    *stream = openToken(path);
+    return *stream != nullptr;
+}
+
+void os::closeToken(FILE** stream)
+{
+    if (*stream != nullptr) {
+        std::fclose(*stream);
+        *stream = nullptr;
+    }
+}
+
+void os::dropToken(FILE** stream, const char* path)
+{
+    if (*stream != nullptr) {
+        closeToken(stream);
+        unlink(path);
+    }
 }
 
 void rm_tokenName(const char* prefix)

@@ -3,6 +3,8 @@
 //   process.cpp    processes, environment, raw segments
 //   token.cpp      the files by whose paths processes find the same IPC object
 //   sync.cpp       sync objects: one semaphore set of 20 per process
+//   gshm.cpp       memory that processes share
+//   queue.cpp      messages between processes
 //   osfile.cpp     descriptors
 //   osreplace.cpp  what the replacement of a file needs: turns, identity, permissions
 //   osmodule.cpp   shared objects that are loaded while the server runs
@@ -37,6 +39,18 @@ void tokenPath(char (&path)[kTokenPathSize], const char* fileName);
 // Creates or truncates the file. Null with errno set when that fails or the path is a link.
 FILE* openToken(const char* path);
 
+// Creates or truncates the token file of a family, and notes its path. A stream that an attempt
+// which failed further down has left open is closed first; its file stays when it is the same one,
+// since other processes may be meeting by it. False with errno set when that fails or the path is a
+// link.
+bool renewToken(FILE** stream, char (&path)[kTokenPathSize], const char* fileName);
+
+// Closes the stream, if it is open, and leaves the file to the other processes.
+void closeToken(FILE** stream);
+
+// Closes the stream and removes the file, if it is open.
+void dropToken(FILE** stream, const char* path);
+
 // --- sync.cpp
 
 constexpr int16_t kSyncSlots = 20;
@@ -53,6 +67,61 @@ bool exists(SyncHandle handle);
 
 // Counts and logs what does not hold in the table of sync objects; 0 is sound.
 uint32_t checkSync();
+
+// --- gshm.cpp
+
+constexpr int16_t kGshmSlots = 20;
+
+struct GshmSlot {
+    int32_t id;     // of the segment; -1 when there is none
+    int32_t key;    // fixed by the token file and the number of the slot
+    char* name;     // a copy under tag 0, which marks the slot as used; null in a free one
+    void* address;  // at which the segment is attached here
+};
+
+extern std::array<GshmSlot, kGshmSlots> rmGshm;
+extern int16_t nGshm;             // segments that were attached and not deleted
+extern FILE* gfpRMGshmTokenFile;  // open as long as there is a segment
+extern char gshmTokenPath[kTokenPathSize];
+
+// Forgets the segments without freeing their names: the memory of tag 0 is about to go. The
+// segments and the token file stay, since other processes may be using them.
+void forgetGshm();
+
+// Counts and logs what does not hold in the table; 0 is sound.
+uint32_t checkGshm();
+
+// --- queue.cpp
+
+constexpr int16_t kQueueSlots = 5;
+constexpr std::size_t kMessageBytes = 32776;  // of the largest message, its type not counted
+constexpr std::size_t kBeyondData = 5;        // bytes that travel behind the data of each message
+
+// A message as the system takes it. Both fields and the data count as its text.
+struct QueueMessage {
+    long type;        // always 1
+    uint16_t code;    // the writer's
+    uint16_t length;  // bytes of data
+    char data[kMessageBytes - 2 * sizeof(uint16_t) + kBeyondData];
+};
+
+struct QueueSlot {
+    int32_t id;            // of the queue; -1 when there is none
+    int32_t key;           // fixed by the token file and the number of the slot
+    QueueMessage* buffer;  // under tag 0; every message of the queue goes through it
+    const char* name;      // the caller's own; null in a free slot
+};
+
+extern std::array<QueueSlot, kQueueSlots> rmQueue;
+extern int16_t nQueues;            // slots in use
+extern FILE* gfpRMQueueTokenFile;  // open as long as there is a queue
+extern char queueTokenPath[kTokenPathSize];
+
+// Forgets the queues without freeing their buffers, as forgetGshm does with the segments.
+void forgetQueues();
+
+// Counts and logs what does not hold in the table; 0 is sound.
+uint32_t checkQueues();
 
 // --- osfile.cpp
 

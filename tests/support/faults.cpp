@@ -89,6 +89,7 @@ int64_t usualFailure(Call call)
         case Call::kSleep:
         case Call::kFwrite:
             return 0;
+        case Call::kShmat:
         case Call::kSignal:
             return static_cast<int64_t>(reinterpret_cast<intptr_t>(SIG_ERR));
         default:
@@ -287,6 +288,12 @@ RM_WRAP(kFputs, int, fputs, (const char* text, FILE* stream), ("fputs", text, st
 RM_WRAP(kFwrite, std::size_t, fwrite, (const void* p, std::size_t size, std::size_t n, FILE* stream), ("fwrite", p, size, n, stream));
 RM_WRAP(kSemop, int, semop, (int id, struct sembuf* ops, std::size_t n), ("semop", id, ops, n));
 RM_WRAP(kSemtimedop, int, semtimedop, (int id, struct sembuf* ops, std::size_t n, const struct timespec* limit), ("semtimedop", id, ops, n, limit));
+RM_WRAP(kShmat, void*, shmat, (int id, const void* address, int flags), ("shmat", id, address, flags));
+RM_WRAP(kShmctl, int, shmctl, (int id, int command, struct shmid_ds* state), ("shmctl", id, command, state));
+RM_WRAP(kMsgsnd, int, msgsnd, (int id, const void* message, std::size_t size, int flags), ("msgsnd", id, message, size, flags));
+RM_WRAP(kMsgrcv, ssize_t, msgrcv, (int id, void* message, std::size_t size, long type, int flags), ("msgrcv", id, message, size, type, flags));
+RM_WRAP(kMsgctl, int, msgctl, (int id, int command, struct msqid_ds* state), ("msgctl", id, command, state));
+RM_WRAP(kKill, int, kill, (pid_t process, int number), ("kill", process, number));
 RM_WRAP(kFtok, key_t, ftok, (const char* path, int project), ("ftok", path, project));
 RM_WRAP(kSignal, SignalHandler, signal, (int number, SignalHandler handler), ("signal", number, handler));
 RM_WRAP(kAlarm, unsigned, alarm, (unsigned seconds), ("alarm", seconds));
@@ -609,10 +616,13 @@ std::vector<IpcObject> ipcObjects()
             found = __real_semctl(note.id, 0, IPC_STAT, argument);
         } else if (note.kind == 'm') {
             struct shmid_ds state;
-            found = shmctl(note.id, IPC_STAT, &state);
+            found = __real_shmctl(note.id, IPC_STAT, &state);
+            if (found != -1 && (state.shm_perm.mode & SHM_DEST) != 0) {
+                found = -1;  // removed, and still attached by somebody
+            }
         } else {
             struct msqid_ds state;
-            found = msgctl(note.id, IPC_STAT, &state);
+            found = __real_msgctl(note.id, IPC_STAT, &state);
         }
         if (found != -1) {
             objects.push_back({note.kind, note.id, note.key});
@@ -632,9 +642,9 @@ void removeIpcObject(const IpcObject& object)
     if (object.kind == 's') {
         static_cast<void>(__real_semctl(object.id, 0, IPC_RMID, SemctlArgument{}));
     } else if (object.kind == 'm') {
-        static_cast<void>(shmctl(object.id, IPC_RMID, nullptr));
+        static_cast<void>(__real_shmctl(object.id, IPC_RMID, nullptr));
     } else {
-        static_cast<void>(msgctl(object.id, IPC_RMID, nullptr));
+        static_cast<void>(__real_msgctl(object.id, IPC_RMID, nullptr));
     }
 }
 

@@ -61,7 +61,7 @@ using Clock = std::chrono::steady_clock;
 
 // The names of the files that processes meet by.
 constexpr std::array<const char*, 3> kTokenFiles = {".ZNT.RM.SEM", ".ZNT.RM.MEM", ".ZNT.RM.QUEUE"};
-constexpr int kTokenProject = 1;  // that the library gives to ftok
+constexpr int kTokenProjects = 20;  // the largest that the library gives to ftok
 constexpr int kDirectoryTries = 64;
 
 pid_t testProcess = -1;  // while a case runs: the process that runs it
@@ -225,7 +225,9 @@ bool keysInUse(const std::filesystem::path& directory)
     for (const char* name : kTokenFiles) {
         const std::filesystem::path token = directory / name;
         writeFile(token, "");
-        used = used || ipcKeyInUse(ftok(token.c_str(), kTokenProject));
+        for (int project = 1; project <= kTokenProjects && !used; ++project) {
+            used = ipcKeyInUse(ftok(token.c_str(), project));
+        }
         std::filesystem::remove(token);
     }
     return used;
