@@ -28,6 +28,11 @@ void rmbench::must(bool done, const char* what)
     }
 }
 
+std::string rmbench::builtFile(const std::string& relative)
+{
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path() / relative;
+}
+
 rmbench::Scratch::Scratch()
 {
     const char* base = std::getenv("TMPDIR");
@@ -60,8 +65,7 @@ std::string rmbench::Scratch::make(const std::string& name, const std::string& b
 
 std::string rmbench::Scratch::copyOfBuilt(const std::string& name)
 {
-    const auto built = std::filesystem::read_symlink("/proc/self/exe").replace_filename(name);
-    std::filesystem::copy_file(built, path(name));
+    std::filesystem::copy_file(builtFile(name), path(name));
     return files_.back();
 }
 

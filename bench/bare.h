@@ -11,6 +11,9 @@ namespace rmbench
 // Ends the program, with the reason, when something did not work.
 void must(bool done, const char* what);
 
+// The path of a file of the build, from the directory of this program on.
+std::string builtFile(const std::string& relative);
+
 // A directory for the files of one benchmark; they are removed with it.
 class Scratch
 {

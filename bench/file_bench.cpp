@@ -15,17 +15,18 @@
 namespace
 {
 constexpr off_t kOffset = 4096;
-constexpr std::size_t kLargest = 4096;
+constexpr std::size_t kLargest = 65536;
+constexpr std::size_t kParked = 4096;  // bytes read from a file that was parked
 constexpr int16_t kOpenAtOnce = 8;
 constexpr std::size_t kManyFiles = 32;
 
 using rmbench::BareLock;
 using rmbench::Scratch;
 
-// A file of two pages, so that reads at kOffset find their bytes.
+// A file in which reads at kOffset find their bytes.
 std::string makeFile(Scratch* scratch, std::size_t number)
 {
-    return scratch->make(std::to_string(number), std::string(2 * kLargest, '\0'));
+    return scratch->make(std::to_string(number), std::string(kOffset + kLargest, '\0'));
 }
 
 std::array<char, kLargest>& buffer()
@@ -96,8 +97,7 @@ void parkOurs(benchmark::State& state)
     }
     std::size_t next = 0;
     for (auto _ : state) {
-        benchmark::DoNotOptimize(
-            rm_fileSeekRead(handles[next], kOffset, buffer().data(), kLargest));
+        benchmark::DoNotOptimize(rm_fileSeekRead(handles[next], kOffset, buffer().data(), kParked));
         next = (next + 1) % kManyFiles;
     }
     uint32_t reopened = 0;
@@ -137,7 +137,7 @@ void parkBare(benchmark::State& state)
         fds[next] = fd;
         lock.leave();
         lseek(fd, kOffset, SEEK_SET);
-        benchmark::DoNotOptimize(read(fd, buffer().data(), kLargest));
+        benchmark::DoNotOptimize(read(fd, buffer().data(), kParked));
         next = (next + 1) % kManyFiles;
     }
     for (const int fd : fds) {
@@ -152,12 +152,16 @@ void rmbench::addFilePairs()
 {
     constexpr double kHotLimit = 1.15;
     constexpr double kParkLimit = 1.3;
-    for (const long length : {512L, 4096L}) {
+    for (const long length : {64L, 512L, 4096L, 16384L, 65536L}) {
+        // What is copied grows with the length, and what the library does beside it does not.
+        const double limit = length == 512 || length == 4096 ? kHotLimit : kForTheRecord;
         const std::string bytes = std::to_string(length) + " bytes, hot";
-        addPair("file: seek and write " + bytes, "lock, lseek, write", kHotLimit, writeOurs,
-                writeBare, length);
-        addPair("file: seek and read " + bytes, "lock, lseek, read", kHotLimit, readOurs, readBare,
+        addPair("file: seek and write " + bytes, "lock, lseek, write", limit, writeOurs, writeBare,
                 length);
+        plotAs("file-write", length);
+        addPair("file: seek and read " + bytes, "lock, lseek, read", limit, readOurs, readBare,
+                length);
+        plotAs("file-read", length);
     }
     addPair("file: park one, reopen one, read", "lock, close, open, ...", kParkLimit, parkOurs,
             parkBare);

@@ -1,14 +1,20 @@
 // Runs the pairs, prints the ratios as a table and writes them as JSON.
 //
-//   rm_bench [--json=FILE] [--strict] [options of Google Benchmark]
+//   rm_bench [--json=FILE] [--plot=DIRECTORY] [--strict] [options of Google Benchmark]
 //
 // Without options every pair is repeated nine times, interleaved at random. The ratio is that of
 // the least disturbed repetitions; the medians stand beside it, so that a noisy run can be told
-// from a slow library. --strict ends with status 1 when a ratio is over its limit.
+// from a slow library. --strict ends with status 1 when a ratio is over its limit. --plot writes
+// the cost against the size, a file of columns for each series, for bench/cost.gp to draw. With a
+// filter of Google Benchmark only the pairs run, not the figures of whole processes.
+#include "figures.h"
 #include "pairs.h"
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -16,7 +22,9 @@ namespace
 {
 struct Options {
     std::string json = "bench.json";
+    std::string plot;  // a directory; empty for none
     bool strict = false;
+    bool filtered = false;
     std::vector<std::string> passedOn;
 };
 
@@ -26,13 +34,17 @@ Options parse(int argc, char** argv)
     options.passedOn = {argv[0], "--benchmark_repetitions=9", "--benchmark_min_time=0.05",
                         "--benchmark_enable_random_interleaving=true"};
     constexpr const char* kJson = "--json=";
+    constexpr const char* kPlot = "--plot=";
     for (int i = 1; i < argc; ++i) {
         if (std::strncmp(argv[i], kJson, std::strlen(kJson)) == 0) {
             options.json = argv[i] + std::strlen(kJson);
+        } else if (std::strncmp(argv[i], kPlot, std::strlen(kPlot)) == 0) {
+            options.plot = argv[i] + std::strlen(kPlot);
         } else if (std::strcmp(argv[i], "--strict") == 0) {
             options.strict = true;
         } else {
             options.passedOn.emplace_back(argv[i]);
+            options.filtered |= options.passedOn.back().starts_with("--benchmark_filter");
         }
     }
     return options;
@@ -88,7 +100,36 @@ void printTable(const std::vector<Row>& rows)
     }
 }
 
-bool writeJson(const std::vector<Row>& rows, const std::string& path)
+void printFigures(const std::vector<rmbench::Figure>& figures)
+{
+    std::printf("\n%-36s %-5s %12s %12s %5s\n", "figure", "unit", "best", "median", "runs");
+    for (const rmbench::Figure& figure : figures) {
+        std::printf("%-36s %-5s %12.1f %12.1f %5zu\n", figure.name.c_str(), figure.unit.c_str(),
+                    figure.best, figure.median, figure.repetitions);
+    }
+}
+
+// Columns: size, nanoseconds of the library, nanoseconds of the bare way.
+bool writePlotData(const std::vector<Row>& rows, const std::string& directory)
+{
+    std::map<std::string, std::string> files;
+    for (const Row& row : rows) {
+        if (!row.pair->series.empty()) {
+            char line[100];
+            std::snprintf(line, sizeof(line), "%ld %.1f %.1f\n", row.pair->size, row.ours,
+                          row.bare);
+            files[row.pair->series] += line;
+        }
+    }
+    std::filesystem::create_directories(directory);
+    for (const auto& [series, lines] : files) {
+        std::ofstream(directory + "/" + series + ".dat") << lines;
+    }
+    return !files.empty();
+}
+
+bool writeJson(const std::vector<Row>& rows, const std::vector<rmbench::Figure>& figures,
+               const std::string& path)
 {
     FILE* file = std::fopen(path.c_str(), "w");
     if (file == nullptr) {
@@ -110,6 +151,16 @@ bool writeJson(const std::vector<Row>& rows, const std::string& path)
             std::fprintf(file, "null");
         }
         std::fprintf(file, ", \"repetitions\": %zu}", row.repetitions);
+        separator = ",\n";
+    }
+    std::fprintf(file, "\n], \"figures\": [");
+    separator = "\n";
+    for (const rmbench::Figure& figure : figures) {
+        std::fprintf(file,
+                     "%s  {\"name\": \"%s\", \"unit\": \"%s\", \"best\": %.1f, "
+                     "\"median\": %.1f, \"repetitions\": %zu}",
+                     separator, figure.name.c_str(), figure.unit.c_str(), figure.best,
+                     figure.median, figure.repetitions);
         separator = ",\n";
     }
     std::fprintf(file, "\n]}\n");
@@ -142,6 +193,9 @@ int main(int argc, char** argv)
     rmbench::addBagPairs();
     rmbench::addDArrayPairs();
     rmbench::addModulePairs();
+    rmbench::addFfBagPairs();
+    rmbench::addQueuePairs();
+    rmbench::addCopyPairs();
 
     std::printf("Running %zu pairs; a few minutes.\n", rmbench::allPairs().size());
     std::fflush(stdout);
@@ -149,7 +203,18 @@ int main(int argc, char** argv)
     benchmark::RunSpecifiedBenchmarks(&collector);
     const std::vector<Row> rows = makeRows(collector);
     printTable(rows);
-    bool good = writeJson(rows, options.json);
+    std::vector<rmbench::Figure> figures;
+    if (!options.filtered) {
+        figures = rmbench::measureStart();
+        for (const rmbench::Figure& figure : rmbench::measureHost()) {
+            figures.push_back(figure);
+        }
+        printFigures(figures);
+    }
+    bool good = writeJson(rows, figures, options.json);
+    if (!options.plot.empty()) {
+        good = writePlotData(rows, options.plot) && good;
+    }
     for (const Row& row : rows) {
         good = good && !(options.strict && row.over());
     }

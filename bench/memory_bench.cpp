@@ -120,10 +120,11 @@ void rmbench::addMemoryPairs()
         addPair("memory: get, free " + std::to_string(size), kBareWay, kForTheRecord,
                 alternate<Ours>, alternate<Bare>, size);
     }
-    for (const long count : {1000L, 10000L, 100000L}) {
+    for (const long count : {10L, 100L, 1000L, 10000L, 100000L}) {
         addPair("memory: fill " + std::to_string(count), kBareWay, kForTheRecord, fill<Ours>,
                 fill<Bare>, count);
         addPair("memory: replace in " + std::to_string(count), kBareWay, kForTheRecord,
                 replace<Ours>, replace<Bare>, count);
+        plotAs("memory-replace", count);
     }
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 namespace
 {
@@ -24,10 +25,30 @@ std::vector<double> sorted(const std::map<std::string, std::vector<double>>& all
 void rmbench::addPair(const std::string& name, const std::string& bareWay, double limit, Body ours,
                       Body bare, long argument)
 {
-    pairs().push_back({name, bareWay, limit});
+    pairs().push_back({name, bareWay, limit, "", argument});
     const Pair& pair = pairs().back();
     benchmark::RegisterBenchmark(oursName(pair).c_str(), ours)->Arg(argument)->UseRealTime();
     benchmark::RegisterBenchmark(bareName(pair).c_str(), bare)->Arg(argument)->UseRealTime();
+}
+
+void rmbench::addSlowPair(const std::string& name, const std::string& bareWay, double limit,
+                          Body ours, Body bare, long argument, int repetitions)
+{
+    pairs().push_back({name, bareWay, limit, "", argument});
+    const Pair& pair = pairs().back();
+    for (const auto& [side, body] : {std::pair(oursName(pair), ours), {bareName(pair), bare}}) {
+        benchmark::RegisterBenchmark(side.c_str(), body)
+            ->Arg(argument)
+            ->UseRealTime()
+            ->Iterations(1)
+            ->Repetitions(repetitions);
+    }
+}
+
+void rmbench::plotAs(const std::string& series, long size)
+{
+    pairs().back().series = series;
+    pairs().back().size = size;
 }
 
 const std::vector<rmbench::Pair>& rmbench::allPairs()

@@ -20,6 +20,8 @@ struct Pair {
     std::string name;
     std::string bareWay;  // what the library is compared with
     double limit;         // largest ratio that counts as good, kForTheRecord for none
+    std::string series;   // of a plot of cost against size; empty for a pair of its own
+    long size;            // in that series: blocks, or bytes
 };
 
 using Body = void (*)(benchmark::State&);
@@ -27,6 +29,13 @@ using Body = void (*)(benchmark::State&);
 // Registers both ways; `argument` reaches them as state.range(0).
 void addPair(const std::string& name, const std::string& bareWay, double limit, Body ours,
              Body bare, long argument = 0);
+
+// A pair of which one iteration takes seconds: so many repetitions of one iteration each.
+void addSlowPair(const std::string& name, const std::string& bareWay, double limit, Body ours,
+                 Body bare, long argument, int repetitions);
+
+// Makes the pair that was added last a point of a plot.
+void plotAs(const std::string& series, long size);
 
 const std::vector<Pair>& allPairs();
 
@@ -61,6 +70,9 @@ void addReportPairs();
 void addBagPairs();
 void addDArrayPairs();
 void addModulePairs();
+void addFfBagPairs();
+void addQueuePairs();
+void addCopyPairs();
 }  // namespace rmbench
 
 #endif

@@ -37,8 +37,8 @@ constexpr std::size_t kAreasKnown = 20;  // as many as a process has shared memo
 // An area as this process made it. Nobody else can change this.
 struct Known {
     const void* bag;       // null in an unused record
-    uint64_t slotBytes;    // of all slots together
-    uint16_t elementSize;  // the buffers of this process have room for so much
+    uint32_t capacity;     // slots
+    uint32_t elementSize;  // bytes; the buffers of this process have room for so much
 };
 
 // By the slot of the shared memory object; a later object in the slot takes the record over.
@@ -71,7 +71,7 @@ Area* areaOf(void* bag)
     return reinterpret_cast<Area*>(static_cast<char*>(bag) - kBagOffset);
 }
 
-Fields fieldsOf(Area* area)
+inline Fields fieldsOf(Area* area)
 {
     return {readOnce(&area->capacity), readOnce(&area->count), readOnce(&area->next),
             readOnce(&area->elementSize)};
@@ -83,37 +83,45 @@ char* slotAt(Area* area, uint32_t slot, uint32_t elementSize)
     return &slots[std::size_t{slot} * elementSize];
 }
 
-// What this process knows of a bag; null when it has not made it.
-const Known* knowledgeOf(const void* bag)
+// What this process knows of a bag that was not the last one; null when it has not made it.
+const Known* lookUp(const void* bag)
 {
-    if (lastUsed.bag != bag) {
-        const auto* known = std::find_if(knownAreas.begin(), knownAreas.end(),
-                                         [bag](const Known& area) { return area.bag == bag; });
-        if (known == knownAreas.end()) {
-            return nullptr;
-        }
-        lastUsed = *known;
+    const auto* known = std::find_if(knownAreas.begin(), knownAreas.end(),
+                                     [bag](const Known& area) { return area.bag == bag; });
+    if (known == knownAreas.end()) {
+        return nullptr;
     }
+    lastUsed = *known;
     return &lastUsed;
+}
+
+inline const Known* knowledgeOf(const void* bag)
+{
+    return lastUsed.bag == bag ? &lastUsed : lookUp(bag);
 }
 
 // True when the slot is one of the bag's and lies in memory that this process has, and an element
 // is no larger than its buffers. A bag that this process has not made is taken at its word.
-bool isWithin(const void* bag, const Fields& fields, uint32_t slot)
+inline bool isWithin(const void* bag, const Fields& fields, uint32_t slot)
 {
     if (slot >= fields.capacity) {
         return false;
     }
     const Known* known = knowledgeOf(bag);
-    return known == nullptr || (fields.elementSize <= known->elementSize &&
-                                (uint64_t{slot} + 1) * fields.elementSize <= known->slotBytes);
+    if (known == nullptr) {
+        return true;
+    }
+    if (fields.elementSize > known->elementSize) {
+        return false;
+    }
+    return slot < known->capacity || (uint64_t{slot} + 1) * fields.elementSize <=
+                                         uint64_t{known->capacity} * known->elementSize;
 }
 }  // namespace
 
 int16_t ffBagCreate(uint16_t capacity, uint16_t elementSize, void** bag, void** area)
 {
-    const uint64_t slotBytes = uint64_t{capacity} * elementSize;
-    const uint64_t size = slotBytes + kSlotsOffset;  // at most 2^32 - 131,055
+    const uint64_t size = uint64_t{capacity} * elementSize + kSlotsOffset;  // below 2^32
     void* base = nullptr;
     const int16_t handle = rm_gshmCreate("FFBAG1", static_cast<uint32_t>(size), &base);
     std::memset(base, 0, static_cast<std::size_t>(size));
@@ -123,7 +131,7 @@ int16_t ffBagCreate(uint16_t capacity, uint16_t elementSize, void** bag, void** 
     made->data = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(base) + kSlotsOffset);
     made->elementSize = elementSize;
     made->capacity = capacity;
-    knownAreas[static_cast<std::size_t>(handle)] = {*bag, slotBytes, elementSize};
+    knownAreas[static_cast<std::size_t>(handle)] = {*bag, capacity, elementSize};
     lastUsed = knownAreas[static_cast<std::size_t>(handle)];
     return RM_SUCCESS;
 }
@@ -178,11 +186,11 @@ uint32_t ffbag::checkFfBag(const void* bag)
                           area->next, area->capacity);
     }
     if (known != nullptr && (area->elementSize > known->elementSize ||
-                             uint64_t{area->capacity} * area->elementSize > known->slotBytes)) {
+                             uint64_t{area->capacity} * area->elementSize >
+                                 uint64_t{known->capacity} * known->elementSize)) {
         ++violations;
-        rm_systemLogWrite("WARNING: FF bag: %u slots of %u bytes in an area of %llu",
-                          area->capacity, area->elementSize,
-                          static_cast<unsigned long long>(known->slotBytes));
+        rm_systemLogWrite("WARNING: FF bag: %u slots of %u bytes, made as %u of %u", area->capacity,
+                          area->elementSize, known->capacity, known->elementSize);
     }
     return violations;
 }

@@ -152,6 +152,13 @@ int16_t readAt(FileEntry* entry, uint32_t offset, void* buffer, uint32_t length,
     return error;
 }
 
+// A position has 32 bits. Going round would bring whoever reads to the end back to the beginning,
+// for ever, and let what is written replace what was.
+bool leadsBeyond(const FileEntry* entry, uint32_t length)
+{
+    return length > std::numeric_limits<uint32_t>::max() - entry->position;
+}
+
 void logWriteFailure(const char* path, int error)
 {
     rm_systemLogWrite("rm_fileWrite: errno=%d: unable to write, file=%s", error, path);
@@ -265,7 +272,12 @@ uint32_t rm_fileWrite(int16_t handle, const void* buffer, uint32_t length)
         return 0;
     }
     FileEntry* entry = operation.entry;
-    const uint32_t count = writeAt(entry, entry->position, buffer, length);
+    uint32_t count = 0;
+    if (leadsBeyond(entry, length)) {
+        errno = EFBIG;
+    } else {
+        count = writeAt(entry, entry->position, buffer, length);
+    }
     if (count == 0) {
         logWriteFailure(entry->name, errno);
         if (isFatal(entry)) {
@@ -292,6 +304,10 @@ uint32_t file::readNext(FileHandle handle, void* buffer, uint32_t length, int16_
     FileEntry* entry = operation.entry;
     uint32_t count = 0;
     *error = readAt(entry, entry->position, buffer, length, &count);
+    if (leadsBeyond(entry, count)) {
+        *error = EFBIG;
+        count = 0;
+    }
     if (*error != RM_SUCCESS) {
         logReadFailure(entry->name, *error);
         if (isFatal(entry)) {

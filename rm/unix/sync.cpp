@@ -120,10 +120,6 @@ bool isAlive(pid_t process)
 }
 
 // Adds 1 to a semaphore that stands at 0, in one step. False when it stands higher.
-//
-// This comes after the last operator was seen dead and still the last one. A semaphore at 0 lets
-// nobody operate, so from then on nothing has changed; and if the dead one had left the lock before
-// it ended, the semaphore stands at 1.
 bool raiseFromZero(SyncHandle handle)
 {
     sembuf whenZeroAddOne[] = {stepOf(handle, 0, IPC_NOWAIT), stepOf(handle, 1, IPC_NOWAIT)};
