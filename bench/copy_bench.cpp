@@ -14,7 +14,7 @@
 namespace
 {
 constexpr std::size_t kStep = 4096;
-constexpr long kMib = 1024 * 1024;
+constexpr long kMib = 1L << 20;
 
 // A file of zeros without blocks, so that the reading side costs no disk.
 std::string makeSource(rmbench::Scratch* scratch, long bytes)

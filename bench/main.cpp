@@ -123,7 +123,8 @@ bool writePlotData(const std::vector<Row>& rows, const std::string& directory)
     }
     std::filesystem::create_directories(directory);
     for (const auto& [series, lines] : files) {
-        std::ofstream(directory + "/" + series + ".dat") << lines;
+        const std::filesystem::path file = std::filesystem::path(directory) / series;
+        std::ofstream(file.string() + ".dat") << lines;
     }
     return !files.empty();
 }

@@ -25,7 +25,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstring>
 
 using namespace ffbag;
@@ -55,15 +54,15 @@ struct Fields {
     uint32_t elementSize;
 };
 
-uint16_t readOnce(uint16_t* field)
+// One look, which the compiler does not repeat: a second one might see something else.
+uint16_t readOnce(const volatile uint16_t* field)
 {
-    return std::atomic_ref<uint16_t>(*field).load(std::memory_order_relaxed);
+    return *field;
 }
 
-void write(uint16_t* field, uint32_t value)
+void write(volatile uint16_t* field, uint32_t value)
 {
-    std::atomic_ref<uint16_t>(*field).store(static_cast<uint16_t>(value),
-                                            std::memory_order_relaxed);
+    *field = static_cast<uint16_t>(value);
 }
 
 Area* areaOf(void* bag)
@@ -71,7 +70,7 @@ Area* areaOf(void* bag)
     return reinterpret_cast<Area*>(static_cast<char*>(bag) - kBagOffset);
 }
 
-inline Fields fieldsOf(Area* area)
+inline Fields fieldsOf(const Area* area)
 {
     return {readOnce(&area->capacity), readOnce(&area->count), readOnce(&area->next),
             readOnce(&area->elementSize)};
