@@ -1234,7 +1234,7 @@ RM_API int16_t rm_gshmCreate(const char* name, uint32_t size, void** address);
  * @param handle handle of the object; one that names none is accepted and does nothing
  * @return 0
  * @fatal syscall
- * @log "shmctl() failure", also when another process has deleted the object before; "Deleted too
+ * @log "shmctl() failure", as for an object that another user has created; "Deleted too
  *      many global shared memory objects" after a creation that failed, with error 0
  */
 RM_API int16_t rm_gshmDelete(int16_t handle);

@@ -54,20 +54,14 @@ bool anySlotUsed()
                        [](const GshmSlot& slot) { return slot.name != nullptr; });
 }
 
-// Makes the token file and from it the keys. A slot that still has a name is that of a creation
-// which failed; the same segment is found again by the same key.
-void beginTable()
+// Makes the token file and from it the keys.
+void makeKeys()
 {
-    nGshm = 0;
     if (!renewToken(&gfpRMGshmTokenFile, gshmTokenPath, kTokenFile)) {
         internalErrorExit("rm_gshmCreate", "fopen() failure", errno);
     }
     int project = 0;
     for (GshmSlot& slot : rmGshm) {
-        if (slot.name != nullptr) {
-            rm_zFreeMemory(&slot.name, 0);
-        }
-        slot.id = RM_NONE;
         slot.key = ftok(gshmTokenPath, ++project);
         if (slot.key == -1) {
             internalErrorExit("rm_gshmCreate", "ftok() failure", errno);
@@ -75,10 +69,50 @@ void beginTable()
     }
 }
 
-void dropTokenWhenUnused()
+// Begins again when nothing counts: slots of creations that failed are given up, and with the first
+// object come the keys. What is attached stays, also when failures have brought the count to 0.
+void beginTable()
+{
+    nGshm = 0;
+    for (GshmSlot& slot : rmGshm) {
+        if (slot.name != nullptr && slot.address != nullptr) {
+            ++nGshm;
+        } else if (slot.name != nullptr) {
+            rm_zFreeMemory(&slot.name, 0);
+        }
+    }
+    if (nGshm == 0) {
+        makeKeys();
+    }
+}
+
+// Takes the object out of its slot and marks its segment for removal. 0, or the errno with which
+// that failed: then the object counts as before.
+int removeObject(GshmSlot* slot)
+{
+    rm_zFreeMemory(&slot->name, 0);
+    const int32_t id = slot->id;  // -1 after a creation that failed: the system is not asked
+    slot->id = RM_NONE;
+    slot->address = nullptr;
+    if (id != RM_NONE && shmctl(id, IPC_RMID, nullptr) == -1) {
+        return errno;
+    }
+    --nGshm;
+    return 0;
+}
+
+// What follows the removal of objects. The token file goes with the last one that is named, and not
+// before: a count that failures have brought to 0 says nothing about it.
+void endRemoval(int error)
 {
     if (!anySlotUsed()) {
         dropToken(&gfpRMGshmTokenFile, gshmTokenPath);
+    }
+    if (error != 0) {
+        internalErrorExit("rm_gshmDelete", "shmctl() failure", error);
+    }
+    if (nGshm < 0) {
+        internalErrorExit("rm_gshmDelete", "Deleted too many global shared memory objects", 0);
     }
 }
 }  // namespace
@@ -115,36 +149,25 @@ int16_t rm_gshmCreate(const char* name, uint32_t size, void** address)
 
 int16_t rm_gshmDelete(int16_t handle)
 {
+    int error = 0;
     if (isUsed(handle)) {
-        GshmSlot* slot = &rmGshm[static_cast<std::size_t>(handle)];
-        rm_zFreeMemory(&slot->name, 0);
-        const int32_t id = slot->id;  // -1 after a creation that failed: the system is not asked
-        slot->id = RM_NONE;
-        if (id != RM_NONE && shmctl(id, IPC_RMID, nullptr) == -1) {
-            const int error = errno;
-            dropTokenWhenUnused();
-            internalErrorExit("rm_gshmDelete", "shmctl() failure", error);
-        }
-        --nGshm;
+        error = removeObject(&rmGshm[static_cast<std::size_t>(handle)]);
     }
-    if (nGshm == 0) {
-        dropToken(&gfpRMGshmTokenFile, gshmTokenPath);
-    }
-    dropTokenWhenUnused();
-    if (nGshm < 0) {
-        internalErrorExit("rm_gshmDelete", "Deleted too many global shared memory objects", 0);
-    }
+    endRemoval(error);
     return RM_SUCCESS;
 }
 
 int16_t rm_gshmTerminate()
 {
-    for (int16_t handle = 0; handle < kGshmSlots; ++handle) {
-        if (isUsed(handle)) {
-            rm_gshmDelete(handle);
+    // All of them before the first failure is told: that does not come back, nor does the exit.
+    int firstError = 0;
+    for (GshmSlot& slot : rmGshm) {
+        if (slot.name != nullptr) {
+            const int error = removeObject(&slot);
+            firstError = firstError == 0 ? error : firstError;
         }
     }
-    dropTokenWhenUnused();  // of a first creation that failed before it had a slot
+    endRemoval(firstError);
     return RM_SUCCESS;
 }
 
@@ -152,6 +175,7 @@ void os::forgetGshm()
 {
     for (GshmSlot& slot : rmGshm) {
         slot.name = nullptr;
+        slot.address = nullptr;
     }
     nGshm = 0;
     closeToken(&gfpRMGshmTokenFile);

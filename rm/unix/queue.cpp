@@ -71,9 +71,8 @@ bool anySlotUsed()
 }
 
 // Makes the token file and from it the keys.
-void beginTable()
+void makeKeys()
 {
-    nQueues = 0;
     if (!renewToken(&gfpRMQueueTokenFile, queueTokenPath, kTokenFile)) {
         internalErrorExit("rm_queueCreate", "fopen() failure", errno);
     }
@@ -83,9 +82,50 @@ void beginTable()
         if (slot.key == -1) {
             internalErrorExit("rm_queueCreate", "ftok() failure", errno);
         }
-        slot.id = RM_NONE;
-        slot.buffer = nullptr;
-        slot.name = nullptr;
+    }
+}
+
+// Begins again when nothing counts: slots of creations that found no memory are given up, and with
+// the first queue come the keys. A queue with a buffer stays, whatever the count says.
+void beginTable()
+{
+    nQueues = 0;
+    for (QueueSlot& slot : rmQueue) {
+        if (slot.buffer != nullptr) {
+            ++nQueues;
+        } else {
+            slot.name = nullptr;
+        }
+    }
+    if (nQueues == 0) {
+        makeKeys();
+    }
+}
+
+// Takes the queue out of its slot and removes it.
+void removeQueue(QueueSlot* slot)
+{
+    slot->name = nullptr;
+    if (slot->id != RM_NONE) {
+        // Deliberate: the result is not looked at. Another process may have removed it.
+        msgctl(slot->id, IPC_RMID, nullptr);
+        slot->id = RM_NONE;
+    }
+    if (slot->buffer != nullptr) {
+        rm_zFreeMemory(&slot->buffer, 0);
+    }
+    --nQueues;
+}
+
+// What follows the removal of queues. The token file goes with the last one that is named, and not
+// before: a count that failures have brought to 0 says nothing about it.
+void endRemoval()
+{
+    if (!anySlotUsed()) {
+        dropToken(&gfpRMQueueTokenFile, queueTokenPath);
+    }
+    if (nQueues < 0) {
+        internalErrorExit("rm_queueDelete", "Deleted too many Message Queues!", 0);
     }
 }
 
@@ -199,37 +239,22 @@ int16_t rm_queueRead(int16_t handle, void* dataPointer, int16_t* length, uint16_
 int16_t rm_queueDelete(int16_t handle)
 {
     if (isNamed(handle)) {
-        QueueSlot* slot = &rmQueue[static_cast<std::size_t>(handle)];
-        slot->name = nullptr;
-        if (slot->id != RM_NONE) {
-            // Deliberate: the result is not looked at. Another process may have removed it.
-            msgctl(slot->id, IPC_RMID, nullptr);
-            slot->id = RM_NONE;
-        }
-        if (slot->buffer != nullptr) {
-            rm_zFreeMemory(&slot->buffer, 0);
-        }
-        --nQueues;
+        removeQueue(&rmQueue[static_cast<std::size_t>(handle)]);
     }
-    if (nQueues == 0 || !anySlotUsed()) {
-        dropToken(&gfpRMQueueTokenFile, queueTokenPath);
-    }
-    if (nQueues < 0) {
-        internalErrorExit("rm_queueDelete", "Deleted too many Message Queues!", 0);
-    }
+    endRemoval();
     return RM_SUCCESS;
 }
 
 int16_t rm_queueTerminate()
 {
-    for (int16_t handle = 0; handle < kQueueSlots; ++handle) {
-        if (isNamed(handle)) {
-            rm_queueDelete(handle);
+    // All of them before the count is looked at: a fatal error does not come back, nor does the
+    // exit.
+    for (QueueSlot& slot : rmQueue) {
+        if (slot.name != nullptr) {
+            removeQueue(&slot);
         }
     }
-    if (!anySlotUsed()) {  // also that of a first creation which failed before it had a slot
-        dropToken(&gfpRMQueueTokenFile, queueTokenPath);
-    }
+    endRemoval();
     return RM_SUCCESS;
 }
 
