@@ -40,8 +40,10 @@ struct Known {
     uint32_t elementSize;  // bytes; the buffers of this process have room for so much
 };
 
-// By the slot of the shared memory object; a later object in the slot takes the record over.
+// In the order of creation; the oldest makes way for the 21st. An area is never detached, so an old
+// handle stays good, and its record with it.
 std::array<Known, kAreasKnown> knownAreas = {};
+std::size_t nextKnown = 0;
 
 // The one that was used last: most processes have one.
 Known lastUsed = {nullptr, 0, 0};
@@ -122,7 +124,7 @@ int16_t ffBagCreate(uint16_t capacity, uint16_t elementSize, void** bag, void** 
 {
     const uint64_t size = uint64_t{capacity} * elementSize + kSlotsOffset;  // below 2^32
     void* base = nullptr;
-    const int16_t handle = rm_gshmCreate("FFBAG1", static_cast<uint32_t>(size), &base);
+    rm_gshmCreate("FFBAG1", static_cast<uint32_t>(size), &base);
     std::memset(base, 0, static_cast<std::size_t>(size));
     *area = base;
     auto* made = static_cast<Area*>(base);
@@ -130,8 +132,9 @@ int16_t ffBagCreate(uint16_t capacity, uint16_t elementSize, void** bag, void** 
     made->data = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(base) + kSlotsOffset);
     made->elementSize = elementSize;
     made->capacity = capacity;
-    knownAreas[static_cast<std::size_t>(handle)] = {*bag, capacity, elementSize};
-    lastUsed = knownAreas[static_cast<std::size_t>(handle)];
+    lastUsed = {*bag, capacity, elementSize};
+    knownAreas[nextKnown] = lastUsed;
+    nextKnown = (nextKnown + 1) % kAreasKnown;
     return RM_SUCCESS;
 }
 

@@ -12,6 +12,7 @@
 // Fatal: those operations' time-outs; no memory for the buffer.
 #include "rm/file/file.h"
 #include "rm/rmutil/rmutil.h"
+#include "rm/unix/unix.h"
 
 #include <cstring>
 
@@ -30,23 +31,51 @@ enum class Arrival {
     kWritten,
 };
 
+// True when all bytes were written. What falls short is written on, until nothing is: that is then
+// in the log.
+bool writeWhole(FileHandle handle, const char* bytes, uint32_t count)
+{
+    uint32_t done = 0;
+    while (done < count) {
+        const uint32_t written = rm_fileWrite(handle, &bytes[done], count - done);
+        if (written == 0) {
+            return false;
+        }
+        done += written;
+    }
+    return true;
+}
+
 // Copies what there is between two open files. A read that fails ends the copy; after a write that
-// falls short it goes on, and the destination lacks those bytes.
-Arrival transfer(FileHandle source, FileHandle destination)
+// fails it goes on, and the destination lacks those bytes.
+Arrival transfer(FileHandle source, FileHandle destination, char* buffer)
 {
     Arrival arrival = Arrival::kWritten;
-    auto* buffer = static_cast<char*>(rm_getMemory(kCopyBytes, 0));
     int16_t error = RM_SUCCESS;
     uint32_t count = file::readNext(source, buffer, kCopyBytes, &error);
     while (count != 0) {
-        if (rm_fileWrite(destination, buffer, count) != count) {
+        if (!writeWhole(destination, buffer, count)) {
             arrival = Arrival::kUnknown;
         }
         // Deliberate: each read asks for what the one before it gave.
         count = file::readNext(source, buffer, count, &error);
     }
-    rm_freeMemory(buffer, 0);
     return error == RM_SUCCESS ? arrival : Arrival::kUnknown;
+}
+
+// The two files, opened. False when either cannot be.
+bool openBoth(const char* source, const char* destination, FileHandle* from, FileHandle* to)
+{
+    *from = rm_fileOpen(source, RM_O_RDONLY, 0, kSourceSize, kGrowIncrement);
+    if (*from < 1) {
+        return false;  // Deliberate: handle 0 is a failure too, and stays open
+    }
+    *to = rm_fileOpen(destination, kNewFile, 0, 0, kGrowIncrement);
+    if (*to < 1) {
+        rm_fileClose(*from);
+        return false;
+    }
+    return true;
 }
 
 // As rm_fileCopy. When `arrival` is wanted the bytes are brought to the disk, and it tells whether
@@ -54,23 +83,23 @@ Arrival transfer(FileHandle source, FileHandle destination)
 int16_t copyFile(const char* source, const char* destination, Arrival* arrival)
 {
     rm_fileRemove(destination);
-    const FileHandle from = rm_fileOpen(source, RM_O_RDONLY, 0, kSourceSize, kGrowIncrement);
-    if (from < 1) {
-        return RM_COPY_FAILED;  // Deliberate: handle 0 is a failure too, and stays open
-    }
-    const FileHandle to = rm_fileOpen(destination, kNewFile, 0, 0, kGrowIncrement);
-    if (to < 1) {
+    // Before there is a handle that would stay open when this does not come back.
+    auto* buffer = static_cast<char*>(rm_getMemory(kCopyBytes, 0));
+    FileHandle from = RM_NONE;
+    FileHandle to = RM_NONE;
+    int16_t result = RM_COPY_FAILED;
+    if (openBoth(source, destination, &from, &to)) {
+        result = RM_SUCCESS;
+        const Arrival arrived = transfer(from, to, buffer);
+        if (arrival != nullptr && arrived == Arrival::kWritten &&
+            file::bringToDisk(to) == RM_SUCCESS) {
+            *arrival = Arrival::kWritten;
+        }
         rm_fileClose(from);
-        return RM_COPY_FAILED;
+        rm_fileClose(to);
     }
-    const Arrival arrived = transfer(from, to);
-    if (arrival != nullptr) {
-        const bool durable = arrived == Arrival::kWritten && file::bringToDisk(to) == RM_SUCCESS;
-        *arrival = durable ? Arrival::kWritten : Arrival::kUnknown;
-    }
-    rm_fileClose(from);
-    rm_fileClose(to);
-    return RM_SUCCESS;
+    rm_freeMemory(buffer, 0);
+    return result;
 }
 }  // namespace
 
@@ -99,6 +128,7 @@ int16_t rm_fileMove(const char* source, const char* destination)
     if (arrival != Arrival::kWritten) {
         return RM_COPY_FAILED;
     }
+    os::bringNameToDisk(destination);
     rm_fileRemove(source);
     return RM_SUCCESS;
 }

@@ -14,6 +14,8 @@
 #include "rm/unix/unix.h"
 
 #include <cerrno>
+#include <climits>
+#include <cstring>
 #include <ctime>
 
 #include <fcntl.h>
@@ -185,4 +187,19 @@ void os::bringDirectoryToDisk(const char* path)
         fsync(fd);  // some file systems refuse, and have their own order then
         close(fd);
     }
+}
+
+void os::bringNameToDisk(const char* path)
+{
+    char directory[PATH_MAX] = ".";
+    const char* slash = std::strrchr(path, '/');
+    if (slash != nullptr) {
+        const auto length = static_cast<std::size_t>(slash - path) + 1;
+        if (length >= sizeof(directory)) {
+            return;  // longer than any path that the system opens
+        }
+        std::memcpy(directory, path, length);
+        directory[length] = '\0';
+    }
+    bringDirectoryToDisk(directory);
 }

@@ -5,9 +5,9 @@
 //
 // Owns: the prefix.
 //
-// Invariant: a file that is not ours is never truncated through a link that somebody left in a
-// shared directory, a process that the server starts does not inherit the stream, and a pipe of
-// that name cannot block the open.
+// Invariant: a file that is not ours is never truncated through a symbolic link that somebody left
+// in a shared directory, a process that the server starts does not inherit the stream, and a pipe
+// of that name cannot block the open.
 #include "rm/unix/unix.h"
 
 #include <cerrno>

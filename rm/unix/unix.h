@@ -171,6 +171,9 @@ void copyPermissions(const char* from, int32_t to);
 // Brings the names in a directory to the disk, as bringToDisk does with a file's bytes.
 void bringDirectoryToDisk(const char* path);
 
+// As bringDirectoryToDisk, for the directory in which the path stands.
+void bringNameToDisk(const char* path);
+
 // --- osmodule.cpp
 
 using ModuleEntry = void (*)(const char* name);
