@@ -8,8 +8,9 @@
  *
  * The processes of a server call this interface instead of the operating system. It owns their
  * tagged memory, their table of managed files, what they share and say to each other, their system
- * log and the way out when a resource fails beyond repair. Everything is plain functions over tables that belong
- * to the process; the tables are made on first use, so nothing needs to be initialised.
+ * log and the way out when a resource fails beyond repair. Everything is plain functions over
+ * tables that belong to the process; the tables are made on first use, so nothing needs to be
+ * initialised.
  *
  * The rules of this page hold for every call and are not repeated there.
  *
@@ -41,7 +42,8 @@
  * it overflows a signed 32-bit number.
  *
  * A timed wait uses the alarm clock and the SIGALRM handler of the process and restores neither;
- * when a signal ends rm_syncWait(), the alarm is still to come. **Every lock that is entered, timed
+ * when a signal ends rm_syncWait(), the alarm is still to come, and would end a waiting
+ * rm_queueRead() fatally. **Every lock that is entered, timed
  * or not, ends with alarm(0)**, those of the managed files included: an alarm of the host does not
  * survive them.
  *
@@ -95,14 +97,14 @@
  *
  * Server processes are single-threaded and are made with fork. Five rules make sharing work:
  *
- * 1. **Create sync objects before the fork**, and shared memory and queues too. The children inherit
- *    the handles and share the objects. Creating adds 1 to a semaphore, so a process that creates
- *    an object which others already use raises it to 2, and the lock lets two in.
+ * 1. **Create sync objects before the fork**, and shared memory and queues too. The children
+ *    inherit the handles and share the objects. Creating adds 1 to a semaphore, so a process that
+ *    creates a sync object which others already use raises it to 2, and the lock lets two in.
  * 2. **That includes the two locks of the file layer.** A parent whose children use managed files
  *    calls rm_init() first. Otherwise each child would make its own.
  * 3. **Workers end with `_exit`.** rm_exit() in any process removes sync objects, shared memory and
- *    queues for all of them, and the next operation of the others is fatal. So is a fatal error in a worker without
- *    a target of its own: it ends in rm_exit(0).
+ *    queues for all of them, and the next use of a lock or a queue in the others is fatal. So is a
+ *    fatal error in a worker without a target of its own: it ends in rm_exit(0).
  * 4. **Workers open their files after the fork.** An inherited descriptor shares its offset with
  *    the parent's: a seek in one process moves the other. Whoever does use an inherited handle
  *    holds a lock of the host around every operation on it, in every process.
@@ -249,9 +251,11 @@ RM_NORETURN RM_API void rm_errorExit(void);
  * (rm_syncTerminate()) and all tagged memory (rm_freeall()), each step at most once per process.
  * Then it jumps to the exit target, or calls exit(code) when there is none.
  *
- * The IPC objects are removed **for every process that shares them**: workers end with `_exit`. When
- * control arrives at the exit target every tagged pointer and every file handle of the process has
- * become invalid.
+ * The IPC objects are removed **for every process that shares them**: workers end with `_exit`.
+ * When control arrives at the exit target every tagged pointer and every file handle of the process
+ * has become invalid. A step that fails is fatal like any other call: control arrives at the target
+ * for fatal errors, if there is one, and from there the next call goes on with the steps that are
+ * left.
  *
  * @param code what setjmp returns at the exit target, or the exit status (of which the platform
  *             keeps the low 8 bits). **A jump with code 0 arrives as 1**: setjmp cannot return 0
@@ -1043,7 +1047,8 @@ RM_API void rm_LOG_zFreeMemory(void* pointerAddress, int16_t tag);
 
 /**
  * Sets what is put before the name of each token file. Empty at first: the current directory.
- * An existing set keeps the token file that it was made with.
+ * Objects that exist keep the token file that they were made with. It is found by its path when it
+ * is removed: a process that has given no whole path stays in its directory.
  *
  * @param prefix at most 31 bytes, longer ones are cut; a directory ends with "/"
  * @fatal never
@@ -1159,18 +1164,24 @@ RM_API int16_t rm_syncResume(int16_t handle);
 RM_API int16_t rm_syncTerminate(void);
 
 /**
- * Frees a lock whose holder has died: one that is held, and on which a process operated last that no
- * longer exists. Nothing else is changed, and nothing is known of what the lock guarded: whoever
- * frees it sees to that.
+ * Frees a lock whose holder has died: one that is held, and on which a process operated last that
+ * no longer exists. Nothing else is changed, and nothing is known of what the lock guarded: whoever
+ * frees it sees to that before.
  *
- * For locks, not for events: a signalled event looks like a held lock, and would be reset. For one
- * process of a server, which calls it after having waited for a dead child: **until then the child
- * still exists**. A process that reuses the number of the dead one keeps the lock held; and when
- * somebody other than its holder operated on the lock last, that process is the one looked for. One
- * that nobody can be named for, such as a process of another container, counts as alive.
+ * For locks, not for events: a signalled event looks like a held lock, and would be reset. **For
+ * one process of a server**, as two that free the same lock at once could free that of a living
+ * holder; it calls this after having waited for a dead child: **until then the child still
+ * exists**. A process that reuses the number of the dead one keeps the lock held; and when somebody
+ * other than its holder operated on the lock last, that process is the one looked for. One that
+ * nobody can be named for, such as a process of another container, counts as alive.
+ *
+ * #fileSem and #growSem are locks like others here, once they exist. The line below enters #fileSem
+ * when it goes into a log file, and a dead process may hold that: whoever frees locks keeps the
+ * level below 2 meanwhile, see rm_systemLog().
  *
  * @param handle sync handle
- * @return 1 when the lock was freed; 0 when there was nothing to free
+ * @return 1 when the lock was freed; 0 when it is free, or its holder still exists, and for
+ *         ::RM_NULL_SYNC
  * @fatal syscall
  * @log "WARNING: lock %d freed, its holder %ld is gone" when it was; "Invalid Semaphore Handle";
  *      "semctl() failure"; "semop() failure"
@@ -1216,20 +1227,23 @@ RM_API void catchAlarm(int signalNumber);
  *             least as many. The machine's own limit is kernel.shmmax.
  * @param[out] address where the object is attached in this process; aligned to a page, and good
  *             until the process ends, even when the object is deleted
- * @return the handle, 0 to 19, lowest free slot first
+ * @return the handle, 0 to 19, lowest free slot first. A creation that failed keeps its slot, if
+ *         there is another object, until it is deleted.
  * @fatal syscall, memory
  * @memory the name's copy is the library's, under tag 0. rm_freeall(), or a release of tag 0,
  *         forgets the objects without removing them: delete them first.
- * @log "Out of Shared Memory Objects!" for the 21st object; "fopen() failure" when the token file
- *      cannot be made or is a symbolic link; "ftok() failure"; "shmget() failure", also for a size
- *      that the machine or the existing object does not allow; "shmat() failure"
+ * @log "Out of Shared Memory Objects!" for the 21st object, with the present errno;
+ *      "fopen() failure" when the token file cannot be made or is a symbolic link;
+ *      "ftok() failure"; "shmat() failure";
+ *      "shmget() failure", also for a size that the machine or the existing object does not allow
  */
 RM_API int16_t rm_gshmCreate(const char* name, uint32_t size, void** address);
 
 /**
  * Deletes an object: the system removes it when the last process that has attached it has ended.
  * **It is not detached here**, and its address stays good in this process. Who creates an object in
- * the slot from now on gets a new one. With the last object of the process its token file goes.
+ * the slot from now on gets a new one. With the last object of the process the token file goes,
+ * **for every process**: those that begin afterwards make a new one, with keys of its own.
  *
  * @param handle handle of the object; one that names none is accepted and does nothing
  * @return 0
@@ -1255,8 +1269,8 @@ RM_API int16_t rm_gshmTerminate(void);
  *
  * Messages of up to 32,767 bytes between processes, first in, first out. A process has up to 5
  * queues, each in a slot with a key of its own: that of the token file ".ZNT.RM.QUEUE", with the
- * prefix of rm_tokenName() before it, and the number of the slot. As with shared memory, **the order
- * of creation decides who meets**; a name is for rm_queueOpen() alone.
+ * prefix of rm_tokenName() before it, and the number of the slot. As with shared memory, **the
+ * order of creation decides who meets**; a name is for rm_queueOpen() alone.
  *
  * **A message has no addressee**: whoever reads a queue gets its oldest message. Give each reader a
  * queue of its own. Nothing waits for room: **writing to a full queue is fatal**, so let no more
@@ -1274,7 +1288,8 @@ RM_API int16_t rm_gshmTerminate(void);
  *
  * @param name **kept as a pointer, not copied**: it must stay as it is for as long as the queue
  *             exists, so give a literal. Null counts as an empty one.
- * @return the handle, 0 to 4, lowest free slot first
+ * @return the handle, 0 to 4, lowest free slot first. A creation that failed keeps its slot until
+ *         it is deleted.
  * @fatal syscall, memory
  * @memory the buffer of 32 KiB is the library's, under tag 0. rm_freeall(), or a release of tag 0,
  *         forgets the queues without removing them: delete them first.
@@ -1298,11 +1313,12 @@ RM_API int16_t rm_queueOpen(const char* name);
  * @param handle handle of the queue
  * @param data the bytes; may be null when there are none
  * @param length number of bytes, 0 to 32,767; a negative one is refused
- * @param code a number that goes with the message
+ * @param code a number that goes with the message, any value
  * @return 0
  * @fatal syscall, **also when the queue is full**
  * @log "Invalid Message Queue Handle" with error 0; "msgsnd() failure": with EAGAIN when the queue
- *      is full, with EINVAL for a negative length and for a message beyond kernel.msgmax
+ *      is full, with EINVAL for a negative length, for a message beyond kernel.msgmax, and when
+ *      another process has deleted the queue
  */
 RM_API int16_t rm_queueWrite(int16_t handle, const void* data, int16_t length, uint16_t code);
 
@@ -1311,7 +1327,7 @@ RM_API int16_t rm_queueWrite(int16_t handle, const void* data, int16_t length, u
  *
  * The buffer's size is not asked for. A queue is open to every user of the machine, so its buffer
  * needs room for 32,767 bytes, unless all of its writers are known. A message that the library has
- * not sent has as many bytes as were received behind its head, whatever it says of itself.
+ * not sent has as many bytes as it says, but no more than were received behind its head.
  *
  * @param handle handle of the queue
  * @param[in] dataPointer address of a pointer to the buffer for the bytes; the pointer stays as it
@@ -1323,14 +1339,15 @@ RM_API int16_t rm_queueWrite(int16_t handle, const void* data, int16_t length, u
  *         stored
  * @fatal syscall. **A wait that a signal interrupts is fatal** with EINTR when the signal has a
  *        handler: a host that waits blocks its signals, or reads without waiting.
- * @log "Invalid Message Queue Handle" with the present errno; "msgrcv() failure"
+ * @log "Invalid Message Queue Handle" with the present errno; "msgrcv() failure", also when another
+ *      process has deleted the queue, and for a foreign message of more than 32,776 bytes
  */
 RM_API int16_t rm_queueRead(int16_t handle, void* dataPointer, int16_t* length, uint16_t* code,
                             uint16_t flags);
 
 /**
  * Deletes a queue and the messages in it, for every process; who waits for one is woken, and ends
- * fatally. With the last queue of the process its token file goes.
+ * fatally. With the last queue of the process the token file goes, as with rm_gshmDelete().
  *
  * @param handle handle of the queue; one that names none is accepted and does nothing
  * @return 0
@@ -2060,11 +2077,12 @@ RM_API void rm_fileCounts(uint32_t* open, uint32_t* parked, uint32_t* parkings, 
  * @defgroup rm_copy File copy and move
  *
  * Whole files, through managed handles. **Both calls remove the destination first**, and what is
- * lost by that is lost even when they fail. Two spellings of one path are two paths: `"a"` copied to
- * `"./a"` is removed, and then cannot be opened.
+ * lost by that is lost even when they fail. Two spellings of one path are two paths: `"a"` copied
+ * to `"./a"` is removed, and then cannot be opened.
  *
- * Copying uses two handles. **Handle 0 does not count**: a process that has no managed file open
- * cannot copy, and the handle that it got stays open. An open log file is enough.
+ * Copying uses two handles. **Handle 0 counts as a failure**: while no managed file has it a copy
+ * fails, and the source stays open as handle 0. What a process opens first and keeps open, such as
+ * its log file, prevents it.
  *
  * @par Example
  * @include filecopy.c
@@ -2072,20 +2090,22 @@ RM_API void rm_fileCounts(uint32_t* open, uint32_t* parked, uint32_t* parkings, 
  */
 
 /**
- * Copies a file in steps of 4,096 bytes. The copy is a new file with the permissions of new files.
+ * Copies a file in steps of 4,096 bytes. The copy is a new file, open to its owner alone.
+ * A source of 4 GiB or more is copied as far as a position reaches, which counts as a failed read.
  *
  * **Success does not mean that all bytes arrived**: failed reads and writes are in the log and
- * nowhere else. A read that fails ends the copy; after a write that fails it goes on, and the copy
- * lacks those bytes. Who has to know compares lengths, or uses rm_fileMove(), which does know.
+ * nowhere else. A read that fails ends the copy; after a write that fails it goes on, as far as the
+ * source reached then, and the copy lacks those bytes. Who has to know compares lengths, or uses
+ * rm_fileMove(), which does know.
  *
  * @param source path of the file; a directory is copied as an empty file
  * @param destination path of the copy; a file there is removed, unless a handle of this process has
  *                    it open by the same path
  * @return 0, also when both paths are the same text: then nothing is done; ::RM_COPY_FAILED when
  *         either file cannot be opened
- * @fatal lock, memory
+ * @fatal lock, memory, syscall
  * @locks #fileSem, for each step
- * @log as rm_fileRead() and rm_fileWrite()
+ * @log as rm_fileOpen(), rm_fileRead(), rm_fileWrite() and rm_fileClose()
  */
 RM_API int32_t rm_fileCopy(const char* source, const char* destination);
 
@@ -2094,14 +2114,19 @@ RM_API int32_t rm_fileCopy(const char* source, const char* destination);
  * copies it and removes the source. The source is kept unless all its bytes have arrived and have
  * reached the disk.
  *
+ * Close both files before: a handle on either may lose its file. Where the call has to copy, a
+ * source that this process has open by the same path, or may not remove, stays, and the call
+ * returns 0. A copied file belongs to this process's user and is open to no other; #fileCommit 0
+ * leaves to the system when its bytes reach the disk.
+ *
  * @param source path of the file
- * @param destination its new path; a file there is removed first
+ * @param destination its new path; a file there is removed first, or replaced by the renaming
  * @return 0, also when both paths are the same text: then nothing is done; ::RM_COPY_FAILED when it
  *         could be neither renamed nor copied whole. Then the source is still there, and at the
  *         destination may be a part of it.
- * @fatal lock, memory
+ * @fatal lock, memory, syscall
  * @locks #fileSem, when it copies
- * @log as rm_fileRead() and rm_fileWrite()
+ * @log as rm_fileCopy()
  */
 RM_API int16_t rm_fileMove(const char* source, const char* destination);
 
@@ -2785,9 +2810,9 @@ RM_API int16_t bagFind(Bag* bag, const void* key, uint16_t* handle, void** point
  * creates its shared memory objects decides which bag it gets. Elements are bytes: they hold no
  * pointers. All processes have to see the same layout, so they agree on the types in them.
  *
- * Whoever may attach the area may change it. What a process reads and writes stays within the memory
- * that it asked for when it created the bag, and within the element size of then; a bag that leads
- * out of that is refused.
+ * Whoever may attach the area may change it. What a process reads and writes stays within the
+ * memory that it asked for when it created the bag, and within the element size of then; a bag that
+ * leads out of that is refused.
  *
  * @par Example
  * @include ffbag.c
@@ -2797,7 +2822,8 @@ RM_API int16_t bagFind(Bag* bag, const void* key, uint16_t* handle, void** point
 /**
  * Creates a bag, or joins one, and **empties it for everybody**: each creation clears the area. A
  * bag that others already use is therefore inherited over a fork, or created before they begin.
- * There is no call that destroys it; rm_gshmDelete(), rm_gshmTerminate() and rm_exit() do.
+ * There is no call that destroys it; rm_gshmTerminate() and rm_exit() do, and rm_gshmDelete() with
+ * the lowest number that was free before.
  *
  * @param capacity number of elements that the bag can hold, 0 to 65,535
  * @param elementSize bytes of an element, 0 to 65,535
@@ -2827,8 +2853,8 @@ RM_API int16_t ffBagPush(void* bag, const void* element);
  *
  * @param bag handle of the bag
  * @param[out] buffer where the element goes, as many bytes as the bag's element size
- * @return 0; ::RM_NO_ELEMENT when the bag is empty: the buffer stays as it is; ::RM_INVALID when the
- *         bag is damaged: nothing changes
+ * @return 0; ::RM_NO_ELEMENT when the bag is empty: the buffer stays as it is; ::RM_INVALID when
+ *         the bag is damaged: nothing changes
  * @fatal never
  */
 RM_API int16_t ffBagPop(void* bag, void* buffer);

@@ -15,6 +15,7 @@
 #include "rm/unix/unix.h"
 
 #include <cstring>
+#include <limits>
 
 namespace
 {
@@ -51,11 +52,17 @@ bool writeWhole(FileHandle handle, const char* bytes, uint32_t count)
 Arrival transfer(FileHandle source, FileHandle destination, char* buffer)
 {
     Arrival arrival = Arrival::kWritten;
+    uint32_t end = std::numeric_limits<uint32_t>::max();  // of what is read
     int16_t error = RM_SUCCESS;
     uint32_t count = file::readNext(source, buffer, kCopyBytes, &error);
     while (count != 0) {
-        if (!writeWhole(destination, buffer, count)) {
+        if (!writeWhole(destination, buffer, count) && arrival == Arrival::kWritten) {
             arrival = Arrival::kUnknown;
+            // The source may be the log file, which grows with every write that fails.
+            end = rm_fileLength(source);
+        }
+        if (rm_filePosition(source) >= end) {
+            break;
         }
         // Deliberate: each read asks for what the one before it gave.
         count = file::readNext(source, buffer, count, &error);
