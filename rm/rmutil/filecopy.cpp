@@ -15,7 +15,6 @@
 #include "rm/unix/unix.h"
 
 #include <cstring>
-#include <limits>
 
 namespace
 {
@@ -52,7 +51,7 @@ bool writeWhole(FileHandle handle, const char* bytes, uint32_t count)
 Arrival transfer(FileHandle source, FileHandle destination, char* buffer)
 {
     Arrival arrival = Arrival::kWritten;
-    uint32_t end = std::numeric_limits<uint32_t>::max();  // of what is read
+    uint32_t end = 0;  // of what is read once a write has failed
     int16_t error = RM_SUCCESS;
     uint32_t count = file::readNext(source, buffer, kCopyBytes, &error);
     while (count != 0) {
@@ -61,7 +60,7 @@ Arrival transfer(FileHandle source, FileHandle destination, char* buffer)
             // The source may be the log file, which grows with every write that fails.
             end = rm_fileLength(source);
         }
-        if (rm_filePosition(source) >= end) {
+        if (arrival == Arrival::kUnknown && rm_filePosition(source) >= end) {
             break;
         }
         // Deliberate: each read asks for what the one before it gave.

@@ -249,6 +249,10 @@ int16_t rm_queueTerminate()
 {
     // All of them before the count is looked at: a fatal error does not come back, nor does the
     // exit.
+    if (!anySlotUsed()) {
+        dropToken(&gfpRMQueueTokenFile, queueTokenPath);  // of a first creation without a slot
+        return RM_SUCCESS;
+    }
     for (QueueSlot& slot : rmQueue) {
         if (slot.name != nullptr) {
             removeQueue(&slot);

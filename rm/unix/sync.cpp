@@ -382,8 +382,15 @@ int16_t rm_syncRecover(int16_t handle)
         return 0;
     }
     const pid_t holder = lastOperator(handle);
-    if (holder <= 0 || isAlive(holder) || lastOperator(handle) != holder ||
-        !raiseFromZero(handle)) {
+    if (holder <= 0 || isAlive(holder)) {
+        return 0;
+    }
+    // The order counts. Standing at 0 while the last operator is, before and after that look, one
+    // that is dead, the lock is held by nobody alive; and at 0 nobody can operate on it any more,
+    // so it is still the dead one's when it is raised. One that was free would be entered
+    // meanwhile, perhaps by a new process that has been given the number of the dead one.
+    if (valueOf(handle, "rm_syncRecover") != 0 || lastOperator(handle) != holder ||
+        isAlive(holder) || !raiseFromZero(handle)) {
         return 0;
     }
     rm_systemLogWrite("WARNING: lock %d freed, its holder %ld is gone", handle,
