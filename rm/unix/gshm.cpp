@@ -159,11 +159,11 @@ int16_t rm_gshmDelete(int16_t handle)
 
 int16_t rm_gshmTerminate()
 {
-    // All of them before the first failure is told: that does not come back, nor does the exit.
     if (!anySlotUsed()) {
         dropToken(&gfpRMGshmTokenFile, gshmTokenPath);  // of a first creation without a slot
         return RM_SUCCESS;
     }
+    // All of them before the first failure is told: that does not come back, nor does the exit.
     int firstError = 0;
     for (GshmSlot& slot : rmGshm) {
         if (slot.name != nullptr) {

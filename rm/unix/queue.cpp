@@ -247,12 +247,12 @@ int16_t rm_queueDelete(int16_t handle)
 
 int16_t rm_queueTerminate()
 {
-    // All of them before the count is looked at: a fatal error does not come back, nor does the
-    // exit.
     if (!anySlotUsed()) {
         dropToken(&gfpRMQueueTokenFile, queueTokenPath);  // of a first creation without a slot
         return RM_SUCCESS;
     }
+    // All of them before the count is looked at: a fatal error does not come back, nor does the
+    // exit.
     for (QueueSlot& slot : rmQueue) {
         if (slot.name != nullptr) {
             removeQueue(&slot);
