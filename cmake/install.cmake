@@ -21,7 +21,7 @@ file(RELATIVE_PATH pc_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/_rm.pc.in ${PROJECT_BINARY_DIR}/_rm.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/_rm.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-foreach(tool IN ITEMS rmini rmheap)
+foreach(tool IN ITEMS rmini rmheap rmipc)
     if(TARGET ${tool})
         install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
         install(FILES tools/${tool}/${tool}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

@@ -26,7 +26,8 @@ mv first prefix
 installed=$(cd prefix && find . -type f | sort)
 for file in include/rm.h _rm.so _rm.a pkgconfig/_rm.pc cmake/_rm/_rm-config.cmake bin/rmini \
     man/man1/rmini.1 bash-completion/completions/rmini bin/rmheap man/man1/rmheap.1 \
-    bash-completion/completions/rmheap; do
+    bash-completion/completions/rmheap bin/rmipc man/man1/rmipc.1 bash-completion/completions/rmipc
+do
     grep -q "/$file\$" <<<"$installed" || { echo "not installed: $file"; exit 1; }
 done
 
@@ -52,3 +53,5 @@ grep -q '^\.Dt RMINI 1$' "$(find prefix -name rmini.1)"
 printf 'TOTAL :       24/    1 :     8144/    1 :   1\nMEMORY REPORT DONE\n' >report.log
 prefix/bin/rmheap --list report.log | grep -q . || { echo "rmheap does not work"; exit 1; }
 grep -q '^\.Dt RMHEAP 1$' "$(find prefix -name rmheap.1)"
+prefix/bin/rmipc list "$work/" | grep -q . || { echo "rmipc does not work"; exit 1; }
+grep -q '^\.Dt RMIPC 1$' "$(find prefix -name rmipc.1)"

@@ -77,18 +77,6 @@ void printTag(const Report& report, const Tag& tag, const Figures& figures)
 }
 }  // namespace
 
-std::string quoted(std::string_view printable)
-{
-    std::string text = "\"";
-    for (const char c : printable) {
-        if (c == '"' || c == '\\') {
-            text += '\\';
-        }
-        text += c;
-    }
-    return text + '"';
-}
-
 std::string orNull(const Figure& figure)
 {
     return figure ? std::to_string(*figure) : "null";

@@ -3,17 +3,16 @@
 #define RMHEAP_JSON_H
 
 #include "collect.h"
+#include "common/text.h"
 #include "figures.h"
 #include "report.h"
 
 #include <string>
-#include <string_view>
 
 namespace rmheap
 {
 
-// A JSON string with its quotes.
-std::string quoted(std::string_view printable);
+using tools::quoted;
 
 // A number or null.
 std::string orNull(const Figure& figure);

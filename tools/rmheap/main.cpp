@@ -18,35 +18,11 @@
 #include "text.h"
 
 #include <algorithm>
-#include <csignal>
-#include <cstdlib>
-#include <new>
 #include <string_view>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace
 {
 using namespace rmheap;
-
-// A file that is opened must not become the standard output of a program that has none.
-void holdStandardFiles()
-{
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        // The wrong way round, so that using it fails as it would without.
-        if (fcntl(fd, F_GETFD) == -1 &&
-            open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) == -1) {
-            std::_Exit(kFailed);
-        }
-    }
-}
-
-[[noreturn]] void outOfMemory()
-{
-    complain("out of memory");
-    std::_Exit(kFailed);
-}
 
 // Failure goes before all else, damage before doubt.
 int worst(int a, int b)
@@ -195,10 +171,7 @@ int showReport(const Options& options, const Terminal& terminal)
 
 int main(int argc, char** argv)
 {
-    holdStandardFiles();
-    std::signal(SIGPIPE, SIG_IGN);  // the write fails instead, and the status says so
-    std::signal(SIGXFSZ, SIG_IGN);
-    std::set_new_handler(outOfMemory);
+    tools::prepareProcess();
     Options options;
     switch (parseOptions(argc, argv, options)) {
         case CommandLine::kRun:

@@ -1,6 +1,7 @@
 // Command line of rmheap.
 #include "options.h"
 
+#include "common/console.h"
 #include "console.h"
 #include "text.h"
 
@@ -41,22 +42,22 @@ could not be read or written; 3 the heap is damaged; 4 the report is cut or
 contradicts itself. The manual page rmheap(1) tells what the figures mean.
 )";
 
-enum class Takes { kNothing, kValue, kMaybe };
-
-struct Option {
-    char letter;
-    std::string_view name;
-    Takes takes;
+constexpr tools::Option kOptions[] = {
+    {'s', "--svg", Takes::kValue},
+    {'r', "--report", Takes::kValue},
+    {'l', "--list"},
+    {'c', "--compare", Takes::kMaybe},
+    {'t', "--tag", Takes::kValue},
+    {'S', "--sort", Takes::kValue},
+    {'z', "--sizes", Takes::kMaybe},
+    {'H', "--human"},
+    {'j', "--json"},
+    {'q', "--quiet"},
+    tools::kHelpOption,
+    tools::kVersionOption,
 };
 
-constexpr Option kOptions[] = {
-    {'s', "--svg", Takes::kValue},    {'r', "--report", Takes::kValue},
-    {'l', "--list", Takes::kNothing}, {'c', "--compare", Takes::kMaybe},
-    {'t', "--tag", Takes::kValue},    {'S', "--sort", Takes::kValue},
-    {'z', "--sizes", Takes::kMaybe},  {'H', "--human", Takes::kNothing},
-    {'j', "--json", Takes::kNothing}, {'q', "--quiet", Takes::kNothing},
-    {'h', "--help", Takes::kNothing}, {'V', "--version", Takes::kNothing},
-};
+constexpr tools::Syntax kSyntax = {.options = kOptions, .shown = printable};
 
 struct SortName {
     std::string_view name;
@@ -70,19 +71,9 @@ constexpr SortName kSorts[] = {
     {"tag", Sort::kTag},         {"name", Sort::kName},
 };
 
-struct Reading {
-    Options* options;
-    int count;
-    char** arguments;
-    int next = 1;         // argument to be read
-    bool ended = false;   // "--" has been met
-    bool single = false;  // --report was given
-};
-
 CommandLine wrong(const std::string& what)
 {
-    complain(printable(what) + "; see rmheap --help");
-    return CommandLine::kWrong;
+    return tools::wrong(printable(what));
 }
 
 bool readNumber(std::string_view text, std::size_t& value)
@@ -132,15 +123,14 @@ CommandLine takeSizes(const char* value, Options& options)
     return CommandLine::kRun;
 }
 
-CommandLine apply(const Option& option, const char* value, Reading& reading)
+CommandLine apply(const tools::Option& option, const char* value, Options& options, bool& single)
 {
-    Options& options = *reading.options;
     switch (option.letter) {
         case 's':
             options.svg = value;
             return *value != '\0' ? CommandLine::kRun : wrong("--svg wants the name of a file");
         case 'r':
-            reading.single = true;
+            single = true;
             return readNumber(value, options.report)
                        ? CommandLine::kRun
                        : wrong("--report wants a number, as --list shows it, not \"" +
@@ -154,12 +144,6 @@ CommandLine apply(const Option& option, const char* value, Reading& reading)
             return takeSort(value, options);
         case 'z':
             return takeSizes(value, options);
-        case 'h':
-            print(kHelp);
-            return CommandLine::kDone;
-        case 'V':
-            print("rmheap " RMHEAP_VERSION "\n");
-            return CommandLine::kDone;
         default:
             options.list |= option.letter == 'l';
             options.json |= option.letter == 'j';
@@ -169,82 +153,22 @@ CommandLine apply(const Option& option, const char* value, Reading& reading)
     }
 }
 
-CommandLine unknownOption(std::string_view argument)
+CommandLine takeFile(const char* name, Options& options)
 {
-    return wrong("\"" + std::string(argument) + "\" is no option");
-}
-
-CommandLine takeLong(std::string_view argument, Reading& reading)
-{
-    const std::size_t equals = argument.find('=');
-    const std::string_view name = argument.substr(0, equals);
-    const auto* option = std::ranges::find(kOptions, name, &Option::name);
-    if (option == std::end(kOptions)) {
-        return unknownOption(argument);
+    if (*name == '\0') {
+        return wrong("the name of a LOG is empty");
     }
-    const char* value = nullptr;
-    if (equals != std::string_view::npos) {
-        value = argument.data() + equals + 1;
-    } else if (option->takes == Takes::kValue && reading.next < reading.count) {
-        value = reading.arguments[reading.next++];
-    }
-    if (value == nullptr && option->takes == Takes::kValue) {
-        return wrong(std::string(name) + " wants a value");
-    }
-    if (value != nullptr && option->takes == Takes::kNothing) {
-        return wrong(std::string(name) + " takes no value");
-    }
-    return apply(*option, value, reading);
-}
-
-CommandLine takeLetters(std::string_view argument, Reading& reading)
-{
-    CommandLine result = CommandLine::kRun;
-    for (std::size_t i = 1; i < argument.size() && result == CommandLine::kRun; ++i) {
-        const auto* option = std::ranges::find(kOptions, argument[i], &Option::letter);
-        if (option == std::end(kOptions)) {
-            return unknownOption(argument);
-        }
-        const char* value = nullptr;
-        if (option->takes == Takes::kValue) {
-            const bool attached = i + 1 < argument.size();
-            if (!attached && reading.next == reading.count) {
-                return wrong(std::string(option->name) + " wants a value");
-            }
-            value = attached ? argument.data() + i + 1 : reading.arguments[reading.next++];
-            i = argument.size();
-        }
-        result = apply(*option, value, reading);
-    }
-    return result;
-}
-
-CommandLine takeNext(Reading& reading)
-{
-    const char* argument = reading.arguments[reading.next++];
-    const std::string_view text = argument;
-    if (reading.ended || !text.starts_with('-') || text == "-") {
-        if (text.empty()) {
-            return wrong("the name of a LOG is empty");
-        }
-        reading.options->files.push_back(argument);
-        return CommandLine::kRun;
-    }
-    if (text == "--") {
-        reading.ended = true;
-        return CommandLine::kRun;
-    }
-    return text.starts_with("--") ? takeLong(text, reading) : takeLetters(text, reading);
+    options.files.push_back(name);
+    return CommandLine::kRun;
 }
 
 // Options that do not go together.
-CommandLine examine(const Reading& reading)
+CommandLine examine(const Options& options, bool single)
 {
-    const Options& options = *reading.options;
     if (options.list && options.compare) {
         return wrong("--list and --compare do not go together");
     }
-    if (reading.single && (options.list || options.compare)) {
+    if (single && (options.list || options.compare)) {
         return wrong(options.list ? "--report and --list do not go together"
                                   : "--report and --compare do not go together: --compare=A,B");
     }
@@ -261,17 +185,21 @@ CommandLine examine(const Reading& reading)
 
 CommandLine parseOptions(int argc, char** argv, Options& options)
 {
-    Reading reading = {};
-    reading.options = &options;
-    reading.count = argc;
-    reading.arguments = argv;
-    while (reading.next < argc) {
-        const CommandLine result = takeNext(reading);
-        if (result != CommandLine::kRun) {
-            return result;
-        }
-    }
-    return examine(reading);
+    tools::Arguments arguments = {.syntax = &kSyntax, .count = argc, .words = argv};
+    bool single = false;  // --report was given
+    const CommandLine result = tools::readArguments(
+        arguments,
+        [&](const tools::Option& option, const char* value) {
+            return apply(option, value, options, single);
+        },
+        [&](const char* name) { return takeFile(name, options); });
+    return result == CommandLine::kRun ? examine(options, single) : result;
 }
 
 }  // namespace rmheap
+
+const tools::Tool tools::kTool = {.name = "rmheap",
+                                  .version = RMHEAP_VERSION,
+                                  .help = rmheap::kHelp,
+                                  .unwritten = rmheap::kFailed,
+                                  .fatal = rmheap::kFailed};

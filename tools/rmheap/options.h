@@ -3,6 +3,7 @@
 #define RMHEAP_OPTIONS_H
 
 #include "collect.h"
+#include "common/cmdline.h"
 
 #include <cstddef>
 #include <string>
@@ -29,11 +30,8 @@ struct Options {
     bool quiet = false;
 };
 
-enum class CommandLine {
-    kRun,
-    kDone,   // what was asked for has been printed
-    kWrong,  // what is wrong has been printed
-};
+using tools::CommandLine;
+using tools::Takes;
 
 CommandLine parseOptions(int argc, char** argv, Options& options);
 

@@ -2,13 +2,17 @@
 #ifndef RMINI_CONSOLE_H
 #define RMINI_CONSOLE_H
 
+#include "common/console.h"
+
 #include "rm.h"
 
-#include <cstddef>
 #include <string_view>
 
 namespace rmini
 {
+
+using tools::finishOutput;
+using tools::print;
 
 enum Status {
     kOk = 0,
@@ -24,8 +28,7 @@ enum Status {
 // Notes are not printed from now on, nor that something was not found.
 void beQuiet();
 
-// Says on standard error what failed and what to do, in one write: the lines of several processes
-// do not mix. What follows a "\n" is indented below the first line.
+// Says on standard error what failed and what to do, as all tools do.
 void complain(const char* format, ...) RM_PRINTF(1, 2);
 
 // The same, for what the status tells as well: not when quiet.
@@ -37,13 +40,6 @@ struct Shown {
 };
 
 Shown shown(std::string_view name);
-
-// Standard output; what cannot be written is remembered.
-void print(std::string_view text);
-void print(char c);
-
-// Flushes standard output. The status, or kUnwritten with a message when the output was lost.
-int finishOutput(int status);
 
 }  // namespace rmini
 

@@ -15,45 +15,19 @@
 #include "store.h"
 
 #include <csetjmp>
-#include <csignal>
 #include <cstdlib>
-#include <new>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace
 {
 // Static, and not locals of main: a jump leaves them alone.
 rmini::Options options;
 jmp_buf fatalTarget;
-
-// A file that is opened must not become the standard output of a program that has none.
-void holdStandardFiles()
-{
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        // The wrong way round, so that using it fails as it would without.
-        if (fcntl(fd, F_GETFD) == -1 &&
-            open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) == -1) {
-            std::_Exit(rmini::kFatal);
-        }
-    }
-}
-
-[[noreturn]] void outOfMemory()
-{
-    rmini::complain("out of memory");
-    std::_Exit(rmini::kFatal);
-}
 }  // namespace
 
 int main(int argc, char** argv)
 {
     using namespace rmini;
-    holdStandardFiles();
-    std::signal(SIGPIPE, SIG_IGN);  // the write fails instead, and the status says so
-    std::signal(SIGXFSZ, SIG_IGN);
-    std::set_new_handler(outOfMemory);
+    tools::prepareProcess();
     switch (parseOptions(argc, argv, options)) {
         case CommandLine::kRun:
             break;

@@ -7,10 +7,11 @@
 #include "options.h"
 
 #include "check.h"
+#include "common/cmdline.h"
+#include "common/console.h"
 #include "console.h"
 
 #include <algorithm>
-#include <cctype>
 #include <string>
 #include <string_view>
 
@@ -74,54 +75,48 @@ constexpr uint32_t bit(Command command)
     return uint32_t{1} << static_cast<uint32_t>(command);
 }
 
-constexpr uint32_t kEvery = UINT32_MAX;
+using tools::Takes;
 
-struct Option {
-    char letter;
-    std::string_view name;
-    uint32_t commands;  // a bit for each that it belongs to
-    bool takesValue;
+constexpr tools::Option kOptions[] = {
+    {'d', "--default", Takes::kValue, bit(Command::kGet)},
+    {'c', "--create", Takes::kNothing, bit(Command::kSet)},
+    {'i', "--insert", Takes::kNothing, bit(Command::kSet)},
+    {'D', "--diff", Takes::kNothing, bit(Command::kSet) | bit(Command::kDelete)},
+    {'n', "--dry-run", Takes::kNothing, bit(Command::kSet) | bit(Command::kDelete)},
+    {'v', "--values", Takes::kNothing, bit(Command::kKeys)},
+    {'z', "--null", Takes::kNothing, bit(Command::kSections) | bit(Command::kKeys)},
+    {'x', "--ignore", Takes::kValue, bit(Command::kCheck)},
+    {'q', "--quiet"},
+    tools::kHelpOption,
+    tools::kVersionOption,
+    {'C', "--check", Takes::kNothing, bit(Command::kCheck), true},
 };
 
-constexpr Option kOptions[] = {
-    {'d', "--default", bit(Command::kGet), true},
-    {'c', "--create", bit(Command::kSet), false},
-    {'i', "--insert", bit(Command::kSet), false},
-    {'D', "--diff", bit(Command::kSet) | bit(Command::kDelete), false},
-    {'n', "--dry-run", bit(Command::kSet) | bit(Command::kDelete), false},
-    {'v', "--values", bit(Command::kKeys), false},
-    {'z', "--null", bit(Command::kSections) | bit(Command::kKeys), false},
-    {'x', "--ignore", bit(Command::kCheck), true},
-    {'q', "--quiet", kEvery, false},
-    {'h', "--help", kEvery, false},
-    {'V', "--version", kEvery, false},
-    {'C', "--check", bit(Command::kCheck), false},
+constexpr tools::Syntax kSyntax = {
+    .options = kOptions,
+    .shown = [](std::string_view word) { return std::string(shown(word).text); },
+    // What might have been meant as a name or value, and begins with "-".
+    .advice = "; before a name or value like that write --",
+    .numbersAreOperands = true,
 };
 
 // What has been read of the command line.
 struct Reading {
     Options* options;
-    int count;
-    char** arguments;
-    int next = 1;        // argument to be read
-    bool ended = false;  // "--" has been met
+    tools::Arguments arguments;
     const CommandName* command = nullptr;
-    std::vector<const Option*> seen;  // to be compared with the command, which may come later
 };
-
-// What might have been meant as a name or value, and begins with "-".
-constexpr const char* kAdvice = "; before a name or value like that write --";
 
 CommandLine wrong(const std::string& what)
 {
-    complain("%s; see rmini --help", what.c_str());
-    return CommandLine::kWrong;
+    return tools::wrong(what);
 }
 
-bool isOption(std::string_view argument)
+void setCommand(const CommandName& command, Reading& reading)
 {
-    return argument.size() > 1 && argument[0] == '-' &&
-           std::isdigit(static_cast<unsigned char>(argument[1])) == 0;
+    reading.command = &command;
+    reading.arguments.command = bit(command.command);
+    reading.arguments.commandName = command.name;
 }
 
 CommandLine ignoreKinds(std::string_view names, Options& options)
@@ -138,10 +133,9 @@ CommandLine ignoreKinds(std::string_view names, Options& options)
     return CommandLine::kRun;
 }
 
-CommandLine apply(const Option& option, const char* value, Reading& reading)
+CommandLine apply(const tools::Option& option, const char* value, Reading& reading)
 {
     Options& options = *reading.options;
-    reading.seen.push_back(&option);
     switch (option.letter) {
         case 'd':
             options.defaultValue = value;
@@ -149,14 +143,8 @@ CommandLine apply(const Option& option, const char* value, Reading& reading)
         case 'x':
             return ignoreKinds(value, options);
         case 'C':
-            reading.command = &kCommands[static_cast<std::size_t>(Command::kCheck)];
+            setCommand(kCommands[static_cast<std::size_t>(Command::kCheck)], reading);
             break;
-        case 'h':
-            print(kHelp);
-            return CommandLine::kDone;
-        case 'V':
-            print("rmini " RMINI_VERSION "\n");
-            return CommandLine::kDone;
         default:
             options.quiet |= option.letter == 'q';
             options.create |= option.letter == 'c';
@@ -170,72 +158,6 @@ CommandLine apply(const Option& option, const char* value, Reading& reading)
     return CommandLine::kRun;
 }
 
-CommandLine unknownOption(std::string_view argument)
-{
-    return wrong("\"" + std::string(shown(argument).text) + "\" is no option" + kAdvice);
-}
-
-// False when the command is known and does not have the option.
-bool belongs(const Option& option, const Reading& reading)
-{
-    return reading.command == nullptr || (option.commands & bit(reading.command->command)) != 0;
-}
-
-CommandLine ofAnother(const Option& option, const CommandName& command)
-{
-    return wrong(std::string(option.name) + " is no option of rmini " + std::string(command.name) +
-                 kAdvice);
-}
-
-CommandLine takeLong(std::string_view argument, Reading& reading)
-{
-    const std::size_t equals = argument.find('=');
-    const std::string_view name = argument.substr(0, equals);
-    const auto* option = std::ranges::find(kOptions, name, &Option::name);
-    if (option == std::end(kOptions)) {
-        return unknownOption(argument);
-    }
-    if (!belongs(*option, reading)) {
-        return ofAnother(*option, *reading.command);
-    }
-    const char* value = nullptr;
-    if (equals != std::string_view::npos) {
-        value = argument.data() + equals + 1;
-    } else if (option->takesValue && reading.next < reading.count) {
-        value = reading.arguments[reading.next++];
-    }
-    if ((value != nullptr) != option->takesValue) {
-        return option->takesValue ? wrong(std::string(name) + " wants a value" + kAdvice)
-                                  : wrong(std::string(name) + " takes no value");
-    }
-    return apply(*option, value, reading);
-}
-
-CommandLine takeLetters(std::string_view argument, Reading& reading)
-{
-    CommandLine result = CommandLine::kRun;
-    for (std::size_t i = 1; i < argument.size() && result == CommandLine::kRun; ++i) {
-        const auto* option = std::ranges::find(kOptions, argument[i], &Option::letter);
-        if (option == std::end(kOptions) || option->letter == 'C') {
-            return unknownOption(argument);
-        }
-        if (!belongs(*option, reading)) {
-            return ofAnother(*option, *reading.command);
-        }
-        const char* value = nullptr;
-        if (option->takesValue) {
-            const bool attached = i + 1 < argument.size();
-            if (!attached && reading.next == reading.count) {
-                return wrong(std::string(option->name) + " wants a value" + kAdvice);
-            }
-            value = attached ? argument.data() + i + 1 : reading.arguments[reading.next++];
-            i = argument.size();
-        }
-        result = apply(*option, value, reading);
-    }
-    return result;
-}
-
 CommandLine takeOperand(const char* argument, Reading& reading)
 {
     if (reading.command != nullptr) {
@@ -246,22 +168,8 @@ CommandLine takeOperand(const char* argument, Reading& reading)
     if (found == std::end(kCommands)) {
         return wrong("there is no command \"" + std::string(shown(argument).text) + "\"");
     }
-    reading.command = found;
+    setCommand(*found, reading);
     return CommandLine::kRun;
-}
-
-CommandLine takeNext(Reading& reading)
-{
-    const char* argument = reading.arguments[reading.next++];
-    const std::string_view text = argument;
-    if (reading.ended || !isOption(text)) {
-        return takeOperand(argument, reading);
-    }
-    if (text == "--") {
-        reading.ended = true;
-        return CommandLine::kRun;
-    }
-    return text.starts_with("--") ? takeLong(text, reading) : takeLetters(text, reading);
 }
 
 CommandLine examine(const Reading& reading)
@@ -271,10 +179,8 @@ CommandLine examine(const Reading& reading)
     if (command == nullptr) {
         return wrong("a command is missing");
     }
-    for (const Option* option : reading.seen) {
-        if (!belongs(*option, reading)) {
-            return ofAnother(*option, *command);
-        }
+    if (tools::checkSeen(reading.arguments) != CommandLine::kRun) {
+        return CommandLine::kWrong;
     }
     const std::size_t count = options.operands.size();
     if (count < command->least || count > command->most) {
@@ -297,15 +203,16 @@ CommandLine parseOptions(int argc, char** argv, Options& options)
 {
     Reading reading = {};
     reading.options = &options;
-    reading.count = argc;
-    reading.arguments = argv;
-    while (reading.next < argc) {
-        const CommandLine result = takeNext(reading);
-        if (result != CommandLine::kRun) {
-            return result;
-        }
+    reading.arguments = {.syntax = &kSyntax, .count = argc, .words = argv};
+    CommandLine result = tools::readArguments(
+        reading.arguments,
+        [&](const tools::Option& option, const char* value) {
+            return apply(option, value, reading);
+        },
+        [&](const char* word) { return takeOperand(word, reading); });
+    if (result == CommandLine::kRun) {
+        result = examine(reading);
     }
-    const CommandLine result = examine(reading);
     if (result == CommandLine::kRun) {
         options.command = reading.command->command;
     }
@@ -313,3 +220,9 @@ CommandLine parseOptions(int argc, char** argv, Options& options)
 }
 
 }  // namespace rmini
+
+const tools::Tool tools::kTool = {.name = "rmini",
+                                  .version = RMINI_VERSION,
+                                  .help = rmini::kHelp,
+                                  .unwritten = rmini::kUnwritten,
+                                  .fatal = rmini::kFatal};

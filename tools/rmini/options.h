@@ -2,6 +2,8 @@
 #ifndef RMINI_OPTIONS_H
 #define RMINI_OPTIONS_H
 
+#include "common/cmdline.h"
+
 #include <cstdint>
 #include <vector>
 
@@ -24,11 +26,7 @@ struct Options {
     bool null = false;  // lists are separated by zero bytes
 };
 
-enum class CommandLine {
-    kRun,
-    kDone,   // what was asked for has been printed
-    kWrong,  // what is wrong has been printed
-};
+using tools::CommandLine;
 
 CommandLine parseOptions(int argc, char** argv, Options& options);
 
