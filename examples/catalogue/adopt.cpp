@@ -1,9 +1,9 @@
 // Gives the library, and this host, the settings: at the start, and while the run goes on.
 //
-// Why: limits, environment and log belong to each process, and the file is read by one. The parent
-// reads and checks it as a whole, takes over what can change, and puts the outcome on the board;
-// the workers take it from there between two requests. So no process ever works with half of a
-// file, and nobody but the parent has to say what was wrong with it.
+// Why: limits, environment and log belong to each process, and the file is read by one. The desk
+// (the parent while there is no desk) reads and checks it as a whole, takes over what can change,
+// and puts the outcome on the board; the workers take it from there between two requests. So no
+// process ever works with half of a file, and nobody else has to say what was wrong with it.
 //
 // When: SIGHUP asks for it. The parent keeps its signals blocked and fetches them where it stands
 // between two steps, so no call of the library is interrupted, and none is made from a handler.
@@ -28,7 +28,7 @@ namespace
 {
 constexpr uint64_t kDefaultUpdateOneIn = 4;
 
-uint32_t reloads = 0;
+uint32_t reloads = 0;  // the number of this one
 bool saidDiskFull = false;
 
 const char* nextEntry(const char* entry)
@@ -170,7 +170,7 @@ void reloadSettings(const Options& options, Profile& profile, Settings& settings
     static Problems problems;
     found = profile;
     problems = {};
-    ++reloads;
+    reloads = ++board.reloads;
     count(kReloads);
     if (!readSettings(found, options.given, now, problems)) {
         for (uint32_t i = 0; i < problems.count; ++i) {
@@ -198,22 +198,21 @@ void reloadSettings(const Options& options, Profile& profile, Settings& settings
     changeJournal(settings, now);
     apply(settings, now);
     settings = now;
-    publishSettings(board.settings, settings);
+    publishSettings(board, settings);
     note("reload %u: settings %u are in effect", reloads, board.settings.generation.load());
 }
 
-void followSettings(const Board& board, Settings& settings, uint32_t& generation)
+bool followSettings(const Board& board, Settings& settings, uint32_t& generation)
 {
     if (board.settings.generation.load(std::memory_order_relaxed) == generation) {
-        return;
+        return false;
     }
     static Settings before;
     before = settings;
     generation = copySettings(board.settings, settings);
     followJournal(before, settings);
     apply(before, settings);
-    count(kReloads);
-    note("settings %u are in effect", generation);
+    return true;
 }
 
 void watchDisk()

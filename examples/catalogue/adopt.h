@@ -18,13 +18,14 @@ void readWithoutLocks();
 // layer, the environment, counters and log.
 void startLibrary(const Settings& settings, const Profile& profile);
 
-// In the parent, between two steps: reads the settings again. New ones are taken over as far as a
-// running server can, and published; a file with faults changes nothing. The log says what came of
-// it.
+// In the desk, and in the parent while there is none, between two steps: reads the settings again.
+// New ones are taken over as far as a running server can, and published; a file with faults changes
+// nothing. The log says what came of it.
 void reloadSettings(const Options& options, Profile& profile, Settings& settings, Board& board);
 
-// In a worker, between two requests: takes over what the parent has published since `generation`.
-void followSettings(const Board& board, Settings& settings, uint32_t& generation);
+// In the others, between two steps: takes over what was published since `generation`. False when
+// nothing was.
+bool followSettings(const Board& board, Settings& settings, uint32_t& generation);
 
 // Says once that the disk has become so full that the library extends no file ahead of writes.
 void watchDisk();

@@ -1,37 +1,65 @@
-// What the processes of a run tell each other: memory that they share from before the fork.
+// What the processes of a run tell each other: memory that they share.
 //
 // Why: the parent must know how many updates each record has had, also when the worker that made
-// them is dead, and it must know in the middle of what that worker died. Messages in a pipe would
-// be lost with their sender's buffer; these words are there the moment they are written.
+// them is dead, and a worker that takes the place of a dead one must know in the middle of what
+// that one died. Messages would be lost with their sender; these words are there the moment they
+// are written.
 //
-// Owns: one anonymous mapping. It has no name, so nothing of it can be left behind.
+// Owns: the first segment of global shared memory, so that a client, which inherits nothing, finds
+// its head there. Records and intents stand behind the board, by offsets: the segment is not at the
+// same address for everybody.
+//
+// Fatal: no segment of that size.
 #include "board.h"
 
-#include "console.h"
 #include "journal.h"
 
 #include "rm.h"
 
-#include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <new>
 
-#include <sys/mman.h>
+#include <unistd.h>
 
 namespace catalogue
 {
 namespace
 {
-void* mapShared(std::size_t bytes)
+constexpr uint64_t kAlignment = 64;  // so that two processes do not share a line of the cache
+
+constexpr uint64_t aligned(uint64_t bytes)
 {
-    void* area = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    return area == MAP_FAILED ? nullptr : area;
+    return (bytes + kAlignment - 1) / kAlignment * kAlignment;
+}
+
+struct Places {
+    uint64_t records;
+    uint64_t intents;
+    uint64_t stride;
+    uint64_t bytes;
+};
+
+Places placesOf(uint32_t records, uint32_t largest)
+{
+    Places places = {};
+    places.records = aligned(sizeof(Board));
+    places.intents = aligned(places.records + records * sizeof(RecordState));
+    places.stride = aligned(sizeof(Intent) + imageSize(largest));
+    places.bytes = places.intents + kMaxWorkers * places.stride;
+    return places;
+}
+
+char* at(Board& board, uint64_t offset)
+{
+    return reinterpret_cast<char*>(&board) + offset;
 }
 }  // namespace
 
-void publishSettings(SharedSettings& shared, const Settings& settings)
+void publishSettings(Board& board, const Settings& settings)
 {
+    SharedSettings& shared = board.settings;
     uint32_t words[kSettingsWords];
     std::memcpy(words, &settings, sizeof(words));
     const uint32_t next = shared.generation.load(std::memory_order_relaxed) + 1;
@@ -41,6 +69,7 @@ void publishSettings(SharedSettings& shared, const Settings& settings)
         shared.words[next % 2][i].store(words[i], std::memory_order_relaxed);
     }
     shared.generation.store(next, std::memory_order_release);
+    board.head.figures.generation = next;
 }
 
 uint32_t copySettings(const SharedSettings& shared, Settings& settings)
@@ -84,18 +113,58 @@ void noteResources(Figures& figures, const FileMoves& before, int16_t tag, uint3
     publishCounters(figures.counter);
 }
 
-Board* makeBoard(uint32_t records)
+RecordState& recordState(Board& board, uint32_t record)
 {
-    void* board = mapShared(sizeof(Board));
-    void* updates = mapShared(records * sizeof(std::atomic<uint32_t>));
-    if (board == nullptr || updates == nullptr) {
-        complain("cannot map memory for %u records: %s", records, std::strerror(errno));
-        return nullptr;
+    return reinterpret_cast<RecordState*>(at(board, board.recordsAt))[record];
+}
+
+const RecordState& recordState(const Board& board, uint32_t record)
+{
+    return recordState(const_cast<Board&>(board), record);
+}
+
+Intent& intentOf(Board& board, uint32_t worker)
+{
+    return *reinterpret_cast<Intent*>(at(board, board.intentsAt + worker * board.intentStride));
+}
+
+char* imageOf(Intent& intent)
+{
+    return reinterpret_cast<char*>(&intent + 1);
+}
+
+uint64_t boardBytes(uint32_t records, uint32_t largest)
+{
+    return placesOf(records, largest).bytes;
+}
+
+Board* makeBoard(uint32_t records, uint32_t largest)
+{
+    const Places places = placesOf(records, largest);
+    void* area = nullptr;
+    rm_gshmCreate(kBoardName, static_cast<uint32_t>(places.bytes), &area);
+    auto* const board = new (area) Board();
+    board->recordsAt = places.records;
+    board->intentsAt = places.intents;
+    board->intentStride = places.stride;
+    board->imageRoom = imageSize(largest);
+    std::uninitialized_value_construct_n(&recordState(*board, 0), records);
+    for (uint32_t i = 0; i < kMaxWorkers; ++i) {
+        new (&intentOf(*board, i)) Intent();
     }
-    auto* const made = new (board) Board();
-    made->updatesOf = static_cast<std::atomic<uint32_t>*>(updates);
-    std::uninitialized_value_construct_n(made->updatesOf, records);
-    return made;
+    board->head.layout = kBoardLayout;
+    board->head.headBytes = sizeof(BoardHead);
+    board->head.boardBytes = places.bytes;
+    board->head.figures.pid = getpid();
+    board->head.figures.started = std::time(nullptr);
+    board->head.figures.records = records;
+    board->head.figures.window = kWindow;
+    return board;
+}
+
+void openBoard(Board& board)
+{
+    board.head.magic.store(kBoardMagic, std::memory_order_release);
 }
 
 }  // namespace catalogue

@@ -76,6 +76,11 @@ Entered returnBuffer(char* buffer, const Board& board)
     return entered;
 }
 
+int16_t buffersLock()
+{
+    return rm_syncOpen(kName);
+}
+
 void freeBuffers()
 {
     if (rm_zFreePool(&pool) == RM_TIMEOUT) {

@@ -19,8 +19,11 @@ Entered takeBuffer(uint32_t bytes, const Board& board, char*& buffer);
 // Gives it back. Only kYes has done so.
 Entered returnBuffer(char* buffer, const Board& board);
 
-// Frees the pool. Only where every worker has ended in order: one that was killed may hold the
-// lock.
+// The lock, for whoever frees those of dead workers.
+int16_t buffersLock();
+
+// Frees the pool. Only where every worker has ended, and the locks of those that were killed are
+// freed.
 void freeBuffers();
 
 }  // namespace catalogue

@@ -27,6 +27,8 @@ namespace
 constexpr std::size_t kLineRoom = 240;  // bytes of a line, as composed here
 constexpr int16_t kCountersInALine = 6;
 
+char reason[200] = "standard error says why";
+
 // Appends to a line, as far as there is room.
 void append(char (&line)[kLineRoom], std::size_t& length, const char* format, ...) RM_PRINTF(3, 4);
 
@@ -55,29 +57,42 @@ void noteSettings(const Settings& settings)
 }
 }  // namespace
 
-void noteStart(const Job& job)
+void noteStart(const Host& host)
 {
-    note("start: process %d, semaphore set %d, files in %s", getpid(), job.directory.setId(),
-         job.directory.path().c_str());
-    if (job.profile.found) {
-        note("settings: read from %s", job.profile.path);
+    note("start: process %d, semaphore set %d, files in %s", getpid(), host.directory.setId(),
+         host.directory.path().c_str());
+    if (host.profile.found) {
+        note("settings: read from %s", host.profile.path);
     } else {
-        note("settings: there is no %s; these are the defaults", job.profile.path);
+        note("settings: there is no %s; these are the defaults", host.profile.path);
     }
-    if (job.profile.foreign[0] != '\0') {
-        note("settings: sections for others are left alone: %s", job.profile.foreign);
+    if (host.profile.foreign[0] != '\0') {
+        note("settings: sections for others are left alone: %s", host.profile.foreign);
     }
-    noteSettings(job.settings);
-    for (const char* entry = job.settings.environment; *entry != '\0';
+    noteSettings(host.settings);
+    for (const char* entry = host.settings.environment; *entry != '\0';
          entry += std::strlen(entry) + 1) {
         note("settings: [ENVIRONMENT] %s", entry);
     }
-    note("formats: %s, from %s", formatNames(job.formats).text, job.formats.directory);
-    if (job.formats.refused[0] != '\0') {
-        note("formats: modules that cannot be used, as said above:%s", job.formats.refused);
+    note("formats: %s, from %s", formatNames(host.formats).text, host.formats.directory);
+    if (host.formats.refused[0] != '\0') {
+        note("formats: modules that cannot be used, as said above:%s", host.formats.refused);
     }
-    note("input: %s records of %s bytes", grouped(job.input.records.size()).text,
-         grouped(job.input.bytes).text);
+    note("input: %s records of %s bytes", grouped(host.input.records.size()).text,
+         grouped(host.input.bytes).text);
+}
+
+void endBecause(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(reason, sizeof(reason), format, arguments);
+    va_end(arguments);
+}
+
+const char* endReason()
+{
+    return reason;
 }
 
 void noteEnd(const Board& board, double seconds)

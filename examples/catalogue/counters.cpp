@@ -18,9 +18,11 @@ namespace
 constexpr const char* kNames[] = {
     "lookups",    "updates",      "misses",     "records moved",  "growth steps",
     "file syncs", "bucket locks", "lock waits", "lock time-outs", "sessions",
-    "buffers",    "reloads",      "warnings",
+    "buffers",    "file copies",  "reloads",    "warnings",
 };
 static_assert(std::size(kNames) == kCounters);
+
+uint32_t before[kCounters];  // counted by the predecessors of this process
 }  // namespace
 
 const char* counterName(Counter counter)
@@ -33,6 +35,18 @@ void startCounters()
     rm_statInit(kCounters);
 }
 
+void resumeCounters(const std::atomic<uint32_t> (&board)[kCounters])
+{
+    std::copy(std::begin(board), std::end(board), std::begin(before));
+}
+
+uint32_t counted(Counter counter)
+{
+    uint16_t available = 0;
+    const uint32_t* counters = rm_statRep(&available);
+    return counter < available ? counters[counter] : 0;
+}
+
 void count(Counter counter, uint16_t amount)
 {
     rm_statInc(counter, amount);
@@ -43,7 +57,7 @@ void publishCounters(std::atomic<uint32_t> (&board)[kCounters])
     uint16_t available = 0;
     const uint32_t* counters = rm_statRep(&available);
     for (uint16_t i = 0; i < std::min<uint16_t>(available, kCounters); ++i) {
-        board[i].store(counters[i], std::memory_order_relaxed);
+        board[i].store(before[i] + counters[i], std::memory_order_relaxed);
     }
 }
 

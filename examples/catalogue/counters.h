@@ -21,6 +21,7 @@ enum Counter : int16_t {
     kLockTimeouts,  // seconds after which such a wait looked up
     kSessions,      // that clients have opened
     kBuffers,       // taken out of the pool
+    kCopies,        // of bucket files, as backups
     kReloads,       // times that new settings were taken
     kWarnings,      // lines of the log that begin so
     kCounters       // how many there are
@@ -28,10 +29,16 @@ enum Counter : int16_t {
 
 const char* counterName(Counter counter);
 
-// Makes the counters of this process, all 0. A worker calls it too: it inherits the parent's.
+// Makes the counters of this process, all 0. A child calls it too: it inherits the parent's.
 void startCounters();
 
+// In a worker: what it publishes begins with what stands there, from those before it.
+void resumeCounters(const std::atomic<uint32_t> (&board)[kCounters]);
+
 void count(Counter counter, uint16_t amount = 1);
+
+// What this process has counted itself.
+uint32_t counted(Counter counter);
 
 // Copies the counters to the board. This process is the only one that writes there.
 void publishCounters(std::atomic<uint32_t> (&board)[kCounters]);

@@ -21,7 +21,8 @@
 // while a report is written.
 //
 // Locks: a line for the file enters the library's lock of the file table. A worker that was killed
-// may hold it, so the end of a bad run is written with the calls for bare descriptors, which know
+// may hold it until the parent has freed it, so the parent writes none while there are workers, and
+// the end of a bad run is written with the calls for bare descriptors, which know
 // no lock, and the handle is left to the end of the process.
 //
 // Fatal: opening, when the file has become unwritable since its path was checked.
@@ -48,8 +49,11 @@ constexpr int16_t kLevelWithFile = 2;
 
 const char* name = "parent";
 char openPath[kPathRoom];  // of the log file, while there is one
-bool begun = false;        // a log file, by this process: another report goes behind the first
-int standardError = -1;    // a copy of it, while it leads nowhere
+// A log file, by any process of the run: another report goes behind the first.
+std::atomic<uint32_t> begunHere = 0;
+std::atomic<uint32_t>* begun = &begunHere;
+int16_t suspended = RM_NONE;  // the log handle, while the file gets nothing
+int standardError = -1;       // a copy of it, while it leads nowhere
 
 // The message with the name before it. A format is not passed on: the text may hold a "%".
 void expand(char (&line)[kLineRoom], const char* kind, const char* format, va_list arguments)
@@ -71,14 +75,14 @@ void openFile(const char* path)
     rm_systemLogOpen(path);
     rm_fileClose(sysfile);  // and with its handle the library's use of it
     joinFile(path);
-    begun = true;
+    *begun = 1;
 }
 
 // Opens the log file for a report, below the level that has it open anyway.
 void openForReport(const char* path)
 {
     rm_systemLog(kLevelWithFile);
-    if (begun) {
+    if (*begun != 0) {
         joinFile(path);
     } else {
         openFile(path);
@@ -147,6 +151,24 @@ void openJournal(const Settings& settings)
     if (syslogon >= kLevelWithFile && findLogPath(settings, path)) {
         openFile(path);
     }
+}
+
+void shareJournal(std::atomic<uint32_t>& shared)
+{
+    shared = begun->load();
+    begun = &shared;
+}
+
+void suspendJournal()
+{
+    suspended = sysfile;
+    sysfile = RM_NONE;
+}
+
+void resumeJournal()
+{
+    sysfile = suspended;
+    suspended = RM_NONE;
 }
 
 void changeJournal(const Settings& before, Settings& now)
@@ -218,7 +240,8 @@ void closeJournalInHaste(const char* format, ...)
     expand(line, "", format, arguments);
     va_end(arguments);
 
-    const bool toFile = sysfile != RM_NONE && syslogon >= kLevelWithFile;
+    const bool open = sysfile != RM_NONE || suspended != RM_NONE;
+    const bool toFile = open && syslogon >= kLevelWithFile;
     sysfile = RM_NONE;  // rm_exit, too, would wait for the lock to close it
     if (syslogon != 0) {
         makeWay();

@@ -6,6 +6,9 @@
 
 #include "rm.h"
 
+#include <atomic>
+#include <cstdint>
+
 namespace catalogue
 {
 
@@ -23,11 +26,22 @@ void warn(const char* format, ...) RM_PRINTF(1, 2);
 // the extension .bak.
 void openJournal(const Settings& settings);
 
-// In the parent: goes over to new settings. When that begins another file, `now` gets a new number
-// for it, by which the workers notice.
+// Before the fork, and after openJournal: where the processes tell each other that there is a log
+// file of this run, so that each goes on with it.
+void shareJournal(std::atomic<uint32_t>& shared);
+
+// In the parent, before it forks: its lines go to standard error only, so that none waits for the
+// lock of the file table, which a dead worker may hold.
+void suspendJournal();
+
+// In a child, first of all, and in the parent when no child is left: they go to the file again.
+void resumeJournal();
+
+// In the process that reads the settings: goes over to new settings. When that begins another file,
+// `now` gets a new number for it, by which the workers notice.
 void changeJournal(const Settings& before, Settings& now);
 
-// In a worker: follows the parent to its file.
+// In the others: follows it to its file.
 void followJournal(const Settings& before, const Settings& now);
 
 // Writes what the heap of this process holds into the log file, and nowhere else: the report is

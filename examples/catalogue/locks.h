@@ -9,6 +9,8 @@
 namespace catalogue
 {
 
+constexpr uint32_t kBucketLocks = 14;
+
 enum class Entered {
     kYes,
     kStopped,  // the parent has ended the run meanwhile
@@ -23,6 +25,10 @@ void createLocks();
 Entered enterBucket(uint32_t bucket, const Board& board, Figures& figures);
 
 void leaveBucket(uint32_t bucket);
+
+// Which of the locks guards a bucket, and its handle.
+uint32_t lockOf(uint32_t bucket);
+int16_t bucketLock(uint32_t lock);
 
 }  // namespace catalogue
 

@@ -17,14 +17,18 @@
 //
 //   main ──> settings, run ──> rm_exit(outcome) ──> exit target ──> remove directory, exit status
 //                 │                  ^
-//                 └─ fatal target ───┘  (shutdown processing: stop the workers)
+//                 └─ fatal target ───┘  (shutdown processing: stop the children)
 //
 // The settings are read before there is anything of a run, so a mistake in them leaves nothing
 // behind. Reading a file takes the library's lock of its file table, for which it would make a
 // semaphore set and a token file in the current directory; readWithoutLocks keeps it from that.
 #include "adopt.h"
+#include "board.h"
+#include "client.h"
+#include "command.h"
 #include "console.h"
 #include "formats.h"
+#include "jobs.h"
 #include "journal.h"
 #include "options.h"
 #include "profile.h"
@@ -32,6 +36,7 @@
 #include "rundir.h"
 #include "server.h"
 #include "settings.h"
+#include "signals.h"
 
 #include "rm.h"
 
@@ -48,8 +53,11 @@ constexpr int kExitSignal = 128;  // and the signal's number
 
 // Static, and not locals of main: see above. The jumps also leave their values alone there.
 catalogue::Options options;
+catalogue::Command command;
+catalogue::FoundRun found;
 catalogue::Formats formats;
 catalogue::Input input;
+catalogue::RecordIndex recordIndex;
 catalogue::RunDirectory directory;
 catalogue::Profile profile;
 catalogue::Settings settings;
@@ -89,13 +97,16 @@ bool prepare(catalogue::Outcome& outcome)
     if (!readInput(options.inputs, {formats, settings.format, settings.key}, input)) {
         return false;
     }
+    indexInput(input, recordIndex);
     if (options.damageRecord > input.records.size()) {
         complain("--damage-record %u: there are %zu records", options.damageRecord,
                  input.records.size());
         outcome = kWrongSettings;
         return false;
     }
-    return directory.make(options.directory);
+    const auto records = static_cast<uint32_t>(input.records.size());
+    return directory.make(options.directory, {boardBytes(records, input.largest),
+                                              kBagHeadBytes + kJobSlots * sizeof(Job)});
 }
 
 catalogue::Outcome work()
@@ -112,7 +123,7 @@ catalogue::Outcome work()
     if (!prepare(outcome)) {
         return outcome;
     }
-    return runServer({options, formats, input, directory, profile, settings});
+    return runServer({options, formats, input, recordIndex, directory, profile, settings});
 }
 
 // The run is over and the library torn down.
@@ -125,11 +136,32 @@ int finish(int status)
     }
     return status;
 }
+
+// A client has nothing of a server: its signals, targets and ends are its own.
+int clientMain(int argc, char** argv)
+{
+    using namespace catalogue;
+    switch (parseCommand(argc, argv, command)) {
+        case CommandLine::kRun:
+            break;
+        case CommandLine::kHelp:
+            return kClientDone;
+        case CommandLine::kWrong:
+            return kClientWrong;
+    }
+    if (!findRun(command.run, found)) {
+        return kClientFailed;
+    }
+    runClient(command, found);
+}
 }  // namespace
 
 int main(int argc, char** argv)
 {
     using namespace catalogue;
+    if (isCommand(argc, argv)) {
+        return clientMain(argc, argv);
+    }
     blockSignals();
     switch (parseOptions(argc, argv, options)) {
         case CommandLine::kRun:
@@ -160,7 +192,7 @@ int main(int argc, char** argv)
         restoreStandardError();
         // Shutdown processing. The library has logged what happened, and has given back the locks
         // that this process held. Nothing here may wait for a lock: a dead worker may hold it.
-        stopWorkers();
+        stopServer();
         complain(
             "the library met an error that cannot be mended; its log lines above say which.\n"
             "Everything of this run is removed, so the next one starts afresh.");

@@ -13,6 +13,7 @@
 #include "console.h"
 #include "records.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -23,6 +24,8 @@ namespace
 {
 constexpr const char* kHelp =
     R"(usage: catalogue [option...] [file...]
+       catalogue get | put | list | stats ...   asks one that runs; see
+                                                catalogue get --help
 
 Loads records into bucket files, lets worker processes look them up and update
 them at the same time, and compares every record with the input at the end.
@@ -34,6 +37,8 @@ this machine is taken: /var/lib/dpkg/status.
 
   --dir DIR           make the run directory in DIR
                       (default: $TMPDIR, or the current directory without it)
+  --stay              when the operations are done, go on serving clients until
+                      Ctrl-C, which is the normal end then
   -h, --help          print this text
 
 Settings come from corvane.ini in the current directory, or in the one that
@@ -44,6 +49,8 @@ $CATPATH names; options win over the file. SIGHUP has the file read again.
   --workers N         worker processes, 1 to 16 (default 4)
   --operations N      lookups and updates, all workers together (default 250000)
   --buckets N         files for the records, 1 to 64 (default 32)
+  --rotate N          seconds between two backups of the files (default 0: at the
+                      start and at each reload only)
   --handle-limit N    descriptors of a process for its files (default 8)
   --memory-limit N    memory budget of a process in bytes, or none (default none)
   --free-space N      bytes of the disk that growing files leave (default 0)
@@ -59,13 +66,16 @@ $CATPATH names; options win over the file. SIGHUP has the file read again.
                       the end; SIGUSR1 asks for one at any time
 
 Test aids:
-  --kill-worker N     worker N kills itself half-way through an update
+  --kill-worker N     worker N kills itself half-way through an update, once
+  --kill-every N      a worker is killed every N milliseconds
   --damage-record N   flip one byte of record N (1 is the first) before verification
 
 Exit status: 0 every record is as it must be; 1 something failed, standard error
-says what; 2 the command line or corvane.ini is wrong; 130 or 143 interrupted,
-ended in order.
+says what; 2 the command line or corvane.ini is wrong; 130 or 143 interrupted:
+what was done by then is verified, unless a second interrupt did not wait for it.
 )";
+
+constexpr uint64_t kMostMs = 60000;  // between two kills
 
 // An option that takes a number and is no setting.
 struct NumberOption {
@@ -73,6 +83,8 @@ struct NumberOption {
     uint64_t high;
     uint64_t value;
 };
+
+using Numbers = NumberOption[3];
 
 std::string defaultDirectory()
 {
@@ -112,15 +124,17 @@ Setting settingOf(std::string_view name)
     return static_cast<Setting>(i);
 }
 
-bool takesValue(std::string_view name, const NumberOption (&numbers)[2])
+bool takesValue(std::string_view name, const Numbers& numbers)
 {
     const Setting setting = settingOf(name);
-    return name == "--dir" || name == "--config" || name == numbers[0].name ||
-           name == numbers[1].name || (setting != kSettings && setting != kReport);
+    return name == "--dir" || name == "--config" ||
+           std::ranges::any_of(
+               numbers, [name](const NumberOption& number) { return name == number.name; }) ||
+           (setting != kSettings && setting != kReport);
 }
 
 // One of the options that take a value. False after having said what is wrong with it.
-bool takeOption(const char* name, const char* value, NumberOption (&numbers)[2], Options& options)
+bool takeOption(const char* name, const char* value, Numbers& numbers, Options& options)
 {
     const std::string_view argument = name;
     if (argument == "--dir") {
@@ -140,11 +154,11 @@ bool takeOption(const char* name, const char* value, NumberOption (&numbers)[2],
 }
 
 // Says why an argument that begins with "--" cannot be taken.
-void refuse(std::string_view argument, const NumberOption (&numbers)[2])
+void refuse(std::string_view argument, const Numbers& numbers)
 {
     const std::size_t equals = argument.find('=');
     const std::string name(argument.substr(0, equals));
-    if (settingOf(name) == kReport) {
+    if (settingOf(name) == kReport || name == "--stay") {
         complain("\"%s\": write %s alone", std::string(argument).c_str(), name.c_str());
     } else if (!takesValue(name, numbers)) {
         complain("\"%s\" is not an option; see catalogue --help", name.c_str());
@@ -160,8 +174,9 @@ void refuse(std::string_view argument, const NumberOption (&numbers)[2])
 
 CommandLine parseOptions(int argc, char** argv, Options& options)
 {
-    NumberOption numbers[] = {{"--kill-worker", kMaxWorkers, 0},
-                              {"--damage-record", UINT32_MAX, 0}};
+    Numbers numbers = {{"--kill-worker", kMaxWorkers, 0},
+                       {"--damage-record", UINT32_MAX, 0},
+                       {"--kill-every", kMostMs, 0}};
     options.directory = defaultDirectory();
 
     for (int i = 1; i < argc; ++i) {
@@ -172,6 +187,10 @@ CommandLine parseOptions(int argc, char** argv, Options& options)
         }
         if (argument == "--print-config") {
             options.printConfig = true;
+            continue;
+        }
+        if (argument == "--stay") {
+            options.stay = true;
             continue;
         }
         if (argument == kDefinitions[kReport].option) {
@@ -194,6 +213,7 @@ CommandLine parseOptions(int argc, char** argv, Options& options)
 
     options.killWorker = static_cast<uint32_t>(numbers[0].value);
     options.damageRecord = static_cast<uint32_t>(numbers[1].value);
+    options.killEvery = static_cast<uint32_t>(numbers[2].value);
     if (options.inputs.empty()) {
         options.inputs.emplace_back(kDefaultInput);
     }

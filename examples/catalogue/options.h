@@ -17,6 +17,8 @@ struct Options {
     const char* given[kSettings] = {};  // settings as the command line has them, null for none
     const char* config = nullptr;       // the INI file; null for the default one
     bool printConfig = false;           // print the settings and end
+    bool stay = false;                  // serve clients when the operations are done
+    uint32_t killEvery = 0;             // test aid: milliseconds between two kills, 0 for none
     uint32_t killWorker = 0;            // test aid: worker that dies in mid-update, 0 for none
     uint32_t damageRecord = 0;          // test aid: record damaged before verification, 0 for none
 };

@@ -14,6 +14,7 @@
 #include "console.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -305,6 +306,27 @@ bool readInput(const std::vector<std::string>& paths, const Reading& reading, In
         return false;
     }
     return true;
+}
+
+void indexInput(const Input& input, RecordIndex& index)
+{
+    index.assign(std::bit_ceil(2 * input.records.size() + 1), kNoRecord);
+    for (uint32_t number = 0; number < input.records.size(); ++number) {
+        std::size_t at = input.records[number].hash & (index.size() - 1);
+        while (index[at] != kNoRecord) {
+            at = (at + 1) & (index.size() - 1);
+        }
+        index[at] = number;
+    }
+}
+
+uint32_t findInput(const Input& input, const RecordIndex& index, std::string_view name)
+{
+    std::size_t at = hashBytes(name) & (index.size() - 1);
+    while (index[at] != kNoRecord && input.records[index[at]].key != name) {
+        at = (at + 1) & (index.size() - 1);
+    }
+    return index[at];
 }
 
 }  // namespace catalogue

@@ -32,6 +32,16 @@ struct Input {
     uint32_t largest = 0;              // bytes of the largest key and body together
 };
 
+// Finds records by their names: numbers of records, by hash, in a table with free places.
+using RecordIndex = std::vector<uint32_t>;
+
+constexpr uint32_t kNoRecord = UINT32_MAX;
+
+void indexInput(const Input& input, RecordIndex& index);
+
+// The number of the record; kNoRecord when there is none of that name.
+uint32_t findInput(const Input& input, const RecordIndex& index, std::string_view name);
+
 // FNV-1a, 64 bits: where a record lives, and whether it is whole. `hash` continues an earlier one.
 constexpr uint64_t kHashBasis = 0xCBF29CE484222325;
 

@@ -76,15 +76,16 @@ void printRow(const char* name, const Figures& figures, uint64_t tagLimit)
 // What every process has counted for itself, added up.
 void printCounters(const Board& board, const Figures& sum)
 {
-    std::printf("\n  %-16s%12s%14s\n", "counted", "parent", "all workers");
+    std::printf("\n  %-16s%12s%10s%14s\n", "counted", "parent", "desk", "all workers");
     for (int16_t i = 0; i < kCounters; ++i) {
-        std::printf("    %-16s%10s%14s\n", counterName(static_cast<Counter>(i)),
-                    grouped(board.parent.counter[i]).text, grouped(sum.counter[i]).text);
+        std::printf("    %-16s%10s%10s%14s\n", counterName(static_cast<Counter>(i)),
+                    grouped(board.parent.counter[i]).text, grouped(board.desk.counter[i]).text,
+                    grouped(sum.counter[i]).text);
     }
 }
 
 void printRun(const Options& options, const Settings& settings, const Input& input,
-              const RunFigures& run, const Figures& sum)
+              const Board& board, const RunFigures& run, const Figures& sum)
 {
     for (const std::string& path : options.inputs) {
         std::printf("  input     %s\n", path.c_str());
@@ -106,6 +107,18 @@ void printRun(const Options& options, const Settings& settings, const Input& inp
                 rate(sum.counter[kLookups], run.serveSeconds).text);
     std::printf("  updates   %s, %s per second\n", grouped(sum.counter[kUpdates]).text,
                 rate(sum.counter[kUpdates], run.serveSeconds).text);
+    const PublicFigures& figures = board.head.figures;
+    std::printf("  clients   %s requests: %s get, %s put, %s list\n",
+                grouped(figures.gets + figures.puts + figures.lists).text,
+                grouped(figures.gets).text, grouped(figures.puts).text,
+                grouped(figures.lists).text);
+    std::printf(
+        "  replaced  %s workers that were killed: %s locks freed, %s jobs put back, "
+        "%s updates redone\n",
+        grouped(figures.replaced).text, grouped(figures.freedLocks).text,
+        grouped(figures.putBack).text, grouped(figures.redone).text);
+    std::printf("  backups   %s of each file, the last ones whole\n",
+                grouped(figures.rotations).text);
     std::printf("  files     %.1f MiB together now: a first update moves its record to the end\n",
                 mebibytes(run.bytesAtEnd));
     std::printf("  verified  %s records in %.2f s: text, updates and checksum of each\n",
@@ -121,9 +134,10 @@ void printSummary(const Options& options, const Settings& settings, const Input&
     const auto workers = static_cast<uint32_t>(settings.number[kWorkers]);
 
     std::printf("\n");
-    printRun(options, settings, input, run, sum);
+    printRun(options, settings, input, board, run, sum);
     printHeadings();
     printRow("parent", board.parent, board.tagLimit);
+    printRow("desk", board.desk, board.tagLimit);
     for (uint32_t i = 0; i < workers; ++i) {
         char name[32];
         std::snprintf(name, sizeof(name), "worker %u", i + 1);
@@ -138,7 +152,7 @@ void printSummary(const Options& options, const Settings& settings, const Input&
 
 uint64_t countedByAll(const Board& board, Counter counter)
 {
-    uint64_t sum = board.parent.counter[counter];
+    uint64_t sum = board.parent.counter[counter] + board.desk.counter[counter];
     for (const Figures& figures : board.worker) {
         sum += figures.counter[counter];
     }

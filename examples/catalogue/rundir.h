@@ -2,7 +2,9 @@
 #ifndef CATALOGUE_RUNDIR_H
 #define CATALOGUE_RUNDIR_H
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 namespace catalogue
 {
@@ -12,15 +14,18 @@ class RunDirectory
 {
   public:
     // Removes what crashed runs left in `parent`, makes the directory there, makes it the current
-    // one, and sees to it that no semaphore set exists under the key of its token file. False
-    // after having said why not.
-    bool make(const std::string& parent);
+    // one, and makes in it what the library will find under the keys of its token files: a
+    // semaphore set, queues, and segments of these sizes, in bytes. False after having said why
+    // not.
+    bool make(const std::string& parent, const std::vector<std::size_t>& segments);
 
-    // Notes which semaphore set this run made: for whoever has to clean up after a crash.
-    // Call it once the first sync object exists. False after having said why not.
-    bool noteSet();
+    // Lets clients in, and no more: makes and removes the files of their channels. False after
+    // having said why not.
+    bool openChannels() const;
+    static void closeChannels();
 
-    // Removes the directory and all that the run put into it. Does nothing before make.
+    // Removes the directory and all that the run put into it, and what the library has not removed.
+    // Does nothing before make.
     void remove();
 
     const std::string& path() const { return path_; }
@@ -29,13 +34,15 @@ class RunDirectory
 
   private:
     bool makeOwned();
-    bool reserveKey();
+    bool claimObjects(const std::vector<std::size_t>& segments);
+    bool noteObjects();
 
     std::string path_;  // as the user may look for it
     std::string name_;  // within the parent
     int parentFd_ = -1;
     int ownerFd_ = -1;  // holds the lock that says: this run is alive
     int setId_ = -1;
+    std::vector<int> ids_;  // of all objects, in the order of the tokens
 };
 
 }  // namespace catalogue

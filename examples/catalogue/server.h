@@ -1,4 +1,4 @@
-// The parent process: loads the buckets, starts and watches the workers, verifies the result.
+// The parent process: loads the buckets, cares for its children, verifies the result.
 #ifndef CATALOGUE_SERVER_H
 #define CATALOGUE_SERVER_H
 
@@ -9,6 +9,8 @@
 #include "rundir.h"
 #include "settings.h"
 
+#include <cstdint>
+
 namespace catalogue
 {
 
@@ -16,29 +18,29 @@ namespace catalogue
 // arrive as 1, so the values begin at 1.
 enum Outcome : int16_t { kVerified = 1, kFailed = 2, kInterrupted = 3, kWrongSettings = 4 };
 
-// What the parent works with. All of it stands in static storage of main.
-struct Job {
+// What the processes of a run work with. All of it stands in static storage of main.
+struct Host {
     const Options& options;
     const Formats& formats;
     const Input& input;
+    const RecordIndex& index;
     RunDirectory& directory;
     Profile& profile;
     Settings& settings;
 };
 
-// Keeps the signals that end a run, or ask for new settings, from interrupting it anywhere but
-// where it looks for them.
-void blockSignals();
+struct Board;
+
+// In the parent while it has no children, between two steps: does what signals have asked for, and
+// looks at the disk. False when the run is to end at once.
+bool goOn(const Host& host, Board& shared);
 
 // The whole run, in its directory, to the summary. May leave by the fatal target.
-Outcome runServer(const Job& job);
+Outcome runServer(const Host& host);
 
-// Ends and reaps all workers that there still are. Takes at most a few seconds, whatever locks the
+// Ends and reaps all children that there still are. Takes at most a few seconds, whatever locks the
 // dead ones held; calls nothing of the library, so that shutdown processing may use it.
-void stopWorkers();
-
-// The signal that interrupted the run; 0 when none did.
-int interruptedBy();
+void stopServer();
 
 }  // namespace catalogue
 

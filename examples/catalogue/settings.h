@@ -32,6 +32,7 @@ enum Setting : uint32_t {
     kWorkers,
     kOperations,
     kProgress,
+    kRotate,
     kLogLevel,
     kLogPath,
     kModules,

@@ -69,6 +69,8 @@ struct SlotHead {
 };
 
 static_assert(sizeof(SlotHead) % kAlignment == 0 && sizeof(FileHead) % kAlignment == 0);
+static_assert(sizeof(SlotHead) == sizeof(SlotChange::oldHead) &&
+              sizeof(FileHead) == sizeof(SlotChange::fileHead));
 
 constexpr uint32_t aligned(uint32_t bytes)
 {
@@ -88,12 +90,18 @@ uint64_t checksumOf(const SlotHead& head, const char* texts)
     return head.movedTo != 0 ? hash : hashBytes({texts, textLength(head)}, hash);
 }
 
-bool damaged(uint32_t bucket, uint32_t offset, const char* what)
+// Of the file that this process has open for the bucket.
+const char* nameOf(const Store& store, uint32_t bucket)
+{
+    return store.bucket[bucket]->path;
+}
+
+bool damaged(const Store& store, uint32_t bucket, uint32_t offset, const char* what)
 {
     complain(
         "%s, offset %u: %s.\nThe bucket is not what was written; the disk or its memory may "
         "be failing.",
-        bucketName(bucket), offset, what);
+        nameOf(store, bucket), offset, what);
     return false;
 }
 
@@ -116,7 +124,7 @@ bool readAll(const Store& store, uint32_t bucket, uint32_t offset, void* data, u
 {
     ++store.bucket[bucket]->reads;
     return rm_fileSeekRead(store.bucket[bucket]->file, offset, data, bytes) == bytes ||
-           damaged(bucket, offset, "the file ends within what should be there");
+           damaged(store, bucket, offset, "the file ends within what should be there");
 }
 
 bool writeFileHead(const Store& store, uint32_t bucket)
@@ -134,7 +142,7 @@ bool readFileHead(Store& store, uint32_t bucket)
     }
     if (head.magic != kFileMagic || head.end < sizeof(FileHead) ||
         head.records > (head.end - sizeof(FileHead)) / sizeof(SlotHead)) {
-        return damaged(bucket, 0, "not the head of a bucket");
+        return damaged(store, bucket, 0, "not the head of a bucket");
     }
     store.bucket[bucket]->records = head.records;
     store.bucket[bucket]->end = head.end;
@@ -146,7 +154,7 @@ bool readFileHead(Store& store, uint32_t bucket)
 bool fitsImage(const Store& store, uint32_t bucket, uint32_t offset, uint32_t capacity)
 {
     return capacity <= store.imageSize - sizeof(SlotHead) ||
-           damaged(bucket, offset, "a slot larger than any record");
+           damaged(store, bucket, offset, "a slot larger than any record");
 }
 
 // Reads a slot into the image. False unless it is one, and whole.
@@ -162,10 +170,10 @@ bool readSlot(Store& store, uint32_t bucket, const IndexEntry& where, SlotHead& 
     std::memcpy(&head, store.image, sizeof(head));
     if (head.magic != kSlotMagic || head.capacity != where.capacity ||
         textLength(head) > head.capacity) {
-        return damaged(bucket, where.offset, "not a slot");
+        return damaged(store, bucket, where.offset, "not a slot");
     }
     if (head.checksum != checksumOf(head, store.image + sizeof(head))) {
-        return damaged(bucket, where.offset, "the checksum of the slot does not match");
+        return damaged(store, bucket, where.offset, "the checksum of the slot does not match");
     }
     return true;
 }
@@ -192,16 +200,18 @@ Bucket* openFile(DArray* table, const char* path, uint32_t openFlags)
     return bucket;
 }
 
-void openFiles(Store& store, int16_t tag, uint32_t largest, uint32_t buckets, uint32_t openFlags)
+void openFiles(Store& store, int16_t tag, uint32_t largest, uint32_t buckets, uint32_t openFlags,
+               Files files)
 {
     std::memset(&store, 0, sizeof(store));
     store.tag = tag;
     store.buckets = buckets;
-    store.imageSize = static_cast<uint32_t>(sizeof(SlotHead)) + aligned(largest + kNoteRoom);
+    store.imageSize = imageSize(largest);
     store.image = static_cast<char*>(rm_cGetMemory(store.imageSize, tag));
     store.open = darrayCreate(kMaxBuckets, kFilesAtATime, sizeof(Bucket));
     for (uint32_t i = 0; i < store.buckets; ++i) {
-        store.bucket[i] = openFile(store.open, bucketName(i), openFlags);
+        store.bucket[i] = openFile(
+            store.open, files == Files::kRecords ? bucketName(i) : backupName(i), openFlags);
     }
 }
 
@@ -211,6 +221,14 @@ void moveEnd(Bucket& bucket, uint32_t bytes)
     const uint32_t steps = bucket.end / kGrowIncrement;
     bucket.end += bytes;
     count(kGrowths, static_cast<uint16_t>(bucket.end / kGrowIncrement - steps));
+}
+
+using FileName = char[sizeof("bucket-00.dat")];
+
+const char* composeName(FileName& name, uint32_t bucket, const char* extension)
+{
+    std::snprintf(name, sizeof(name), "bucket-%02u.%s", bucket % kMaxBuckets, extension);
+    return name;
 }
 
 void addToIndex(Bucket& bucket, const IndexEntry& entry)
@@ -232,15 +250,24 @@ uint32_t bucketOf(uint64_t hash, uint32_t buckets)
 
 const char* bucketName(uint32_t bucket)
 {
-    static char names[kMaxBuckets][sizeof("bucket-00.dat")];
-    char(&name)[sizeof("bucket-00.dat")] = names[bucket % kMaxBuckets];
-    std::snprintf(name, sizeof(name), "bucket-%02u.dat", bucket % kMaxBuckets);
-    return name;
+    static FileName names[kMaxBuckets];
+    return composeName(names[bucket % kMaxBuckets], bucket, "dat");
+}
+
+const char* backupName(uint32_t bucket)
+{
+    static FileName names[kMaxBuckets];
+    return composeName(names[bucket % kMaxBuckets], bucket, "bak");
+}
+
+uint32_t imageSize(uint32_t largest)
+{
+    return static_cast<uint32_t>(sizeof(SlotHead)) + aligned(largest + kNoteRoom);
 }
 
 void createStore(Store& store, int16_t tag, uint32_t largest, uint32_t buckets)
 {
-    openFiles(store, tag, largest, buckets, RM_O_RDWR | RM_O_CREAT | RM_O_TRUNC);
+    openFiles(store, tag, largest, buckets, RM_O_RDWR | RM_O_CREAT | RM_O_TRUNC, Files::kRecords);
     for (uint32_t i = 0; i < store.buckets; ++i) {
         store.bucket[i]->end = sizeof(FileHead);
     }
@@ -283,9 +310,9 @@ bool finishStore(Store& store)
     return true;
 }
 
-void openStore(Store& store, int16_t tag, uint32_t largest, uint32_t buckets)
+void openStore(Store& store, int16_t tag, uint32_t largest, uint32_t buckets, Files files)
 {
-    openFiles(store, tag, largest, buckets, RM_O_RDWR);
+    openFiles(store, tag, largest, buckets, RM_O_RDWR, files);
 }
 
 bool scanBucket(Store& store, uint32_t number)
@@ -304,14 +331,14 @@ bool scanBucket(Store& store, uint32_t number)
             return false;
         }
         if (head.magic != kSlotMagic) {
-            return damaged(number, offset, "not a slot");
+            return damaged(store, number, offset, "not a slot");
         }
         if (!fitsImage(store, number, offset, head.capacity)) {
             return false;
         }
         const uint32_t bytes = static_cast<uint32_t>(sizeof(head)) + head.capacity;
         if (bytes > bucket.end - offset) {
-            return damaged(number, offset, "a slot that goes on behind the last one's end");
+            return damaged(store, number, offset, "a slot that goes on behind the last one's end");
         }
         if (head.movedTo == 0) {
             if (++found > bucket.records) {
@@ -321,7 +348,20 @@ bool scanBucket(Store& store, uint32_t number)
         }
         offset += bytes;
     }
-    return found == bucket.records || damaged(number, 0, "not as many records as its head says");
+    return found == bucket.records ||
+           damaged(store, number, 0, "not as many records as its head says");
+}
+
+bool checkBucket(Store& store, uint32_t number)
+{
+    const Bucket& bucket = *store.bucket[number];
+    for (uint32_t i = 0; i < bucket.indexSize; ++i) {
+        SlotHead head = {};
+        if (bucket.index[i].offset != 0 && !readSlot(store, number, bucket.index[i], head)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 Found findRecord(Store& store, std::string_view wanted, uint64_t hash, StoredRecord& stored)
@@ -374,7 +414,7 @@ bool readRecord(Store& store, const Record& record, StoredRecord& stored)
     }
     // Room for the texts is made by the input. Even a slot that is whole could have more of them.
     return (stored.body.size() <= record.body.size() && stored.note.size() <= kNoteRoom) ||
-           damaged(stored.bucket, stored.offset, "a record longer than it was stored");
+           damaged(store, stored.bucket, stored.offset, "a record longer than it was stored");
 }
 
 uint32_t textsRoom(const Record& record)
@@ -395,54 +435,51 @@ void copyTexts(StoredRecord& stored, char* buffer)
     stored.note = copy(stored.note);
 }
 
-uint32_t noteText(char (&text)[kNoteRoom], uint32_t version)
-{
-    return static_cast<uint32_t>(
-        std::snprintf(text, sizeof(text), "updated %u times, last by worker ", version - 1));
-}
-
-bool updateRecord(Store& store, const StoredRecord& stored, uint32_t worker, bool dieHalfway)
+bool prepareUpdate(Store& store, const StoredRecord& stored, std::string_view note,
+                   SlotChange& change)
 {
     Bucket& bucket = *store.bucket[stored.bucket];
-    char note[kNoteRoom];
-    uint32_t length = noteText(note, stored.version + 1);
-    length +=
-        static_cast<uint32_t>(std::snprintf(note + length, sizeof(note) - length, "%u", worker));
-
     SlotHead head = {};
     std::memcpy(&head, store.image, sizeof(head));
     SlotHead old = head;
     head.version += 1;
-    head.noteLength = length;
+    head.noteLength = static_cast<uint32_t>(note.size());
     const bool moves = textLength(head) > head.capacity;
-    uint32_t offset = stored.offset;
+    change = {stored.bucket, head.version, stored.offset, 0, 0, stored.offset, {}, {}};
     if (moves) {
         head.capacity = aligned(head.keyLength + head.bodyLength + kNoteRoom);
         if (!readFileHead(store, stored.bucket)) {
             return false;
         }
-        offset = bucket.end;
+        change.offset = bucket.end;
+        change.moves = 1;
     }
-    std::memcpy(store.image + sizeof(head) + head.keyLength + head.bodyLength, note,
-                head.noteLength);
-    const uint32_t bytes = sealSlot(store, head);
+    note.copy(store.image + sizeof(head) + head.keyLength + head.bodyLength, note.size());
+    change.bytes = sealSlot(store, head);
+    if (moves) {
+        moveEnd(bucket, change.bytes);
+        count(kMoves);
+        const FileHead fileHead = {kFileMagic, bucket.records, bucket.end, 0};
+        std::memcpy(change.fileHead, &fileHead, sizeof(fileHead));
+        old.movedTo = change.offset;
+        old.checksum = checksumOf(old, nullptr);
+        std::memcpy(change.oldHead, &old, sizeof(old));
+    }
+    return true;
+}
+
+bool applyChange(Store& store, const SlotChange& change, const char* image, bool dieHalfway)
+{
     if (dieHalfway) {
-        writeAll(store, stored.bucket, offset, store.image, bytes / 2);
+        writeAll(store, change.bucket, change.offset, image, change.bytes / 2);
         kill(getpid(), SIGKILL);
     }
-    if (!writeAll(store, stored.bucket, offset, store.image, bytes)) {
-        return false;
-    }
-    if (!moves) {
-        return true;
-    }
     // The new slot is complete before anything leads to it.
-    moveEnd(bucket, bytes);
-    count(kMoves);
-    old.movedTo = offset;
-    old.checksum = checksumOf(old, nullptr);
-    return writeFileHead(store, stored.bucket) &&
-           writeAll(store, stored.bucket, stored.offset, &old, sizeof(old));
+    return writeAll(store, change.bucket, change.offset, image, change.bytes) &&
+           (change.moves == 0 ||
+            (writeAll(store, change.bucket, 0, change.fileHead, sizeof(change.fileHead)) &&
+             writeAll(store, change.bucket, change.oldOffset, change.oldHead,
+                      sizeof(change.oldHead))));
 }
 
 void damageRecord(Store& store, const StoredRecord& stored)

@@ -60,6 +60,19 @@ struct StoredRecord {
     std::string_view note;  // of the last update; empty before the first
 };
 
+// An update as the writes that it consists of, the image of the new slot apart. Plain bytes:
+// carried out again, by whichever process, they lead to the same.
+struct SlotChange {
+    uint32_t bucket;
+    uint32_t version;    // of the record afterwards
+    uint32_t offset;     // of the image, of which all is written
+    uint32_t bytes;      // of it
+    uint32_t moves;      // 1: the record gets a new slot, and what follows is written too
+    uint32_t oldOffset;  // of the head of the old slot
+    char oldHead[48];    // which says where the record went
+    char fileHead[16];
+};
+
 // What a search can come to.
 enum class Found {
     kYes,
@@ -69,8 +82,15 @@ enum class Found {
 
 uint32_t bucketOf(uint64_t hash, uint32_t buckets);
 
+// Which files of a bucket.
+enum class Files {
+    kRecords,
+    kBackups  // as the rotation has left them
+};
+
 // The path of a bucket's file; good as long as the process runs.
 const char* bucketName(uint32_t bucket);
+const char* backupName(uint32_t bucket);
 
 // All of these call the library: any of them may leave by the fatal target.
 
@@ -83,10 +103,14 @@ bool appendRecord(Store& store, const Record& record);
 // Writes the heads of the files, from then on they can be opened, and brings the files to the disk.
 bool finishStore(Store& store);
 
-void openStore(Store& store, int16_t tag, uint32_t largest, uint32_t buckets);
+void openStore(Store& store, int16_t tag, uint32_t largest, uint32_t buckets,
+               Files files = Files::kRecords);
 
 // Builds the index of a bucket. The caller holds its lock, as for the three that follow.
 bool scanBucket(Store& store, uint32_t number);
+
+// Reads every slot that the index of a bucket leads to. False after having said what is wrong.
+bool checkBucket(Store& store, uint32_t number);
 
 // Looks for a name that need not be there.
 Found findRecord(Store& store, std::string_view wanted, uint64_t hash, StoredRecord& stored);
@@ -101,13 +125,17 @@ uint32_t textsRoom(const Record& record);
 // room that the record needs. Of what readRecord has found they are never more.
 void copyTexts(StoredRecord& stored, char* buffer);
 
-// Writes the record that readRecord has just read, with one version more and a note of the
-// worker who did it. With `dieHalfway` the process kills itself in the middle of the write.
-bool updateRecord(Store& store, const StoredRecord& stored, uint32_t worker, bool dieHalfway);
+// Makes of the record that has just been read one with a version more and another note, of at most
+// kNoteRoom bytes: the new slot in the store's image, and what is to be written. Writes nothing.
+bool prepareUpdate(Store& store, const StoredRecord& stored, std::string_view note,
+                   SlotChange& change);
 
-// The note that the update to `version` leaves, up to the worker's number at its end. Returns the
-// length.
-uint32_t noteText(char (&text)[kNoteRoom], uint32_t version);
+// Writes it, `image` being that of the new slot. With `dieHalfway` the process kills itself in the
+// middle.
+bool applyChange(Store& store, const SlotChange& change, const char* image, bool dieHalfway);
+
+// Bytes of the largest image, by the largest record of the input.
+uint32_t imageSize(uint32_t largest);
 
 // Flips one byte in the body of a record: a test of the verification.
 void damageRecord(Store& store, const StoredRecord& stored);

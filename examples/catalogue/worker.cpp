@@ -1,59 +1,67 @@
-// A worker process: looks records up and updates them, until its share is done.
+// A worker process: does what requests ask for, until there are no more.
 //
 // Why: this is what a server's process does all day: take a request, lock what it touches, read,
-// perhaps write, unlock, answer. The requests come from a random sequence here; some ask for a name
-// that nobody stored. A lookup compares the answer with the input, so a wrong one is noticed at
-// once. Between two requests is the place where a worker takes over new settings.
+// perhaps write, unlock, answer. Most requests are made up by the desk; some ask for a name that
+// nobody stored. A lookup compares the answer with the input, so a wrong one is noticed at once.
+// Between two handfuls is the place where a worker takes over new settings.
 //
 // Owns: one tag with a limit, in which its indexes and its buffer live; its own handles of the
 // bucket files, opened after the fork; its sessions; its list of the buffers that it has given
 // back. An inherited descriptor would share its offset with the parent and with the other workers.
 //
 // Lifecycle: every end is an _exit. A fatal error of the library arrives in the target registered
-// here: the parent's, which was inherited, would tear down what the other workers stand on.
+// here: the parent's, which was inherited, would tear down what the other workers stand on. A
+// worker that is killed is replaced, and its replacement begins with what it has left (recovery.h).
 //
 // Fatal: any call of the library may jump out of serve() and of all that it calls. What those
 // frames hold is plain data; a lock of the host's that was held stays held, and the parent, which
-// sees the exit status, stops the others.
+// sees the exit status, ends the run.
 #include "worker.h"
 
 #include "adopt.h"
+#include "answers.h"
 #include "buffers.h"
 #include "console.h"
 #include "counters.h"
+#include "desk.h"
+#include "intent.h"
+#include "jobs.h"
 #include "journal.h"
 #include "locks.h"
+#include "queues.h"
+#include "recovery.h"
 #include "sessions.h"
 #include "store.h"
 
 #include "rm.h"
 
 #include <csetjmp>
+#include <csignal>
 #include <cstdio>
-#include <random>
-#include <type_traits>
 
+#include <sys/prctl.h>
 #include <unistd.h>
 
 namespace catalogue
 {
 namespace
 {
-constexpr unsigned kMissOneIn = 16;    // lookups
-constexpr unsigned kAgainOneIn = 8;    // requests: for the record that the client had last
-constexpr unsigned kLeavesOneIn = 64;  // requests: the client goes after it
-constexpr uint32_t kClients = 18;      // of a worker, so that some lose their session while idle
-
-using Random = std::mt19937_64;
-static_assert(std::is_trivially_destructible_v<Random>, "a fatal error jumps over it");
-
 jmp_buf fatalTarget;  // static: main's frames are the parent's business
 
-bool openBuckets(const Work& work, Store& store, Figures& figures, int16_t tag)
+Figures& figuresOf(const Work& work)
 {
-    openStore(store, tag, work.input->largest, work.board->buckets);
+    return work.board.worker[work.number - 1];
+}
+
+void show(const Work& work, WorkerState state)
+{
+    work.board.head.figures.worker[work.number - 1].state = state;
+}
+
+bool openBuckets(const Work& work, Store& store)
+{
     for (uint32_t bucket = 0; bucket < store.buckets; ++bucket) {
-        const Entered entered = enterBucket(bucket, *work.board, figures);
+        const Entered entered = enterBucket(bucket, work.board, figuresOf(work));
         if (entered != Entered::kYes) {
             return entered == Entered::kStopped;
         }
@@ -66,36 +74,57 @@ bool openBuckets(const Work& work, Store& store, Figures& figures, int16_t tag)
     return true;
 }
 
-// What a client asks of the store.
+// A job as the store understands it.
 struct Request {
     uint16_t session;  // handle
-    Doing kind;
-    uint32_t number;  // of the record; for a miss any number, which makes up the name
+    Doing doing;
+    uint32_t held;    // index in the hand
+    uint32_t record;  // number; for a miss any, which makes up the name
     uint64_t hash;    // of the name
     char absent[32];  // the name of a miss. It begins with a blank: no name of an input does.
-    bool leaves;      // the client goes when it is answered
     bool dieHalfway;
 };
 
-Request nextRequest(const Work& work, Sessions& sessions, Random& random, uint32_t updateOneIn)
+Doing doingOf(JobKind kind)
+{
+    switch (kind) {
+        case JobKind::kUpdate:
+        case JobKind::kPut:
+            return Doing::kUpdate;
+        case JobKind::kMiss:
+            return Doing::kMiss;
+        case JobKind::kList:
+            return Doing::kList;
+        case JobKind::kLookup:
+        case JobKind::kGet:
+            break;
+    }
+    return Doing::kLookup;
+}
+
+Request requestOf(const Work& work, const Job& job, uint32_t held, Sessions& sessions)
 {
     Request request = {};
-    request.session = sessionOf(sessions, static_cast<uint32_t>(random() % kClients) + 1);
+    request.held = held;
+    request.session = sessionOf(sessions, job.client);
+    request.doing = doingOf(job.kind);
+    request.record = job.record;
+    if (request.doing == Doing::kList) {
+        return request;
+    }
     const Session& session = sessionAt(sessions, request.session);
-    const bool again = session.lookups + session.updates != 0 && random() % kAgainOneIn == 0;
-    request.number =
-        again ? session.lastRecord : static_cast<uint32_t>(random() % work.input->records.size());
-    request.leaves = random() % kLeavesOneIn == 0;
-    request.hash = work.input->records[request.number].hash;
-    if (random() % updateOneIn == 0) {
-        request.kind = Doing::kUpdate;
-    } else if (random() % kMissOneIn != 0) {
-        request.kind = Doing::kLookup;
-    } else {
-        request.kind = Doing::kMiss;
-        std::snprintf(request.absent, sizeof(request.absent), " absent %u", request.number);
+    if (job.again != 0 && session.lookups + session.updates != 0) {
+        request.record = session.lastRecord;
+    }
+    request.hash = work.host.input.records[request.record].hash;
+    if (request.doing == Doing::kMiss) {
+        std::snprintf(request.absent, sizeof(request.absent), " absent %u", request.record);
         request.hash = hashBytes(request.absent);
     }
+    const uint64_t operations = work.host.settings.number[kOperations];
+    request.dieHalfway =
+        request.doing == Doing::kUpdate && work.number == work.host.options.killWorker &&
+        work.board.operationsDone >= operations / 2 && work.board.killedHalfway.exchange(1) == 0;
     return request;
 }
 
@@ -112,54 +141,73 @@ bool findNothing(const Work& work, Store& store, const Request& request)
     return found == Found::kNo;
 }
 
-// Does what is asked, under the lock of the bucket. `answer` gets the record as it was before, its
-// texts in `buffer`. False when something is wrong.
-bool serveOne(const Work& work, Store& store, const Request& request, StoredRecord& answer,
-              char* buffer)
+bool update(const Work& work, Store& store, const Request& request, const StoredRecord& stored,
+            const Job& job)
 {
-    if (request.kind == Doing::kMiss) {
-        return findNothing(work, store, request);
+    char text[kNoteRoom];
+    std::string_view note(job.text, job.textBytes);
+    if (job.kind == JobKind::kUpdate) {
+        const int length = std::snprintf(text, sizeof(text), "updated %u times, last by worker %u",
+                                         stored.version, work.number);
+        note = {text, static_cast<std::size_t>(length)};
     }
-    if (!readRecord(store, work.input->records[request.number], answer)) {
+    SlotChange change;
+    if (!prepareUpdate(store, stored, note, change)) {
         return false;
     }
-    if (answer.version != 1 + work.board->updatesOf[request.number]) {
-        complain("worker %u: \"%.*s\" was read from %s, offset %u, and lacks an update.",
+    const uint32_t index = work.number - 1;
+    declareUpdate(work.board, store, {index, request.record, request.held, note}, change);
+    return carryOut(work.board, store, index, request.dieHalfway);
+}
+
+// Does what is asked, under the lock of the bucket. `answer` gets the record as it was before, its
+// texts in `buffer`. False when something is wrong.
+bool serveOne(const Work& work, Store& store, const Request& request, const Job& job,
+              StoredRecord& answer, char* buffer)
+{
+    if (request.doing == Doing::kMiss) {
+        return findNothing(work, store, request);
+    }
+    if (!readRecord(store, work.host.input.records[request.record], answer)) {
+        return false;
+    }
+    if (answer.version != 1 + recordState(work.board, request.record).updates) {
+        complain("worker %u: \"%.*s\" was read from %s, offset %u, in version %u instead of %u.",
                  work.number, static_cast<int>(answer.key.size()), answer.key.data(),
-                 bucketName(answer.bucket), answer.offset);
+                 bucketName(answer.bucket), answer.offset, answer.version,
+                 1 + recordState(work.board, request.record).updates);
         return false;
     }
     copyTexts(answer, buffer);
-    if (request.kind == Doing::kLookup) {
+    if (request.doing == Doing::kLookup) {
         count(kLookups);
         return true;
     }
-    if (!updateRecord(store, answer, work.number, request.dieHalfway)) {
+    if (!update(work, store, request, answer, job)) {
         return false;
     }
-    ++work.board->updatesOf[request.number];
     count(kUpdates);
     return true;
 }
 
-// One request, from the lock of its bucket to the answer in the buffer. Nothing is held afterwards.
-bool answerOne(const Work& work, Store& store, const Request& request, Figures& figures,
-               char* buffer, Entered& entered)
+// From the lock of the bucket to the answer in the buffer. Nothing is held afterwards.
+bool serveLocked(const Work& work, Store& store, const Request& request, const Job& job,
+                 StoredRecord& answer, char* buffer, Entered& entered)
 {
+    Figures& figures = figuresOf(work);
     const uint32_t bucket = bucketOf(request.hash, store.buckets);
-    entered = enterBucket(bucket, *work.board, figures);
+    entered = enterBucket(bucket, work.board, figures);
     if (entered != Entered::kYes) {
         return false;
     }
-    StoredRecord answer = {};
-    figures.record = request.number;
-    figures.doing = request.kind;
-    const bool good = serveOne(work, store, request, answer, buffer);
+    figures.record = request.record;
+    figures.doing = request.doing;
+    const bool good = serveOne(work, store, request, job, answer, buffer);
     publishCounters(figures.counter);
     figures.doing = Doing::kNothing;
     leaveBucket(bucket);
-    const Record& record = work.input->records[request.number];
-    if (good && request.kind != Doing::kMiss && answer.body != record.body) {
+    const Record& record = work.host.input.records[request.record];
+    if (good && request.doing != Doing::kMiss && answer.body != record.body) {
         complain("worker %u: \"%s\" was read from %s, offset %u, and is not what was stored.",
                  work.number, record.key.c_str(), bucketName(answer.bucket), answer.offset);
         return false;
@@ -167,109 +215,186 @@ bool answerOne(const Work& work, Store& store, const Request& request, Figures& 
     return good;
 }
 
-// What the session of the client keeps of it.
-void noteRequest(Sessions& sessions, const Request& request)
+// Tells the client, if it is one, what has come of its request.
+void answerClient(const Work& work, const Held& held, const StoredRecord& stored, bool good)
 {
-    Session& session = sessionAt(sessions, request.session);
-    ++(request.kind == Doing::kUpdate ? session.updates : session.lookups);
-    session.lastRecord = request.number;
-    if (request.leaves) {
+    if (held.job.channel == 0) {
+        return;
+    }
+    if (!good) {
+        answerStatus(work.board, held.job, kAnswerBroken);
+    } else if (held.job.kind == JobKind::kPut) {
+        answerPut(work.board, held.job, held.version);
+    } else {
+        answerGet(work.board, held.job, stored);
+    }
+}
+
+// A job with a bucket.
+bool doWithBucket(const Work& work, Store& store, const Request& request, Held& held,
+                  Entered& entered)
+{
+    // The lock of the pool is left again before that of the bucket is entered.
+    char* buffer = nullptr;
+    entered = takeBuffer(textsRoom(work.host.input.records[request.record]), work.board, buffer);
+    if (entered != Entered::kYes) {
+        return false;
+    }
+    StoredRecord stored = {};
+    const bool good = serveLocked(work, store, request, held.job, stored, buffer, entered);
+    if (entered != Entered::kYes) {
+        return false;
+    }
+    answerClient(work, held, stored, good);
+    if (!good) {
+        return false;
+    }
+    entered = returnBuffer(buffer, work.board);
+    return entered == Entered::kYes;
+}
+
+// What the session of the client keeps of it.
+void noteRequest(Sessions& sessions, const Request& request, const Job& job)
+{
+    if (request.doing != Doing::kList) {
+        Session& session = sessionAt(sessions, request.session);
+        ++(request.doing == Doing::kUpdate ? session.updates : session.lookups);
+        session.lastRecord = request.record;
+    }
+    if (job.leaves != 0) {
         endSession(sessions, request.session);
     }
 }
 
-// Between two requests: what the parent has to say.
-void listen(const Work& work, uint32_t& generation, uint32_t& updates)
+// One job of the hand, to the answer.
+bool doJob(const Work& work, Store& store, Sessions& sessions, uint32_t index, Entered& entered)
 {
-    const uint32_t before = generation;
-    followSettings(*work.board, *work.settings, generation);
-    if (generation != before) {
-        updates = updateOneIn();
+    Held& held = work.board.hand[work.number - 1].held[index];
+    const Request request = requestOf(work, held.job, index, sessions);
+    if (request.doing == Doing::kList) {
+        answerList(work.board, held.job, work.host.input);
+    } else if (!doWithBucket(work, store, request, held, entered)) {
+        return false;
+    }
+    held.progress = Progress::kAnswered;
+    noteRequest(sessions, request, held.job);
+    return true;
+}
+
+// The jobs that were taken, and the report to the desk. False when something is wrong; `entered`
+// says whether it is the end of the run.
+bool doHand(const Work& work, Store& store, Sessions& sessions, Entered& entered)
+{
+    const Hand& hand = work.board.hand[work.number - 1];
+    Tickets done = {work.number, 0, {}};
+    for (uint32_t i = 0; i < hand.count; ++i) {
+        if (work.board.stop != 0) {
+            entered = Entered::kStopped;
+            return false;
+        }
+        if (!doJob(work, store, sessions, i, entered)) {
+            return false;
+        }
+        done.ticket[done.count++] = hand.held[i].job.ticket;
+    }
+    work.board.head.figures.worker[work.number - 1].jobs.fetch_add(done.count);
+    reportTickets(kNoticeReported, done);
+    return true;
+}
+
+// Between two handfuls: what the desk has to say to everybody.
+void listen(const Work& work, uint32_t& generation)
+{
+    if (followSettings(work.board, work.host.settings, generation)) {
+        count(kReloads);
+        note("settings %u are in effect", generation);
     }
     watchDisk();
 }
 
-bool answerAll(const Work& work, Store& store, Sessions& sessions, Figures& figures)
+// Jobs until there are no more. False when something is wrong.
+bool doJobs(const Work& work, Store& store, Sessions& sessions)
 {
-    Random random(work.number);  // the same requests in every run
     uint32_t generation = work.generation;
-    uint32_t updates = updateOneIn();
-    for (uint64_t done = 0; done < work.operations && work.board->stop == 0; ++done) {
+    for (;;) {
         if (getppid() != work.parent) {
             complain("worker %u: the parent has gone.", work.number);
             return false;
         }
-        listen(work, generation, updates);
-        Request request = nextRequest(work, sessions, random, updates);
-        request.dieHalfway =
-            work.killHalfway && request.kind == Doing::kUpdate && done >= work.operations / 2;
-
-        // The lock of the pool is left again before that of the bucket is entered.
-        char* buffer = nullptr;
-        Entered entered =
-            takeBuffer(textsRoom(work.input->records[request.number]), *work.board, buffer);
-        if (entered != Entered::kYes) {
+        listen(work, generation);
+        show(work, WorkerState::kWaiting);
+        switch (takeJobs(work.board, work.number - 1)) {
+            case Jobs::kNone:
+                continue;
+            case Jobs::kStopped:
+                return true;
+            case Jobs::kGaveUp:
+                return false;
+            case Jobs::kTaken:
+                break;
+        }
+        show(work, WorkerState::kWorking);
+        Entered entered = Entered::kYes;
+        if (!doHand(work, store, sessions, entered)) {
             return entered == Entered::kStopped;
         }
-        if (!answerOne(work, store, request, figures, buffer, entered)) {
-            return entered == Entered::kStopped;
-        }
-        entered = returnBuffer(buffer, *work.board);
-        if (entered != Entered::kYes) {
-            return entered == Entered::kStopped;
-        }
-        noteRequest(sessions, request);
     }
-    return true;
 }
 
 // Ends the sessions, and compares what they add up to with what was counted.
-bool settleSessions(const Work& work, Sessions& sessions, const Figures& figures)
+bool settleSessions(const Work& work, Sessions& sessions)
 {
     closeSessions(sessions);
     const uint32_t left = sessions.opened - sessions.ended - sessions.evicted;
     note("sessions: %s opened, %s ended, %s made way while idle, %u were left",
          grouped(sessions.opened).text, grouped(sessions.ended).text,
          grouped(sessions.evicted).text, left);
-    const bool same = sessions.lookups == figures.counter[kLookups] &&
-                      sessions.updates == figures.counter[kUpdates];
-    if (!same && work.board->stop == 0) {
-        complain("worker %u: its sessions add up to %llu lookups and %llu updates of %u and %u.",
-                 work.number, static_cast<unsigned long long>(sessions.lookups),
-                 static_cast<unsigned long long>(sessions.updates),
-                 figures.counter[kLookups].load(), figures.counter[kUpdates].load());
+    const bool same =
+        sessions.lookups == counted(kLookups) && sessions.updates == counted(kUpdates);
+    // With jobs under way the run ends at once, perhaps in the middle of one.
+    if (same || work.board.head.figures.underWay != 0) {
+        return true;
     }
-    return same || work.board->stop != 0;
+    complain("worker %u: its sessions add up to %llu lookups and %llu updates of %u and %u.",
+             work.number, static_cast<unsigned long long>(sessions.lookups),
+             static_cast<unsigned long long>(sessions.updates), counted(kLookups),
+             counted(kUpdates));
+    return false;
 }
 
 bool serve(const Work& work)
 {
-    Figures& figures = work.board->worker[work.number - 1];
+    Board& board = work.board;
+    Figures& figures = figuresOf(work);
     const FileMoves before = fileMoves();
-    note("start: process %d, %llu operations", getpid(),
-         static_cast<unsigned long long>(work.operations));
-    const int16_t tag = rm_allocTag(nullptr, work.board->tagLimit);
+    note("start: process %d%s", getpid(), work.replaces ? ", in the place of one that died" : "");
+    const int16_t tag = rm_allocTag(nullptr, board.tagLimit);
     rm_setTagName("worker", tag);
 
     Store store = {};
     Sessions sessions = {};
     openSessions(sessions, tag);
-    if (!openBuckets(work, store, figures, tag) || !answerAll(work, store, sessions, figures)) {
+    openStore(store, tag, work.host.input.largest, board.head.figures.buckets);
+    // First: as long as it is not settled, others wait for the lock of that bucket.
+    if (work.replaces && !settleHand(board, store, work.number - 1, work.parent)) {
         return false;
     }
-    if (!settleSessions(work, sessions, figures)) {
+    if (!openBuckets(work, store)) {
+        return false;
+    }
+    reportTickets(kNoticeReady, {work.number, 0, {}});
+    if (!doJobs(work, store, sessions) || !settleSessions(work, sessions)) {
         return false;
     }
     const Bucket& busiest = busiestBucket(store);
     note("files: %s is the busiest, with %s reads and %s writes", busiest.path,
          grouped(busiest.reads).text, grouped(busiest.writes).text);
-    noteResources(figures, before, tag, work.board->tagLimit);
+    noteResources(figures, before, tag, board.tagLimit);
     const uint32_t memory = rm_memused();
     closeStore(store);
     rm_freeTagMemory(tag, 1);
-    note("end: %s lookups, %s updates, in %s bytes of memory",
-         grouped(figures.counter[kLookups]).text, grouped(figures.counter[kUpdates]).text,
-         grouped(memory).text);
+    note("end: %s lookups, %s updates, in %s bytes of memory", grouped(counted(kLookups)).text,
+         grouped(counted(kUpdates)).text, grouped(memory).text);
     publishCounters(figures.counter);
     return true;
 }
@@ -277,17 +402,23 @@ bool serve(const Work& work)
 
 void runWorker(const Work& work)
 {
+    resumeJournal();
     disownProgress();
     if (setjmp(fatalTarget) != 0) {
         std::fflush(stdout);  // the library prints what it could not log twice
-        _exit(kWorkerFatal);
+        _exit(kChildFatal);
     }
     rm_errorJump(fatalTarget);
     static char name[sizeof("worker 00")];
     std::snprintf(name, sizeof(name), "worker %u", work.number % 100);
     nameJournal(name);
+    prctl(PR_SET_NAME, name);  // for whoever looks at the processes of the machine
     startCounters();
-    _exit(serve(work) ? kWorkerDone : kWorkerFailed);
+    resumeCounters(figuresOf(work).counter);
+    show(work, WorkerState::kStarting);
+    const bool done = serve(work);
+    show(work, WorkerState::kEnded);
+    _exit(done ? kChildDone : kChildFailed);
 }
 
 }  // namespace catalogue

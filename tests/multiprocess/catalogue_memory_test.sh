@@ -53,7 +53,7 @@ WritesAReportAmongTheLinesOfTheLog() {
         fail "the last line is not the end"
     # It is long: standard error is spared.
     ! grep -q 'MEMORY REPORT' "$work/err" || fail "the report is on standard error too"
-    diff <(grep -E '  (parent|worker [1-4]): ' "$home/catalogue.log" | sort) <(sort "$work/err") ||
+    diff <(grep -E '  (parent|desk|worker [1-4]): ' "$home/catalogue.log" | sort) <(sort "$work/err") ||
         fail "standard error lacks something else"
 }
 
@@ -83,12 +83,13 @@ ReportsWhenASignalAsksForIt() {
     await 'serving:'
     kill -USR1 "$pid"
     await_log 'MEMORY REPORT DONE$'
-    expect_log '  parent of process [0-9]+, as it was asked for$'
+    expect_log '  desk of process [0-9]+, as it was asked for$'
     kill -USR1 "$pid"
     # The second goes behind the first.
     await_log 'MEMORY REPORT DONE$' 2
     interrupt
-    [ "$(reports "$home/catalogue.log")" = 2 ] || fail "not two reports"
+    # And the last one, of the parent, at the end.
+    [ "$(reports "$home/catalogue.log")" = 3 ] || fail "not three reports"
     ! grep -q REPORT "$work/err" || fail "a report is on standard error"
 }
 
@@ -109,8 +110,8 @@ TakesAReportFromItsSettingsWhileItServes() {
     await 'serving:'
     printf '[log]\nLevel=1\n[memory]\nReport=1\n' | settings
     hang_up
-    await_err 'parent: reload 1: \[memory\] Report: 1, was 0$'
-    await_err 'parent: reload 1: settings 2 are in effect$'
+    await_err 'desk: reload 1: \[memory\] Report: 1, was 0$'
+    await_err 'desk: reload 1: settings 2 are in effect$'
     kill -USR1 "$pid"
     await_log 'MEMORY REPORT DONE$'
     interrupt
@@ -149,24 +150,8 @@ EndsWellWhenTheDiskIsFullAtTheReport() {
 
 # ---- the pool
 
-# The semaphore of the pool is the last of the set: behind the two of the file layer and 16 of buckets.
-pool_lock=18
-
-EndsInOrderWhileADeadWorkerHoldsThePool() {
-    records 40
-    start "$work/input"
-    await 'serving:'
-    SECONDS=0
-    kill -STOP "$pid"
-    perl -e 'semctl($ARGV[0], $ARGV[1], 16, 0) or die "semctl: $!"' "$(set_id)" "$pool_lock"
-    workers | sed -n 1p | xargs kill -KILL
-    kill -CONT "$pid"
-    finish
-    [ "$SECONDS" -le 12 ] || fail "it took $SECONDS s: something waited for the lock"
-    expect_status 1
-    expect_err '^catalogue: worker [1-4] was killed by signal 9 '
-    expect_nothing_left
-}
+# The semaphore of the pool stands behind the two of the file layer and 14 of buckets.
+pool_lock=16
 
 GivesUpAPoolWhoseLockIsNeverLeft() {
     records 40

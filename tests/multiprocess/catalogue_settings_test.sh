@@ -145,13 +145,13 @@ TakesTheExampleFile() {
 PrintsSettingsThatItReadsBack() {
     printf '[ENVIRONMENT]\nCATALOGUE_UPDATE_ONE_IN=9\nOther=a=b c\n\n[server]\nFileCommit=0\n' | settings
     print --workers 5 --operations 77 --buckets 6 --handle-limit 20 --memory-limit 3M \
-        --free-space 1025 --progress 250 --log-level 1 --log other.log --modules "$shipped" \
+        --free-space 1025 --progress 250 --rotate 7 --log-level 1 --log other.log --modules "$shipped" \
         --format csv --key Name --report
     cp "$work/out" "$work/first"
     settings <"$work/first"
     print
     diff <(grep -v '^;' "$work/first") <(grep -v '^;' "$work/out") || fail "not the same"
-    [ "$(grep -c ', from the file$' "$work/out")" = 14 ] || fail "not every setting was read"
+    [ "$(grep -c ', from the file$' "$work/out")" = 15 ] || fail "not every setting was read"
     expect_out '^MemoryLimit=3M$'
     expect_out '^Other=a=b c$'
 }
@@ -371,7 +371,7 @@ TakesWhatTheFileLacksFromTheEnvironmentOfTheProcess() {
     [ "$(figure updates)" = 1000 ] || fail "not every request was an update"
     CATALOGUE_UPDATE_ONE_IN=often run --operations 1000 --workers 1 "$work/input"
     expect_status 0
-    expect_err 'worker 1: warning: CATALOGUE_UPDATE_ONE_IN=often in the environment is no number '
+    expect_err 'desk: warning: CATALOGUE_UPDATE_ONE_IN=often in the environment is no number '
 }
 
 # memory_of_worker: bytes that it got from the platform.
@@ -415,8 +415,8 @@ TakesANewLogLevelWhileItServes() {
     printf '[log]\nLevel=2\n' | settings
     hang_up
     await_log '  worker 4: settings 2 are in effect$'
-    expect_log '  parent: reload 1: settings 2 are in effect$'
-    expect_err '  parent: reload 1: \[log\] Level: 2, was 1$'
+    expect_log '  desk: reload 1: settings 2 are in effect$'
+    expect_err '  desk: reload 1: \[log\] Level: 2, was 1$'
     interrupt
 }
 
@@ -473,13 +473,13 @@ KeepsItsSettingsWhenTheNewOnesAreBad() {
     await 'serving:'
     printf '[log]\nLevel=2\n[server]\nHandleLimit=many\n' | settings
     hang_up
-    await_err 'parent: warning: reload 1: corvane\.ini: \[server\] HandleLimit: "many" is not valid; '
-    await_err 'parent: reload 1: the settings stay as they were$'
+    await_err 'desk: warning: reload 1: corvane\.ini: \[server\] HandleLimit: "many" is not valid; '
+    await_err 'desk: reload 1: the settings stay as they were$'
     expect_no_log
     # The next file is compared with what is in effect, not with the one that was refused.
     printf '[log]\nLevel=1\n[server]\nHandleLimit=9\n' | settings
     hang_up
-    await_err 'parent: reload 2: \[server\] HandleLimit: 9, was 8$'
+    await_err 'desk: reload 2: \[server\] HandleLimit: 9, was 8$'
     ! grep -q 'reload 2: \[log\]' "$work/err" || fail "half of the bad file was taken"
     interrupt
 }
@@ -512,10 +512,10 @@ TakesAFileThatWasNotThereBefore() {
     start --log-level 1 "$work/input"
     await 'serving:'
     hang_up
-    await_err "parent: reload 1: there is no $home/corvane\\.ini to read$"
+    await_err "desk: reload 1: there is no $home/corvane\\.ini to read$"
     printf '[server]\nFreeSpace=1K\n[log]\nLevel=0\n' | settings
     hang_up
-    await_err 'parent: reload 2: \[server\] FreeSpace: 1K, was 0$'
+    await_err 'desk: reload 2: \[server\] FreeSpace: 1K, was 0$'
     await_err 'worker 1: settings 2 are in effect$' # the command line's level stands
     interrupt
 }
@@ -530,7 +530,7 @@ MovesItsLogWhileItServes() {
     hang_up
     await_line 'worker 1: settings 2 are in effect$' "$home/second.log"
     await_line 'worker 2: settings 2 are in effect$' "$home/second.log"
-    expect_log "parent: the log goes on in $home/second\\.log$"
+    expect_log "desk: the log goes on in $home/second\\.log$"
     [ "$(cat "$home/second.bak")" = old ] || fail "what stood there was not kept"
     # And back, while a process may not yet have followed: the first part is the predecessor.
     printf '[log]\nLevel=2\n' | settings
@@ -570,7 +570,7 @@ TakesManyHangupsInARow() {
         printf '[log]\nLevel=1\n[server]\nHandleLimit=%d\n' $((8 + i)) | settings
         hang_up
     done
-    await_err 'parent: reload [0-9]+: \[server\] HandleLimit: 68, was '
+    await_err 'desk: reload [0-9]+: \[server\] HandleLimit: 68, was '
     await_err 'worker 1: settings [0-9]+ are in effect$'
     interrupt
     ! grep -q 'warning' "$work/err" || fail "a half-written file was read"
@@ -585,7 +585,7 @@ BringsEveryWorkerToTheLastSettings() {
     for i in 1 2 3 4 5; do
         printf '[log]\nLevel=1\n[ENVIRONMENT]\nCATALOGUE_UPDATE_ONE_IN=%d\n' "$i" | settings
         hang_up
-        await_err "parent: reload $i: settings $((i + 1)) are in effect$"
+        await_err "desk: reload $i: settings $((i + 1)) are in effect$"
     done
     for i in 1 2 3; do
         await_err "worker $i: settings 6 are in effect$"
@@ -632,18 +632,18 @@ updates_after() {
     done
     [ "$(figure updates)" -gt $((operations / 8)) ] ||
         fail "only $(figure updates) of $operations were updates"
-    expect_err 'parent: reload 1: \[ENVIRONMENT\] OTHER is gone$'
+    expect_err 'desk: reload 1: \[ENVIRONMENT\] OTHER is gone$'
 }
 
 ChangesTheEnvironmentWhileItServes() {
     updates_after '[log]\nLevel=1\n[ENVIRONMENT]\nCATALOGUE_UPDATE_ONE_IN=1\n'
-    expect_err 'parent: reload 1: \[ENVIRONMENT\] CATALOGUE_UPDATE_ONE_IN=1$'
+    expect_err 'desk: reload 1: \[ENVIRONMENT\] CATALOGUE_UPDATE_ONE_IN=1$'
 }
 
 TakesAVariableThatHasGoneFromTheEnvironmentOfTheProcess() {
     export CATALOGUE_UPDATE_ONE_IN=1
     updates_after '[log]\nLevel=1\n'
-    expect_err 'parent: reload 1: \[ENVIRONMENT\] CATALOGUE_UPDATE_ONE_IN is gone$'
+    expect_err 'desk: reload 1: \[ENVIRONMENT\] CATALOGUE_UPDATE_ONE_IN is gone$'
 }
 
 # ---- the demonstration

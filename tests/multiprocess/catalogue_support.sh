@@ -28,13 +28,18 @@ mkdir "$runs" "$home"
 cd "$home"
 unset CATPATH CATALOGUE_UPDATE_ONE_IN
 : >"$work/out"
+begun=$EPOCHSECONDS
 pid=
 stopped= # a worker that a case has stopped: it must be able to notice that its parent has gone
+# noted <word>: the ids behind that word in the owner files of the runs that there are.
+noted() { sed -sn "s/^$1 //p" "$runs"/*/owner 2>/dev/null | tr ' ' '\n'; }
 cleanup() {
     [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null || true
     [ -z "$stopped" ] || kill -CONT "$stopped" 2>/dev/null || true
-    # A case that failed in the middle of a run leaves its set.
-    sed -sn 's/^set //p' "$runs"/*/owner 2>/dev/null | xargs -r -n 1 ipcrm -s 2>/dev/null || true
+    # A case that failed in the middle of a run leaves what processes share.
+    noted set | xargs -r -n 1 ipcrm -s 2>/dev/null || true
+    noted memory | xargs -r -n 1 ipcrm -m 2>/dev/null || true
+    noted queues | xargs -r -n 1 ipcrm -q 2>/dev/null || true
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -92,11 +97,14 @@ settings() {
 # hang_up: asks for the settings to be read again.
 hang_up() { kill -HUP "$pid"; }
 
-# workers: the process ids of the background run's workers. Other processes come and go while their
-# files are read: that is not an error.
-workers() {
-    { grep -lx "PPid:[[:space:]]$pid" /proc/[0-9]*/status || true; } 2>/dev/null | tr -dc '0-9\n'
+# children <pattern>: the process ids of the background run's children whose names match. Other
+# processes come and go while their files are read: that is not an error.
+children() {
+    { grep -lx "PPid:[[:space:]]$pid" /proc/[0-9]*/status | xargs grep -lEx "Name:[[:space:]]$1" ||
+        true; } 2>/dev/null | tr -dc '0-9\n'
 }
+
+workers() { children 'worker [0-9]+'; }
 
 # interrupt: ends the background run in order.
 interrupt() {
@@ -155,7 +163,15 @@ expect_nothing_left() {
     for id in $(set_id); do
         ! set_exists "$id" || fail "semaphore set $id is left behind"
     done
+    for id in $(main_pid); do
+        # By its maker and the time at which it was made: numbers of processes are used again.
+        ! awk -v pid="$id" -v begun="$begun" '$5 == pid && $14 >= begun { found = 1 }
+            END { exit !found }' /proc/sysvipc/shm ||
+            fail "a segment of process $id is left behind"
+    done
 }
+
+main_pid() { sed -n 's/^catalogue: process \([0-9]*\),.*/\1/p' "$work/out"; }
 
 # The figure before "<word>" in a row of the summary, without its commas.
 figure() { sed -n "s/^  $1 *\\([0-9,]*\\)[ ,].*/\\1/p" "$work/out" | tr -d ,; }
