@@ -553,6 +553,25 @@ std::vector<std::string> logLines(std::string_view text)
     return lines;
 }
 
+std::string failure(const char* function, const char* message, int error)
+{
+    return std::string("**** ") + function + "() " + message + ", errno=" + std::to_string(error) +
+           " (" + std::strerror(error) + ")";
+}
+
+std::vector<std::string> logOfFirstFailure(const std::string& line)
+{
+    return {line,
+            "***********************************",
+            "* Please report this condition to *",
+            "* Virlo Engineering.              *",
+            "*     TechOps 1-800-555-0142      *",
+            "*     BBS:    1-800-555-0143      *",
+            "*     FAX:    1-800-555-0144      *",
+            "***********************************",
+            "Exiting to shutdown processing"};
+}
+
 int catchFatal(const std::function<void()>& body)
 {
     jmp_buf outer;

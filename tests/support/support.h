@@ -154,6 +154,12 @@ std::string captureStdout(const std::function<void()>& body);
 // without a proper stamp fails the test and is given whole.
 std::vector<std::string> logLines(std::string_view text);
 
+// The line of a system call that failed, without its stamp.
+std::string failure(const char* function, const char* message, int error);
+
+// The log of a process whose first failure that was, up to where control goes back to the host.
+std::vector<std::string> logOfFirstFailure(const std::string& line);
+
 // Runs `body` with a fatal target of its own: 0 when it returned, 1 when the fatal path jumped. The
 // target that was set before is set again. Objects with destructors that live in `body` across the
 // call that jumps are lost, so hold them outside.

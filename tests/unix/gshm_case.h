@@ -36,32 +36,12 @@ constexpr double kAtOnce = 10.0;  // seconds; less than any lock is waited for
 
 using Lines = std::vector<std::string>;
 
-// The line of a system call that failed.
-inline std::string failure(const char* function, const char* message, int error)
-{
-    std::array<char, 512> line;
-    std::snprintf(line.data(), line.size(), "**** %s() %s, errno=%d (%s)", function, message, error,
-                  std::strerror(error));
-    return line.data();
-}
+using rmtest::failure;
+using rmtest::logOfFirstFailure;
 
 inline std::string deletedTooMany()
 {
     return failure("rm_gshmDelete", kTooMany, 0);
-}
-
-// The log of a process whose first system call failed, up to where control goes back to the host.
-inline Lines logOfFirstFailure(const std::string& line)
-{
-    return {line,
-            "***********************************",
-            "* Please report this condition to *",
-            "* Virlo Engineering.              *",
-            "*     TechOps 1-800-555-0142      *",
-            "*     BBS:    1-800-555-0143      *",
-            "*     FAX:    1-800-555-0144      *",
-            "***********************************",
-            "Exiting to shutdown processing"};
 }
 
 // What the process knows of its objects.

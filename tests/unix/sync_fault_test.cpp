@@ -37,10 +37,12 @@ using rmtest::captureStdout;
 using rmtest::catchExit;
 using rmtest::catchFatal;
 using rmtest::ChildResult;
+using rmtest::failure;
 using rmtest::Fault;
 using rmtest::ipcObjects;
 using rmtest::kForever;
 using rmtest::logLines;
+using rmtest::logOfFirstFailure;
 using rmtest::readFile;
 using rmtest::resetCalls;
 using rmtest::runChild;
@@ -52,28 +54,6 @@ using ::testing::IsEmpty;
 
 constexpr const char* kToken = ".ZNT.RM.SEM";
 constexpr double kAtOnce = 1.0;  // seconds; a process that must not wait for anything is gone then
-
-std::string failure(const char* function, const char* message, int error)
-{
-    std::array<char, 512> line;
-    std::snprintf(line.data(), line.size(), "**** %s() %s, errno=%d (%s)", function, message, error,
-                  std::strerror(error));
-    return line.data();
-}
-
-// The log of a process whose first system call failed, up to where control goes back to the host.
-std::vector<std::string> logOfFirstFailure(const std::string& line)
-{
-    return {line,
-            "***********************************",
-            "* Please report this condition to *",
-            "* Virlo Engineering.              *",
-            "*     TechOps 1-800-555-0142      *",
-            "*     BBS:    1-800-555-0143      *",
-            "*     FAX:    1-800-555-0144      *",
-            "***********************************",
-            "Exiting to shutdown processing"};
-}
 
 // What the process knows of its objects.
 struct State {
