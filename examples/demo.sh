@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # The whole scene of the catalogue on real input: it is started and stays, loads, serves clients while
-# it works, loses a worker, takes new settings, and ends in order on Ctrl-C. ./run demo calls it.
+# it works, loses a worker, takes new settings, and ends in order on Ctrl-C. Another one is killed as a
+# whole, and what it leaves is looked at and removed. ./run demo calls it.
 #
-# arguments: <catalogue> <rmheap> <map to write> <log to keep> [<file of records> [<operations>]]
+# arguments: <directory of the tools> <catalogue> <map to write> <log to keep>
+#            [<file of records> [<operations>]]
 # The current directory is empty, and nobody else's.
 set -euo pipefail
 
-catalogue=$1
-rmheap=$2
+tools=$1
+catalogue=$2
 map=$3
 kept_log=$4
 input=${5:-/var/lib/dpkg/status}
@@ -27,7 +29,7 @@ say() {
 
 # show <command...>: as one would type it, and what it prints.
 show() {
-    printf '    $ catalogue'
+    printf '    $ %s' "${1##*/}"
     printf ' %q' "${@:2}"
     printf '\n'
     "$@" 2>&1 | sed 's/^/      /'
@@ -127,4 +129,23 @@ cp catalogue.log "$kept_log"
 [ "$status" -eq 0 ] || die "it ended with status $status."
 
 say "The heap of its parent, from the report at the end of its log"
-"$rmheap" --svg="$map" "$kept_log"
+"$tools/rmheap/rmheap" --svg="$map" "$kept_log"
+
+say "Another server is killed with SIGKILL: what it leaves in the system, and how that goes"
+"$catalogue" --stay --dir . --operations 1000 "$input" >server.out 2>server.err &
+pid=$!
+await '^staying: ' server.out
+run=$(find . -name 'catalogue-run.*')
+pids=$(sed -nE 's/.*: start: process ([0-9]+).*/\1/p' catalogue.log | tail -n 5)
+printf '    $ kill -KILL %s\n' "$pid"
+kill -KILL "$pid"
+wait "$pid" 2>/dev/null || true
+pid=
+# Its desk and its workers notice and end by themselves.
+for other in $pids; do
+    while kill -0 "$other" 2>/dev/null; do sleep 0.05; done
+done
+show "$tools/rmipc/rmipc" list "$run/" || true
+show "$tools/rmipc/rmipc" remove --yes "$run/"
+printf '    $ rm -r %s\n' "$run"
+rm -r "$run"

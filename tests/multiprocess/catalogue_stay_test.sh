@@ -317,23 +317,23 @@ DemonstratesTheWholeScene() {
     for ((i = 1; i <= 30; i++)); do
         printf 'Package: lib%d\nVersion: %d\nStatus: installed\nText: one\n\n' "$i" "$i"
     done >"$work/input"
-    # shellcheck disable=SC2016
-    printf '#!/bin/sh\necho "a table of $2"; : >"${1#--svg=}"\n' >"$work/rmheap"
-    chmod +x "$work/rmheap"
+    local tools
+    tools=$(dirname "$catalogue")/../../tools
     mkdir "$work/scene"
     status=0
-    (cd "$work/scene" && exec "$sources/examples/demo.sh" "$catalogue" "$work/rmheap" "$work/map.svg" \
+    (cd "$work/scene" && exec "$sources/examples/demo.sh" "$tools" "$catalogue" "$work/map.svg" \
         "$work/kept.log" "$work/input" 20000) >"$work/out" 2>"$work/err" || status=$?
     expect_status 0
     expect_no_err
-    [ "$(grep -c '^--- [1-8]\. ' "$work/out")" = 8 ] || fail "not eight steps"
+    [ "$(grep -c '^--- [1-9]\. ' "$work/out")" = 9 ] || fail "not nine steps"
     expect_out '^      version [0-9]+$'
     expect_out 'worker 2, process [0-9]+, was killed by signal 9'
     expect_out 'desk: reload 1: settings 2 are in effect$'
     expect_out '^      30 updates acknowledged'
     expect_out '^      exit status 0$'
     expect_out '^    Every record matches the input and the updates made to it\.$'
-    expect_out "^a table of $work/kept\\.log$"
+    expect_out "^The map is in $work/map\\.svg$"
+    expect_out '^      Removed: 1 semaphore set, 2 segments, 5 queues and 3 token files\.$'
     [ -z "$(find "$work/scene" -name 'catalogue-run.*')" ] || fail "a run directory is left"
 }
 
