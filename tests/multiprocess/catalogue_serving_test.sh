@@ -227,9 +227,14 @@ TellsAWaitingClientThatTheServerWasKilled() {
     local all
     mapfile -t all < <(children '.*')
     kill -STOP "${all[@]}"
+    local child before
+    for child in "${all[@]}"; do
+        until grep -q '^State:.T' "/proc/$child/status"; do :; done
+    done
+    # The desk takes the request no more; before it may lie what the workers have reported.
+    before=$(objects msg 5)
     asking 1 put item7 text --timeout 60
-    # The desk takes it no more.
-    until objects msg 5 | grep -q ' [1-9]'; do
+    while [ "$(objects msg 5)" = "$before" ]; do
         kill -0 "$client" || fail "it has ended"
     done
     kill -KILL "$pid" "${all[@]}"
