@@ -74,12 +74,15 @@ token() {
 }
 
 leads_to_something() {
-    local number device
+    local number device base
     read -r number device < <(stat -c '%i %d' "$1")
-    awk -v base=$(((device & 255) << 16 | (number & 65535))) '
+    base=$(((device & 255) << 16 | (number & 65535)))
+    # A removed segment has no key any more, but is mapped under the one that it had.
+    awk -v base="$base" '
         FNR > 1 && $1 % 16777216 == base { found = 1 }
         END { exit !found }
-    ' /proc/sysvipc/sem /proc/sysvipc/shm /proc/sysvipc/msg
+    ' /proc/sysvipc/sem /proc/sysvipc/shm /proc/sysvipc/msg ||
+        grep -qsE "SYSV..$(printf '%06x' "$base") " /proc/[0-9]*/maps
 }
 
 # tokens_for <prefix> <step...>: those that a host will need; of a prefix it keeps 31 bytes.
