@@ -1,6 +1,6 @@
-// The FF bag against a ring of the same shape that a host would write for itself: a head with
-// capacity, count, next and element size, elements of a size that is known at run time, memcpy in
-// and out. It stands behind a call, as a module of a host would.
+// The FF bag against a ring of the same shape that a host would write for itself: in shared memory,
+// a head with capacity, count, next and element size, behind it the elements, of a size that is
+// known at run time, memcpy in and out. It stands behind a call, as a module of a host would.
 #include "bare.h"
 #include "pairs.h"
 
@@ -10,16 +10,21 @@
 #include <cstring>
 #include <vector>
 
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
 namespace
 {
 constexpr uint16_t kCapacity = 1024;
 
 struct Ring {
+    uint32_t reserved;
     uint16_t capacity;
     uint16_t count;
     uint16_t next;
     uint16_t elementSize;
-    char* slots;
+    uint32_t alsoReserved;
+    char slots[1];  // and on
 };
 
 [[gnu::noinline]] int pushToRing(Ring* ring, const void* element)
@@ -79,11 +84,17 @@ void ours(benchmark::State& state)
 
 void bare(benchmark::State& state)
 {
-    std::vector<char> slots(kCapacity * static_cast<std::size_t>(state.range(0)));
-    Ring ring = {kCapacity, 0, 0, static_cast<uint16_t>(state.range(0)), slots.data()};
+    const auto elementSize = static_cast<uint16_t>(state.range(0));
+    const int segment =
+        shmget(IPC_PRIVATE, sizeof(Ring) + std::size_t{kCapacity} * elementSize, IPC_CREAT | 0600);
+    rmbench::must(segment != -1, "shmget");
+    auto* ring = static_cast<Ring*>(shmat(segment, nullptr, 0));
+    shmctl(segment, IPC_RMID, nullptr);
+    *ring = {0, kCapacity, 0, 0, elementSize, 0, {}};
     halfFull(
-        state, [&ring](const void* element) { return pushToRing(&ring, element); },
-        [&ring](void* buffer) { return popFromRing(&ring, buffer); });
+        state, [ring](const void* element) { return pushToRing(ring, element); },
+        [ring](void* buffer) { return popFromRing(ring, buffer); });
+    shmdt(ring);
 }
 }  // namespace
 
