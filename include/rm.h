@@ -596,7 +596,8 @@ RM_API void rm_freeTagMemory(int16_t tag, int16_t release);
 /**
  * Frees all blocks of all tags, the tags and their table.
  * What the library itself kept in tags is reset: all file handles are closed, the local environment
- * is empty, #sysfile is -1. The next allocation starts afresh.
+ * is empty, #sysfile is -1, and shared memory and queues are forgotten, though not removed. The
+ * next allocation starts afresh.
  *
  * @fatal never
  */
@@ -1909,7 +1910,8 @@ RM_API uint16_t rm_filePrintf(int16_t handle, const char* format, ...) RM_PRINTF
 
 /**
  * Writes where the handle stands, and moves it on. The file is extended by the write, never ahead
- * of it.
+ * of it. A write that would end beyond 4 GiB - 1, where no position leads, fails with EFBIG and
+ * writes nothing.
  *
  * @param handle file handle
  * @param buffer `length` bytes
@@ -1957,7 +1959,8 @@ RM_API uint32_t rm_fileSeekWrite(int16_t handle, uint32_t offset, const void* bu
                                  uint32_t length);
 
 /**
- * Reads where the handle stands, and moves it on.
+ * Reads where the handle stands, and moves it on. A read that has bytes beyond 4 GiB - 1, where no
+ * position leads, fails with EFBIG, and the handle stays where it is.
  *
  * @param handle file handle
  * @param[out] buffer `length` bytes

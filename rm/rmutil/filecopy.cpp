@@ -9,7 +9,7 @@
 //
 // Owns: nothing. Locks: those of each operation on a handle.
 //
-// Fatal: those operations' time-outs; no memory for the buffer.
+// Fatal: those operations' time-outs and failed sync objects; no memory for the buffer.
 #include "rm/file/file.h"
 #include "rm/rmutil/rmutil.h"
 #include "rm/unix/unix.h"

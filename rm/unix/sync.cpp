@@ -14,7 +14,8 @@
 //
 // Lifecycle: the set is made with the first object and goes with the last one. Processes that make
 // their objects in the same order under one prefix meet on the same semaphores. Creating adds 1 to
-// the value each time, so objects are made once, before the server forks.
+// the value each time, so objects are made once, before the server forks. Nothing is undone when a
+// process dies; a lock that it held is freed by rm_syncRecover, in one other process.
 //
 // Fatal: every system call that fails, a handle of an unused slot, a 21st object.
 #include "rm/unix/unix.h"
