@@ -96,6 +96,20 @@ const Known* lookUp(const void* bag)
     return &lastUsed;
 }
 
+// The record for a new area: that of one which stood at the same address, when the host itself has
+// detached that; else the next.
+Known* recordFor(const void* bag)
+{
+    auto* same = std::find_if(knownAreas.begin(), knownAreas.end(),
+                              [bag](const Known& area) { return area.bag == bag; });
+    if (same != knownAreas.end()) {
+        return same;
+    }
+    Known* next = &knownAreas[nextKnown];
+    nextKnown = (nextKnown + 1) % kAreasKnown;
+    return next;
+}
+
 inline const Known* knowledgeOf(const void* bag)
 {
     return lastUsed.bag == bag ? &lastUsed : lookUp(bag);
@@ -133,8 +147,7 @@ int16_t ffBagCreate(uint16_t capacity, uint16_t elementSize, void** bag, void** 
     made->elementSize = elementSize;
     made->capacity = capacity;
     lastUsed = {*bag, capacity, elementSize};
-    knownAreas[nextKnown] = lastUsed;
-    nextKnown = (nextKnown + 1) % kAreasKnown;
+    *recordFor(*bag) = lastUsed;
     return RM_SUCCESS;
 }
 

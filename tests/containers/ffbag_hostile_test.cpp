@@ -7,7 +7,10 @@
 #include "tests/containers/ffbag_case.h"
 
 #include <ostream>
+#include <string>
 #include <utility>
+
+#include <sys/shm.h>
 
 #include <gmock/gmock.h>
 
@@ -448,4 +451,35 @@ TEST_F(FfBagHostile, IsKeptToItsOwnMemoryAfterAReleaseOfTagZero)
     smaller.set(Field::kNext, 255);
     EXPECT_EQ(ffBagPush(bag.bag, element.data()), RM_INVALID);
 }
+
+// A host may detach an area by itself, and the next one may come to stand there.
+class FfBagAtAnOldAddress : public rmtest::RmTest
+{
+};
+
+TEST_F(FfBagAtAnOldAddress, IsKnownByItsOwnShape)
+{
+    void* large = nullptr;
+    void* small = nullptr;
+    void* other = nullptr;
+    void* area = nullptr;
+    ffBagCreate(255, 16, &large, &area);
+    rm_gshmDelete(0);
+    ASSERT_EQ(shmdt(area), 0);
+    {
+        rmtest::ScopedFault sameAddress(
+            {.call = rmtest::Call::kShmat, .action = [area](const rmtest::CallRecord& call) {
+                 return reinterpret_cast<int64_t>(shmat(static_cast<int>(call.args[0]), area, 0));
+             }});
+        ffBagCreate(3, 16, &small, &area);
+    }
+    ASSERT_EQ(small, large);
+    ffBagCreate(1, 16, &other, &area);       // the last one used is another
+    static_cast<uint16_t*>(small)[0] = 255;  // the capacity
+    static_cast<uint16_t*>(small)[2] = 200;  // the next slot
+    const std::string element(16, 'e');
+    EXPECT_EQ(ffBagPush(small, element.data()), RM_INVALID);
+    rm_gshmTerminate();
+}
+
 }  // namespace
