@@ -1,7 +1,7 @@
 // The checker of the memory manager: walks every table, segment and block and reports what does
 // not hold. It reads only what it has found to be inside a segment, so a damaged heap is reported
 // and never walked out of.
-#include "rm/rmalloc/rmalloc.h"
+#include "rm/rmalloc/segments.h"
 
 using namespace rmalloc;
 
@@ -61,6 +61,24 @@ void checkSegment(Tally* tally, Tag tag, Segment* segment)
         report(tally, tag, segment, "the segment is empty");
     }
 }
+
+// What is kept beside the segments of a tag, compared with segments that are sound.
+void checkBeside(Tally* tally, Tag tag)
+{
+    if (checkChain(&chains[tag], &tagTable[tag]) != 0) {
+        report(tally, tag, nullptr, "the chain of segments is not as it is kept");
+        return;
+    }
+    if (checkPlace(&chains[tag]) != 0) {
+        report(tally, tag, nullptr, "the place where blocks are cut is not as it is kept");
+    }
+    for (const SegmentMap* map = chains[tag].first; map != nullptr; map = map->next) {
+        if (map->tag != tag || mapHolding(blockAt(map->segment, 1)) != map ||
+            mapHolding(blockAt(map->segment, map->units)) != map || checkSegmentMap(map) != 0) {
+            report(tally, tag, map->segment, "the blocks are not as the map has them");
+        }
+    }
+}
 }  // namespace
 
 uint32_t rmalloc::checkMemory()
@@ -83,8 +101,14 @@ uint32_t rmalloc::checkMemory()
         if (static_cast<uint32_t>(own.allocated) != tagTable[tag].allocated) {
             report(&own, tag, nullptr, "the allocated bytes are wrong");
         }
+        if (own.violations == 0) {
+            checkBeside(&own, tag);
+        }
         whole.violations += own.violations;
         whole.bytes += own.bytes;
+    }
+    if (checkPageTable() != 0) {
+        report(&whole, RM_NONE, nullptr, "the page table is wrong");
     }
     // A segment size that is no multiple of the unit is counted whole when it is got and in units
     // when it is given back, so the total may exceed the sum.

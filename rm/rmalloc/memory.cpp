@@ -7,7 +7,7 @@
 // Locks: critical section 0 around everything that changes the heap, for ports with threads.
 //
 // Fatal: no memory; an invalid tag in rm_getMemory.
-#include "rm/rmalloc/rmalloc.h"
+#include "rm/rmalloc/segments.h"
 #include "rm/rmsrv/rmsrv.h"
 
 #include <algorithm>
@@ -18,19 +18,16 @@ using namespace rmalloc;
 
 namespace
 {
-// The header of the block at `pointer`, or null with a warning when that is no live block. The
-// pointer is looked up among the segments of all tags before anything is read through it: its
-// segment may have gone long ago.
-BlockHeader* liveBlock(void* pointer, Tag likely)
+// The live block at `pointer`; none, with a warning, when that is no live block. The pointer is
+// looked up among the segments of all tags before anything is read through it: its segment may have
+// gone long ago.
+LiveBlock liveBlock(void* pointer)
 {
-    BlockHeader* header = headerOf(pointer);
-    Segment* segment = nullptr;
-    if (isAligned(pointer) && findOwner(header, likely, &segment) != RM_NONE &&
-        isLive(segment, header)) {
-        return header;
+    const LiveBlock block = liveBlockAt(pointer);
+    if (block.map == nullptr) {
+        warnBadPointer(pointer);
     }
-    warnBadPointer(pointer);
-    return nullptr;
+    return block;
 }
 
 uint32_t dataBytes(uint32_t units)
@@ -38,36 +35,28 @@ uint32_t dataBytes(uint32_t units)
     return (units - 1) * kUnit;
 }
 
-void* resizeInPlace(Tag tag, BlockHeader* header, uint32_t newSize)
-{
-    const uint32_t oldUnits = header->units;
-    const uint32_t need = unitsFor(newSize);
-    Segment* segment = nullptr;
-    Segment* previousSegment = nullptr;
-    BlockHeader* holder = nullptr;
-    BlockHeader* before = freeBlock(tag, header, &segment, &previousSegment, &holder);
-    void* block = rebuildAtLowEnd(segment, before, holder, header, need,
-                                  std::min(newSize, dataBytes(oldUnits)));
-    tagTable[tag].allocated += (need - oldUnits) * kUnit;
-    return block;
-}
-
 // A new block is taken first and the old one given back afterwards: taking may not return, and
 // until it has, the caller's block stays what it is. The old space is too small to be chosen, so
 // the order makes no difference to where the new block goes.
-void* resizeByMoving(Tag tag, BlockHeader* header, uint32_t newSize)
+void* resizeByMoving(Tag tag, const LiveBlock& old, uint32_t newSize)
 {
-    const uint32_t oldUnits = header->units;
     void* block = allocBlock(newSize, tag);
-    std::memcpy(block, header + 1, dataBytes(oldUnits));
-    Segment* segment = nullptr;
-    Segment* previousSegment = nullptr;
-    BlockHeader* holder = nullptr;
-    freeBlock(tag, header, &segment, &previousSegment, &holder);
-    if (segment != nullptr) {
-        adjustNumbers(&tagTable[tag], oldUnits, segment, previousSegment);
+    std::memcpy(block, old.header + 1, dataBytes(old.units));
+    // Its neighbours may be others now.
+    if (freeBlock(tag, liveBlockAt(old.header + 1))) {
+        adjustNumbers(tag, old.units, old.map);
     }
     return block;
+}
+
+// On its own, so that the short way in rm_freeMemory needs none of its registers.
+[[gnu::noinline]] void giveBack(void* pointer, Tag tag)
+{
+    const LiveBlock block = liveBlock(pointer);
+    if (block.map != nullptr && checkTag(tag, "rm_freeMemory") == RM_SUCCESS &&
+        freeBlock(tag, block)) {
+        adjustNumbers(tag, block.units, block.map);
+    }
 }
 }  // namespace
 
@@ -116,16 +105,8 @@ void rm_freeMemory(void* pointer, int16_t tag)
         return;
     }
     rm_enterCritSec(0);
-    BlockHeader* header = liveBlock(pointer, tag);
-    if (header != nullptr && checkTag(tag, "rm_freeMemory") == RM_SUCCESS) {
-        const uint32_t units = header->units;
-        Segment* segment = nullptr;
-        Segment* previousSegment = nullptr;
-        BlockHeader* holder = nullptr;
-        freeBlock(tag, header, &segment, &previousSegment, &holder);
-        if (segment != nullptr) {
-            adjustNumbers(&tagTable[tag], units, segment, previousSegment);
-        }
+    if (!isLastCut(tag, headerOf(pointer)) || !undoLastCut(tag)) {
+        giveBack(pointer, tag);
     }
     rm_exitCritSec(0);
 }
@@ -151,18 +132,13 @@ void* rm_extendMemory(void* pointer, uint32_t newSize, int16_t tag)
     }
     rm_enterCritSec(0);
     void* block = nullptr;
-    BlockHeader* header = liveBlock(pointer, tag);
-    if (header != nullptr && checkTag(tag, "rm_extendMemory") == RM_SUCCESS) {
-        Segment* previousSegment = nullptr;
-        Segment* segment = findInTag(&tagTable[tag], header, &previousSegment);
-        const uint32_t span = segment == nullptr ? 0 : spanWithNeighbours(segment, header);
-        if (span == 0) {
-            BlockHeader* holder = nullptr;
-            freeBlock(tag, header, &segment, &previousSegment, &holder);  // says what is wrong
-        } else if (span < unitsFor(newSize)) {
-            block = resizeByMoving(tag, header, newSize);
-        } else {
-            block = resizeInPlace(tag, header, newSize);
+    const LiveBlock old = liveBlock(pointer);
+    if (old.map != nullptr && checkTag(tag, "rm_extendMemory") == RM_SUCCESS) {
+        bool fits = true;
+        block = resizeInPlace(tag, old, unitsFor(newSize), std::min(newSize, dataBytes(old.units)),
+                              &fits);
+        if (!fits) {
+            block = resizeByMoving(tag, old, newSize);
         }
     }
     rm_exitCritSec(0);
@@ -177,17 +153,11 @@ void* rm_growMemory(void* pointer, uint32_t size, int16_t tag)
     if (pointer == nullptr) {
         return rm_getMemory(size, tag);
     }
-    BlockHeader* header = liveBlock(pointer, tag);
-    if (header == nullptr) {
+    const LiveBlock block = liveBlock(pointer);
+    if (block.map == nullptr) {
         return nullptr;
     }
-    Segment* segment = nullptr;
-    findOwner(header, tag, &segment);
-    if (liesInFreeSpace(segment, header)) {
-        warnBadPointer(pointer);
-        return nullptr;
-    }
-    if (header->units >= unitsFor(size)) {
+    if (block.units >= unitsFor(size)) {
         return pointer;
     }
     rm_freeMemory(pointer, tag);

@@ -42,7 +42,7 @@ struct Report {
 };
 
 // Where the walk is.
-struct Place {
+struct Position {
     Tag tag;
     Segment* segment;
     uint32_t returned;  // segmentsReturned when the segment was last known to be there
@@ -111,7 +111,7 @@ uint32_t allocatedOf(Tag tag)
 }
 
 // False once the segment has gone. Asked after every line.
-bool isThere(Place* place)
+bool isThere(Position* place)
 {
     if (place->returned == segmentsReturned) {
         return true;
@@ -147,7 +147,7 @@ void count(Counts* counts, bool live, uint32_t units)
 // Every block from the anchor to the end of the data area, the last unit of which can be a header
 // of its own. The anchor looks like a free block of 0 units: listed with the free ones, it is
 // stepped over without being counted. False when the segment went meanwhile.
-bool walkBlocks(Report* report, Place* place, Counts* counts)
+bool walkBlocks(Report* report, Position* place, Counts* counts)
 {
     for (uint64_t offset = 0; offset <= place->segment->units;) {
         const BlockHeader* block = blockAt(place->segment, static_cast<uint32_t>(offset));
@@ -170,7 +170,7 @@ bool walkBlocks(Report* report, Place* place, Counts* counts)
 }
 
 // What the allocator has counted against what the walk has found. False when the segment went.
-bool compareCounts(Report* report, Place* place, const Counts& counts)
+bool compareCounts(Report* report, Position* place, const Counts& counts)
 {
     const uint32_t stored = place->segment->blocks;
     if (stored != counts.allocatedBlocks) {
@@ -191,7 +191,7 @@ bool compareCounts(Report* report, Place* place, const Counts& counts)
     return isThere(place);
 }
 
-bool reportSegment(Report* report, Place* place, Counts* ofTag)
+bool reportSegment(Report* report, Position* place, Counts* ofTag)
 {
     if (report->detail) {
         reportWrite(report, "SEGMENT @ %p   size=%lu", static_cast<const void*>(place->segment),
@@ -217,7 +217,7 @@ bool reportSegment(Report* report, Place* place, Counts* ofTag)
 void reportSegments(Report* report, Tag tag, Counts* counts, uint32_t* segments)
 {
     const TagRecord* record = recordOf(tag);
-    Place place = {tag, record == nullptr ? nullptr : record->segments, segmentsReturned};
+    Position place = {tag, record == nullptr ? nullptr : record->segments, segmentsReturned};
     while (place.segment != nullptr) {
         ++*segments;
         if (!reportSegment(report, &place, counts)) {

@@ -1,15 +1,19 @@
 // Memory manager, front page.
 //
-//   tags.cpp      the tag table: making, naming, limiting and releasing tags
-//   segments.cpp  segments and blocks: where a block is placed and how it is given back
-//   search.cpp    the two searches, first fit and owner lookup, as plain walks
-//   check.cpp     the checker of all of it
-//   memory.cpp    the allocation calls of the interface, on top of the three above
-//   report.cpp    the memory report: what each tag holds, and where its counts are wrong
+//   report.cpp      the memory report: what each tag holds, and where its counts are wrong
+//   memory.cpp      the allocation calls of the interface
+//   tags.cpp        the tag table: making, naming, limiting and releasing tags
+//   segments.cpp    segments and blocks: where a block is placed and how it is given back
+//   place.h         where blocks are being cut: the short way for most requests
+//   chain.cpp       the segments of a tag in their order, and which is the first with room
+//   pagetable.cpp   in which segment an address lies
+//   segmentmap.cpp  where the blocks of a segment begin and end, and which is the first that fits
+//   maxtree.cpp     which entry of a row is the first that is large enough
+//   check.cpp       the checker of all of it, which reads all of them
 //
-// Layers go downward only: report, memory -> tags, segments -> search. search.cpp can be replaced
-// by anything that gives the same answers; nothing else walks segments to find something, but the
-// report, which asks whether a segment is still there.
+// Layers go downward only, in this order. What stands in the segments is what a walk along chains
+// and headers would read and write; from place.h down it is found without walking. What that takes
+// is kept beside the segments, and memused does not count it.
 #ifndef RM_RMALLOC_RMALLOC_H
 #define RM_RMALLOC_RMALLOC_H
 
@@ -81,8 +85,25 @@ extern uint32_t tagZeroReleases;
 
 // --- tags.cpp
 
-// 0 when `tag` is in use; otherwise logs "Invalid tag %d supplied to %s" and returns RM_INVALID.
-int16_t checkTag(Tag tag, const char* function);
+inline bool isInUse(Tag tag)
+{
+    // A negative one is a large one here.
+    return static_cast<uint16_t>(tag) < static_cast<uint16_t>(nTags) &&
+           tagTable[tag].state != kTagFree;
+}
+
+// Logs "Invalid tag %d supplied to %s".
+void sayInvalidTag(Tag tag, const char* function);
+
+// 0 when `tag` is in use; otherwise says so in the log and returns RM_INVALID.
+inline int16_t checkTag(Tag tag, const char* function)
+{
+    if (isInUse(tag)) {
+        return RM_SUCCESS;
+    }
+    sayInvalidTag(tag, function);
+    return RM_INVALID;
+}
 
 // Makes the table with tag 0 in it. Fatal when there is no memory.
 void newTagTable();
@@ -114,48 +135,6 @@ inline BlockHeader* headerOf(void* pointer)
 // The line about a pointer that is no live block.
 void warnBadPointer(void* pointer);
 
-// A block for `size` bytes; the caller has checked the tag. Fatal when there is no memory.
-void* allocBlock(uint32_t size, Tag tag);
-
-// Carves `need` units out of the free block `block`, to which `link` points.
-void* allocSegBlock(uint32_t need, BlockHeader* block, BlockHeader* link, Segment* segment,
-                    TagRecord* record);
-
-// Gets a segment with room for `need` units and stores it in `*where`. Fatal without memory.
-void allocSeg(TagRecord* record, uint32_t need, Segment** where);
-
-// Puts a live block into its segment's free chain. `*segment` is null when that failed (logged).
-// Returns the free block, or anchor, before the one that now holds the block; `*holder` is that
-// one.
-BlockHeader* freeBlock(Tag tag, BlockHeader* header, Segment** segment, Segment** previousSegment,
-                       BlockHeader** holder);
-
-// True when the free block, or anchor, links to a block above it that lies inside the segment.
-// False at the end of the chain, and in a damaged one: nothing is ever read through such a link.
-bool isChainLink(const Segment* segment, const BlockHeader* block);
-
-// Links `first` to `second`, or lets it absorb `second` when it ends where that begins.
-void checkMerge(Segment* segment, BlockHeader* first, BlockHeader* second);
-
-// Accounts for `units` given back; returns the segment to the platform when it holds no block.
-void adjustNumbers(TagRecord* record, uint32_t units, Segment* segment, Segment* previousSegment);
-
-// Gives an unlinked segment back to the platform.
-void returnSegment(Segment* segment);
-
-// True when what looks like a block's header lies inside a free block, or reaches into one.
-bool liesInFreeSpace(Segment* segment, BlockHeader* header);
-
-// Units that the block would span together with its free neighbours, nothing changed.
-// 0 when the chain around it is damaged, or the block cannot be there.
-uint32_t spanWithNeighbours(Segment* segment, BlockHeader* header);
-
-// Rebuilds the block that freeBlock has just put into `holder` at the low end of it.
-void* rebuildAtLowEnd(Segment* segment, BlockHeader* before, BlockHeader* holder,
-                      BlockHeader* oldHeader, uint32_t need, uint32_t keepBytes);
-
-// --- search.cpp
-
 // True when the header lies in the segment's data area. Addresses are compared as numbers: the two
 // may not belong to one object.
 inline bool holds(const Segment* segment, const BlockHeader* header)
@@ -165,21 +144,8 @@ inline bool holds(const Segment* segment, const BlockHeader* header)
     return address > anchor && address <= anchor + uintptr_t{segment->units} * kUnit;
 }
 
-struct Fit {
-    Segment* segment;   // null: no free block is large enough
-    BlockHeader* link;  // the free block, or anchor, before it
-    BlockHeader* block;
-};
-
-// The first free block of at least `need` units, segments in chain order, blocks in address order.
-Fit firstFit(TagRecord* record, uint32_t need);
-
-// The segment of `record` whose data area holds `header`, and the one before it in the chain.
-Segment* findInTag(TagRecord* record, const BlockHeader* header, Segment** previousSegment);
-
-// The tag among whose segments `header` lies, asked first for `likely`; -1 when there is none.
-// Reads nothing at `header`.
-Tag findOwner(const BlockHeader* header, Tag likely, Segment** segment);
+// The segment of the tag in whose data area the header lies; null. Reads nothing at `header`.
+Segment* findInTag(Tag tag, const BlockHeader* header);
 
 // --- Here: whether a pointer is a live block
 
@@ -206,8 +172,7 @@ inline Segment* segmentOfLiveBlock(void* pointer, Tag tag)
     const BlockHeader* header = headerOf(pointer);
     Segment* segment = tagTable[tag].segments;
     if (segment == nullptr || !holds(segment, header)) {
-        Segment* previous = nullptr;
-        segment = findInTag(&tagTable[tag], header, &previous);
+        segment = findInTag(tag, header);
     }
     return segment != nullptr && isLive(segment, header) ? segment : nullptr;
 }

@@ -10,17 +10,23 @@
 //   resizing  in place whenever the block and its free neighbours are large enough together, and
 //             then at the low end of that space
 //
+// Where things lie is asked of the map of the segment; the headers and the free chain in the
+// segment are kept as a plain walk would keep them, and compared before they are written to. What
+// does not agree has been written over by the host: a block is not given back next to a free block
+// to which that has happened, and such a free block is not given out.
+//
 // Owns: the contents of segments. A free chain is kept as offsets in units from the segment's
 // anchor, which is the same 8 bytes on every machine.
 //
 // Invariant: chain ascending and inside the data area; no two free blocks touch; live and free
-// blocks tile the data area; `blocks` counts the live ones. checkMemory() tests it.
+// blocks tile the data area; `blocks` counts the live ones; the map says the same. checkMemory()
+// tests it.
 //
 // Fatal: no memory for a segment. Nothing has been changed by then.
-#include "rm/rmalloc/rmalloc.h"
+#include "rm/rmalloc/segments.h"
+
 #include "rm/rmsrv/rmsrv.h"
 
-#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -33,227 +39,295 @@ uint32_t segmentsReturned = 0;
 
 namespace
 {
-BlockHeader* endOf(BlockHeader* block)
+// True when the chain can go on with `link` behind `offset`.
+inline bool isLink(const SegmentMap* map, uint32_t offset, uint32_t link)
 {
-    return block + block->units;
+    return link == 0 || (link > offset && link <= map->units && isFreeAt(map, link));
 }
 
-// Where a block belongs in the free chain of its segment.
-struct Place {
-    BlockHeader* beforePrevious;  // null when the previous one is the anchor
-    BlockHeader* previous;        // the free block, or anchor, below the block; null: chain damaged
-    BlockHeader* next;            // the free block above it, or null
-};
-
-Place findPlace(Segment* segment, const BlockHeader* header)
+// True when the header at `offset` is that of a free block of `units`, or of the anchor, whose
+// units nothing depends on.
+inline bool agrees(const SegmentMap* map, uint32_t offset, uint32_t units)
 {
-    Place place = {nullptr, &segment->anchor, nullptr};
-    while (place.previous->word1 != 0) {
-        if (!isChainLink(segment, place.previous)) {
-            return {nullptr, nullptr, nullptr};
-        }
-        BlockHeader* next = blockAt(segment, place.previous->word1);
-        if (next > header) {
-            place.next = next;
-            break;
-        }
-        place.beforePrevious = place.previous;
-        place.previous = next;
-    }
-    return place;
+    const BlockHeader* header = blockAt(map->segment, offset);
+    return (offset == 0 || header->units == units) && isLink(map, offset, header->word1);
 }
 
-// False when the header lies inside a free block, or its block reaches into one: an old header,
-// left in memory that has gone back and come again, or one that was written over.
-bool isBetween(const Place& place, BlockHeader* header)
+// True when the free chain around a live block is as the map has it.
+inline bool chainAgrees(const LiveBlock& block)
 {
-    return endOf(place.previous) <= header &&
-           (place.next == nullptr || endOf(header) <= place.next);
-}
-
-// Words of the header: the chain ends with 0.
-uint32_t linkTo(const Segment* segment, const BlockHeader* block)
-{
-    return block == nullptr ? 0 : offsetOf(segment, block);
-}
-}  // namespace
-
-bool rmalloc::isChainLink(const Segment* segment, const BlockHeader* block)
-{
-    const uint32_t next = block->word1;
-    if (next <= offsetOf(segment, block) || next > segment->units) {
+    const Neighbours& around = block.around;
+    const SegmentMap* map = block.map;
+    const uint32_t end = block.offset + block.units;
+    const uint32_t link = blockAt(map->segment, around.previous)->word1;
+    if (!agrees(map, around.previous, around.previousUnits) || (link != 0 && link < end)) {
         return false;
     }
-    const uint32_t units = (&segment->anchor + next)->units;
-    return units > 0 && units <= segment->units - next + 1;
+    const uint32_t first = map->segment->anchor.word1;
+    if (around.previous != 0 && (first == 0 || first > around.previous || !isFreeAt(map, first))) {
+        return false;
+    }
+    return around.nextUnits == 0 || (link == end && agrees(map, end, around.nextUnits));
 }
+
+// A free block that a request can be cut from.
+inline bool isUsable(const FreeBlock& free, uint32_t need)
+{
+    const BlockHeader* header = blockAt(free.map->segment, free.offset);
+    if (header->units != free.units) {
+        return false;
+    }
+    // One that fits exactly is unlinked: what is below it gets its link.
+    return header->units != need ||
+           (isLink(free.map, free.offset, header->word1) &&
+            blockAt(free.map->segment, freeBefore(free.map, free.offset))->word1 == free.offset);
+}
+
+inline bool touchesPrevious(const LiveBlock& block)
+{
+    const Neighbours& around = block.around;
+    return around.previous != 0 && around.previous + around.previousUnits == block.offset;
+}
+
+// On its own, so that the short way in allocBlock needs none of its registers.
+[[gnu::noinline]] void* allocBySearch(uint32_t need, Tag tag)
+{
+    Chain* chain = &chains[tag];
+    FreeBlock free = firstFit(chain, need, 0);
+    bool skipped = false;
+    while (free.map != nullptr && !isUsable(free, need)) {
+        free = firstFit(chain, need, free.map->slot + 1);
+        skipped = true;
+    }
+    if (free.map == nullptr) {
+        SegmentMap* map = allocSeg(tag, need);
+        free = {map, 1, map->units};
+    }
+    void* block = allocSegBlock(need, free, tag);
+    noteFree(&chains[tag], free.map, free.units - need);
+    if (skipped) {
+        forgetPlace(&chains[tag]);  // it is not the first one where such a request fits
+    }
+    return block;
+}
+
+void sayNotFound(Tag tag, BlockHeader* header)
+{
+    rm_systemLogWrite("tag = %d, freeHDR = %08lX", tag,
+                      static_cast<unsigned long>(reinterpret_cast<uintptr_t>(header)));
+    rm_systemLogWrite("WARNING: pointer not found within tag segments, %p",
+                      static_cast<void*>(header + 1));
+}
+
+void sayCorrupted(BlockHeader* header)
+{
+    rm_systemLogWrite("WARNING: corrupted free chain searching for %p",
+                      static_cast<void*>(header + 1));
+}
+
+// False, with a line in the log, when the block cannot be given back or resized under the tag.
+inline bool isInOrder(Tag tag, const LiveBlock& block)
+{
+    if (block.map->tag != tag) {
+        sayNotFound(tag, block.header);
+        return false;
+    }
+    if (!chainAgrees(block)) {
+        sayCorrupted(block.header);
+        return false;
+    }
+    return true;
+}
+}  // namespace
 
 void rmalloc::warnBadPointer(void* pointer)
 {
     rm_systemLogWrite("WARNING: attempting to free bad pointer, %p", pointer);
 }
 
+Segment* rmalloc::findInTag(Tag tag, const BlockHeader* header)
+{
+    const SegmentMap* map = mapHolding(header);
+    return map != nullptr && map->tag == tag ? map->segment : nullptr;
+}
+
 void* rmalloc::allocBlock(uint32_t size, Tag tag)
 {
     const uint32_t need = unitsFor(size);
-    TagRecord* record = &tagTable[tag];
-    if (record->segments == nullptr) {
-        allocSeg(record, need, &record->segments);
-    }
-    Fit fit = firstFit(record, need);
-    if (fit.segment == nullptr) {
-        Segment** last = &record->segments;
-        while (*last != nullptr) {
-            last = &(*last)->next;
-        }
-        allocSeg(record, need, last);
-        fit = {*last, &(*last)->anchor, blockAt(*last, 1)};
-    }
-    return allocSegBlock(need, fit.block, fit.link, fit.segment, record);
+    void* block = cutAtPlace(tag, need);
+    return block != nullptr ? block : allocBySearch(need, tag);
 }
 
-void* rmalloc::allocSegBlock(uint32_t need, BlockHeader* block, BlockHeader* link, Segment* segment,
-                             TagRecord* record)
+void* rmalloc::allocSegBlock(uint32_t need, const FreeBlock& free, Tag tag)
 {
-    RM_ASSERT(block->units >= need);
-    if (block->units == need) {
-        link->word1 = block->word1;
+    SegmentMap* map = free.map;
+    Segment* segment = map->segment;
+    BlockHeader* block = blockAt(segment, free.offset);
+    Chain* chain = &chains[tag];
+    RM_ASSERT(free.units >= need && block->units == free.units);
+    const uint32_t rest = free.units - need;
+    if (rest == 0) {
+        const uint32_t before = freeBefore(map, free.offset);
+        blockAt(segment, before)->word1 = block->word1;
+        if (isPlace(chain, {map, before, 0})) {
+            chain->place.link = block->word1;
+        }
+        if (isPlace(chain, free)) {
+            forgetPlace(chain);
+        }
     } else {
-        block->units -= need;
-        block = endOf(block);
+        block->units = rest;
+        block = &block[rest];
+        notePlace(chain, free, need, block);
     }
-    block->word1 = kLiveMagic;
-    block->units = need;
+    const Bound known = chain->bounds.row[map->slot];
+    const Bound largest = cutFree(map, free, need, known);
+    if (largest < known) {
+        lowerBound(chain->bounds, map->slot, largest);
+    }
+    *block = {kLiveMagic, need};
     ++segment->blocks;
-    record->allocated += need * kUnit;
+    tagTable[tag].allocated += need * kUnit;
     return block + 1;
 }
 
-void rmalloc::allocSeg(TagRecord* record, uint32_t need, Segment** where)
+SegmentMap* rmalloc::allocSeg(Tag tag, uint32_t need)
 {
+    TagRecord* record = &tagTable[tag];
     uint64_t bytes = uint64_t{need} * kUnit + kSegmentHeader;
     uint32_t units = need;
     if (seg_alloc == 0 && bytes < record->segmentSize) {
         bytes = record->segmentSize;
         units = (record->segmentSize - kSegmentHeader) / kUnit;
     }
-    void* memory = nullptr;
+    Segment* segment = nullptr;
     if (bytes <= std::numeric_limits<uint32_t>::max()) {
-        memory = rm_getSeg(static_cast<uint32_t>(bytes));
+        segment = static_cast<Segment*>(rm_getSeg(static_cast<uint32_t>(bytes)));
     }
-    if (memory == nullptr) {
+    SegmentMap* map = segment == nullptr ? nullptr : newSegmentMap(units);
+    if (map != nullptr) {
+        map->segment = segment;
+        map->tag = tag;
+    }
+    if (map == nullptr || !reserveSlot(&chains[tag]) || !addToPageTable(map)) {
+        freeSegmentMap(map);
+        rm_freeSeg(segment);
         rmsrv::outOfMemory();
     }
-    auto* segment = static_cast<Segment*>(memory);
     segment->next = nullptr;
     segment->units = units;
     segment->blocks = 0;
     segment->anchor = {1, 0};
     *blockAt(segment, 1) = {0, units};
+    drawEmpty(map);
+    append(&chains[tag], record, map);
     memused += static_cast<uint32_t>(bytes);
-    *where = segment;
+    return map;
 }
 
-BlockHeader* rmalloc::freeBlock(Tag tag, BlockHeader* header, Segment** segment,
-                                Segment** previousSegment, BlockHeader** holder)
+bool rmalloc::freeBlock(Tag tag, const LiveBlock& block)
 {
-    *segment = findInTag(&tagTable[tag], header, previousSegment);
-    if (*segment == nullptr) {
-        rm_systemLogWrite("tag = %d, freeHDR = %08lX", tag,
-                          static_cast<unsigned long>(reinterpret_cast<uintptr_t>(header)));
-        rm_systemLogWrite("WARNING: pointer not found within tag segments, %p",
-                          static_cast<void*>(header + 1));
-        return nullptr;
+    if (!isInOrder(tag, block)) {
+        return false;
     }
-    const Place place = findPlace(*segment, header);
-    if (place.previous == nullptr) {
-        rm_systemLogWrite("WARNING: corrupted free chain searching for %p",
-                          static_cast<void*>(header + 1));
-        *segment = nullptr;
-        return nullptr;
+    forgetPlace(&chains[tag]);
+    if (block.map->segment->blocks == 1) {
+        return true;  // the segment goes as a whole
     }
-    if (!isBetween(place, header)) {
-        warnBadPointer(header + 1);
-        *segment = nullptr;
-        return nullptr;
-    }
-    checkMerge(*segment, header, place.next);
-    checkMerge(*segment, place.previous, header);
-    const bool absorbed = place.previous->word1 != offsetOf(*segment, header);
-    *holder = absorbed ? place.previous : header;
-    return absorbed ? place.beforePrevious : place.previous;
+    const FreeBlock free = checkMerge(block);
+    setFree(block.map, free.offset, free.units);
+    noteFree(&chains[tag], block.map, free.units);
+    return true;
 }
 
-void rmalloc::checkMerge(Segment* segment, BlockHeader* first, BlockHeader* second)
+FreeBlock rmalloc::checkMerge(const LiveBlock& block)
 {
-    if (second != nullptr && endOf(first) == second) {
-        first->units += second->units;
-        first->word1 = second->word1;
-    } else {
-        first->word1 = linkTo(segment, second);
+    SegmentMap* map = block.map;
+    const Neighbours& around = block.around;
+    const bool down = touchesPrevious(block);
+    const bool up = around.nextUnits != 0;
+    const uint32_t end = block.offset + block.units;
+    const uint32_t low = down ? around.previous : block.offset;
+    const uint32_t units = block.units + around.nextUnits + (down ? around.previousUnits : 0);
+    const uint32_t link = blockAt(map->segment, up ? end : around.previous)->word1;
+    block.header->word1 = link;  // the magic goes, also when the block below absorbs this one
+    blockAt(map->segment, around.previous)->word1 = down ? link : low;
+    *blockAt(map->segment, low) = {link, units};
+    clearEndIf(map, block.offset - 1, down);
+    clearEndIf(map, end - 1, up);
+    if (up) {
+        clearFree(map, end);
+    }
+    return {map, low, units};
+}
+
+void rmalloc::adjustNumbers(Tag tag, uint32_t units, SegmentMap* map)
+{
+    tagTable[tag].allocated -= units * kUnit;
+    --map->segment->blocks;
+    if (map->segment->blocks == 0) {
+        unlink(&chains[tag], &tagTable[tag], map);
+        returnSegment(map);
     }
 }
 
-void rmalloc::adjustNumbers(TagRecord* record, uint32_t units, Segment* segment,
-                            Segment* previousSegment)
+void rmalloc::returnSegment(SegmentMap* map)
 {
-    record->allocated -= units * kUnit;
-    --segment->blocks;
-    if (segment->blocks > 0) {
-        return;
-    }
-    if (previousSegment == nullptr) {
-        record->segments = segment->next;
-    } else {
-        previousSegment->next = segment->next;
-    }
-    returnSegment(segment);
-}
-
-void rmalloc::returnSegment(Segment* segment)
-{
-    memused -= segment->units * kUnit + kSegmentHeader;
+    memused -= map->units * kUnit + kSegmentHeader;
     ++segmentsReturned;
-    rm_freeSeg(segment);
+    removeFromPageTable(map);
+    rm_freeSeg(map->segment);
+    freeSegmentMap(map);
 }
 
-bool rmalloc::liesInFreeSpace(Segment* segment, BlockHeader* header)
+void* rmalloc::resizeInPlace(Tag tag, const LiveBlock& block, uint32_t need, uint32_t keepBytes,
+                             bool* fits)
 {
-    const Place place = findPlace(segment, header);
-    return place.previous != nullptr && !isBetween(place, header);
-}
-
-uint32_t rmalloc::spanWithNeighbours(Segment* segment, BlockHeader* header)
-{
-    const Place place = findPlace(segment, header);
-    if (place.previous == nullptr || !isBetween(place, header)) {
-        return 0;
+    *fits = true;
+    if (!isInOrder(tag, block)) {
+        return nullptr;
     }
-    uint32_t units = header->units;
-    if (place.next == endOf(header)) {
-        units += place.next->units;
+    const Neighbours& around = block.around;
+    SegmentMap* map = block.map;
+    Segment* segment = map->segment;
+    const bool down = touchesPrevious(block);
+    const uint32_t span = block.units + around.nextUnits + (down ? around.previousUnits : 0);
+    *fits = span >= need;
+    if (!*fits || (span == block.units && span == need)) {
+        return block.header + 1;
     }
-    if (endOf(place.previous) == header) {
-        units += place.previous->units;
+    const uint32_t low = down ? around.previous : block.offset;
+    const uint32_t before = down ? freeBefore(map, around.previous) : around.previous;
+    if (down && blockAt(segment, before)->word1 != low) {
+        sayCorrupted(block.header);
+        return nullptr;
     }
-    return units;
-}
-
-void* rmalloc::rebuildAtLowEnd(Segment* segment, BlockHeader* before, BlockHeader* holder,
-                               BlockHeader* oldHeader, uint32_t need, uint32_t keepBytes)
-{
     // Read before the contents move over them.
-    const BlockHeader span = *holder;
-    if (holder < oldHeader) {
-        std::memmove(holder + 1, oldHeader + 1, keepBytes);
+    const uint32_t behind =
+        blockAt(segment, around.nextUnits != 0 ? block.offset + block.units : around.previous)
+            ->word1;
+    block.header->word1 = behind;  // no magic where no block begins any more
+    BlockHeader* header = blockAt(segment, low);
+    if (down) {
+        std::memmove(header + 1, block.header + 1, keepBytes);
+        clearEnd(map, block.offset - 1);
+        clearFree(map, around.previous);
     }
-    if (span.units > need) {
-        BlockHeader* rest = holder + need;
-        *rest = {span.word1, span.units - need};
-        before->word1 = offsetOf(segment, rest);
+    if (around.nextUnits != 0) {
+        clearEnd(map, block.offset + block.units - 1);
+        clearFree(map, block.offset + block.units);
+    }
+    *header = {kLiveMagic, need};
+    if (span > need) {
+        *blockAt(segment, low + need) = {behind, span - need};
+        blockAt(segment, before)->word1 = low + need;
+        setEnd(map, low + need - 1);
+        setFree(map, low + need, span - need);
+        noteFree(&chains[tag], map, span - need);
     } else {
-        before->word1 = span.word1;
+        blockAt(segment, before)->word1 = behind;
     }
-    *holder = {kLiveMagic, need};
-    return holder + 1;
+    tagTable[tag].allocated += (need - block.units) * kUnit;
+    forgetPlace(&chains[tag]);
+    return header + 1;
 }

@@ -15,7 +15,7 @@
 // Fatal: no memory for the table; a free record where one in use is needed.
 #include "rm/ems.h"
 #include "rm/file/file.h"
-#include "rm/rmalloc/rmalloc.h"
+#include "rm/rmalloc/segments.h"
 #include "rm/rmsrv/rmsrv.h"
 #include "rm/rmutil/rmutil.h"
 #include "rm/unix/unix.h"
@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <limits>
 
 int16_t seg_alloc = 0;             // not 0: every segment is as large as one request
@@ -41,8 +42,13 @@ using namespace rmalloc;
 
 namespace
 {
-// No record from 1 up to here is free: where the search for one begins. Start value 1.
-int16_t lowestFree = 1;
+constexpr uint32_t kWordBits = 64;
+constexpr uint32_t kTagWords = (std::numeric_limits<int16_t>::max() + 1U) / kWordBits;
+
+// Bit t: record t, from 1 up to nTags, is free. And bit w: word w of these is not 0. So the lowest
+// free record is found in a few words, however many tags there are.
+uint64_t freeTags[kTagWords];
+uint64_t freeTagWords[kTagWords / kWordBits];
 
 // The epoch that was given out last, to whichever tag, in whichever table.
 uint16_t lastEpoch = 0;
@@ -58,20 +64,62 @@ constexpr uint32_t tableBytes(int16_t records)
     rm_errorExit();
 }
 
-bool inUse(Tag tag)
+void noteFreeTag(Tag tag)
 {
-    return tag >= 0 && tag < nTags && tagTable[tag].state != kTagFree;
+    const auto bit = static_cast<uint32_t>(tag);
+    const uint32_t word = bit / kWordBits;
+    freeTags[word] |= uint64_t{1} << bit % kWordBits;
+    freeTagWords[word / kWordBits] |= uint64_t{1} << word % kWordBits;
 }
 
-// Moves lowestFree to the lowest free record from index 1 up, or to nTags when there is none.
-void findLowestFree()
+void noteUsedTag(Tag tag)
 {
-    while (lowestFree < nTags && tagTable[lowestFree].state != kTagFree) {
-        ++lowestFree;
+    const auto bit = static_cast<uint32_t>(tag);
+    const uint32_t word = bit / kWordBits;
+    freeTags[word] &= ~(uint64_t{1} << bit % kWordBits);
+    if (freeTags[word] == 0) {
+        freeTagWords[word / kWordBits] &= ~(uint64_t{1} << word % kWordBits);
     }
 }
 
-// Makes room for another step of records. The new table is complete before it is published.
+// The lowest free record from index 1 up, or nTags when there is none.
+Tag lowestFree()
+{
+    for (uint32_t i = 0; i < std::size(freeTagWords); ++i) {
+        if (freeTagWords[i] != 0) {
+            const uint32_t word =
+                i * kWordBits + static_cast<uint32_t>(__builtin_ctzll(freeTagWords[i]));
+            return static_cast<Tag>(word * kWordBits +
+                                    static_cast<uint32_t>(__builtin_ctzll(freeTags[word])));
+        }
+    }
+    return nTags;
+}
+
+// Makes a larger table, and a larger row of chains beside it. Both are complete before they are
+// published.
+void enlargeTables(int16_t size)
+{
+    auto* table = static_cast<TagRecord*>(rm_getSeg(tableBytes(size)));
+    Chain* row = table == nullptr ? nullptr : newChains(size);
+    if (row == nullptr) {
+        rm_freeSeg(table);
+        rmsrv::outOfMemory();
+    }
+    std::memset(&table[tagTabSize], 0, tableBytes(size) - tableBytes(tagTabSize));
+    if (tagTable != nullptr) {
+        std::memcpy(table, tagTable, tableBytes(tagTabSize));
+        std::memcpy(row, chains, static_cast<std::size_t>(tagTabSize) * sizeof(Chain));
+    }
+    rm_freeSeg(tagTable);
+    freeChains(chains);
+    memused += tableBytes(size) - tableBytes(tagTabSize);
+    tagTable = table;
+    chains = row;
+    tagTabSize = size;
+}
+
+// Makes room for another step of records.
 void growTagTable()
 {
     const auto size = static_cast<int16_t>(
@@ -79,16 +127,7 @@ void growTagTable()
     if (size == tagTabSize) {
         rmsrv::outOfMemory();  // a tag is a signed 16-bit number
     }
-    auto* table = static_cast<TagRecord*>(rm_getSeg(tableBytes(size)));
-    if (table == nullptr) {
-        rmsrv::outOfMemory();
-    }
-    std::memcpy(table, tagTable, tableBytes(tagTabSize));
-    std::memset(table + tagTabSize, 0, tableBytes(size) - tableBytes(tagTabSize));
-    rm_freeSeg(tagTable);
-    memused += tableBytes(size) - tableBytes(tagTabSize);
-    tagTable = table;
-    tagTabSize = size;
+    enlargeTables(size);
 }
 
 // The lowest free record, or the one after the last; tag 0 is never handed out.
@@ -96,15 +135,17 @@ void growTagTable()
 // further is searched first.
 Tag takeRecord()
 {
-    findLowestFree();
     const bool atItsLargest = tagTabSize == std::numeric_limits<int16_t>::max();
-    if (nTags >= tagTabSize && !(atItsLargest && lowestFree < nTags)) {
+    const Tag tag = lowestFree();
+    if (nTags >= tagTabSize && !(atItsLargest && tag < nTags)) {
         growTagTable();
     }
-    if (lowestFree == nTags) {
+    if (tag == nTags) {
         ++nTags;
+    } else {
+        noteUsedTag(tag);
     }
-    return lowestFree;
+    return tag;
 }
 
 void setJump(TagRecord* record, jmp_buf env)
@@ -117,12 +158,16 @@ void setJump(TagRecord* record, jmp_buf env)
     record->state = kTagInUseWithJump;
 }
 
-void freeSegments(TagRecord* record)
+// Costs by the segment, however many blocks there are in it.
+void freeSegments(Tag tag)
 {
-    for (Segment* segment = record->segments; segment != nullptr;) {
-        Segment* next = segment->next;
-        returnSegment(segment);
-        segment = next;
+    TagRecord* record = &tagTable[tag];
+    SegmentMap* map = chains[tag].first;
+    emptyChain(&chains[tag]);
+    while (map != nullptr) {
+        SegmentMap* next = map->next;
+        returnSegment(map);
+        map = next;
     }
     record->segments = nullptr;
     record->allocated = 0;
@@ -150,13 +195,9 @@ void forgetTablesOf(Tag tag)
 }
 }  // namespace
 
-int16_t rmalloc::checkTag(Tag tag, const char* function)
+void rmalloc::sayInvalidTag(Tag tag, const char* function)
 {
-    if (inUse(tag)) {
-        return RM_SUCCESS;
-    }
     rm_systemLogWrite("Invalid tag %d supplied to %s", tag, function);
-    return RM_INVALID;
 }
 
 void rmalloc::newTagTable()
@@ -165,20 +206,12 @@ void rmalloc::newTagTable()
     if (segAlloc != nullptr) {
         seg_alloc = static_cast<int16_t>(std::atoi(segAlloc));
     }
-    auto* table = static_cast<TagRecord*>(rm_getSeg(tableBytes(kTableStep)));
-    if (table == nullptr) {
-        rmsrv::outOfMemory();
-    }
-    std::memset(table, 0, tableBytes(kTableStep));
-    table[0].state = kTagInUse;
-    table[0].limit = RM_NO_LIMIT;
-    table[0].segmentSize = kTagZeroSegmentSize;
-    table[0].epoch = ++lastEpoch;
-    tagTable = table;
-    tagTabSize = kTableStep;
-    memused += tableBytes(kTableStep);
+    enlargeTables(kTableStep);
+    tagTable[0].state = kTagInUse;
+    tagTable[0].limit = RM_NO_LIMIT;
+    tagTable[0].segmentSize = kTagZeroSegmentSize;
+    tagTable[0].epoch = ++lastEpoch;
     nTags = 1;
-    lowestFree = 1;
 }
 
 int16_t rm_allocTag(jmp_buf env, uint32_t limit)
@@ -202,7 +235,7 @@ int16_t rm_allocTag(jmp_buf env, uint32_t limit)
 
 char* rm_setTagName(const char* name, int16_t tag)
 {
-    if (tag == 0 || !inUse(tag)) {
+    if (tag == 0 || !isInUse(tag)) {
         invalidTag();
     }
     char* copy = rm_Strdup(name, tag);
@@ -223,7 +256,7 @@ void rm_setTagAlloc(uint32_t size, int16_t tag)
 
 void rm_resetTag(jmp_buf env, int16_t tag)
 {
-    if (!inUse(tag)) {
+    if (!isInUse(tag)) {
         invalidTag();
     }
     setJump(&tagTable[tag], env);
@@ -237,11 +270,11 @@ void rm_freeTagMemory(int16_t tag, int16_t release)
     rm_enterCritSec(0);
     if (checkTag(tag, "rm_freeTagMemory") == RM_SUCCESS) {
         forgetTablesOf(tag);
-        freeSegments(&tagTable[tag]);
+        freeSegments(tag);
         if (release != 0) {
             tagTable[tag].state = kTagFree;
             if (tag != 0) {
-                lowestFree = std::min(lowestFree, tag);
+                noteFreeTag(tag);
             }
         }
     }
@@ -255,16 +288,20 @@ void rm_freeall()
         forgetTablesOf(tag);
     }
     for (Tag tag = 0; tag < nTags; ++tag) {
-        freeSegments(&tagTable[tag]);
+        freeSegments(tag);
         tagTable[tag].state = kTagFree;
     }
     rmsrv::forgetLogFile();  // whoever set it: there is no file table any more
     nTags = 0;
-    lowestFree = 1;
+    std::memset(freeTags, 0, sizeof freeTags);
+    std::memset(freeTagWords, 0, sizeof freeTagWords);
     memused -= tableBytes(tagTabSize);
     rm_freeSeg(tagTable);
+    freeChains(chains);
+    trimPageTable();
     tagTabSize = 0;
     tagTable = nullptr;
+    chains = nullptr;
     rm_exitCritSec(0);
 }
 

@@ -104,9 +104,8 @@ inline Slots freeList(const DArray* array, int16_t number)
 // True when the tag owns the segment that the pointer leads into.
 inline bool belongsTo(const void* pointer, Tag tag)
 {
-    rmalloc::Segment* segment = nullptr;
     const auto* header = static_cast<const rmalloc::BlockHeader*>(pointer) - 1;
-    return rmalloc::findOwner(header, tag, &segment) == tag && header->word1 == rmalloc::kLiveMagic;
+    return rmalloc::findInTag(tag, header) != nullptr && header->word1 == rmalloc::kLiveMagic;
 }
 
 // Arrays that make() gives are sound at the end of the case and go with it.

@@ -210,8 +210,7 @@ TEST_F(FileTempName, BelongsToTheCallerUnderTag0)
     rm_freeMemory(rm_getMemory(8, 0), 0);
     const uint32_t before = rmalloc::tagTable[0].allocated;
     char* made = rm_fileTempName(nullptr);
-    rmalloc::Segment* segment = nullptr;
-    EXPECT_EQ(rmalloc::findOwner(rmalloc::headerOf(made), 0, &segment), 0);
+    EXPECT_NE(rmalloc::findInTag(0, rmalloc::headerOf(made)), nullptr);
     EXPECT_GT(rmalloc::tagTable[0].allocated, before);
     rm_freeMemory(made, 0);
     EXPECT_EQ(rmalloc::tagTable[0].allocated, before);

@@ -90,8 +90,7 @@ TEST_F(FileTable, OwnsEntriesAndNamesUnderItsTag)
 {
     openNew("f");
     const auto ownedByFileTag = [](void* block) {
-        rmalloc::Segment* segment = nullptr;
-        return rmalloc::findOwner(rmalloc::headerOf(block), 0, &segment) == file::fileTag;
+        return rmalloc::findInTag(file::fileTag, rmalloc::headerOf(block)) != nullptr;
     };
     EXPECT_TRUE(ownedByFileTag(file::ftab));
     EXPECT_TRUE(ownedByFileTag(entryOf(0)));

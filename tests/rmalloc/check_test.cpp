@@ -3,7 +3,7 @@
 #include "tests/rmalloc/heap.h"
 
 #include "rm.h"
-#include "rm/rmalloc/rmalloc.h"
+#include "rm/rmalloc/segments.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -217,6 +217,144 @@ TEST_F(CheckMemory, SeesATableWithoutASizeAndASizeWithoutATable)
     nTags = used;
     tagTabSize = 40;
 }
+
+// --- What is kept beside the segments
+
+constexpr const char* kWrongChain = "the chain of segments is not as it is kept";
+constexpr const char* kWrongPlace = "the place where blocks are cut is not as it is kept";
+constexpr const char* kWrongMap = "the blocks are not as the map has them";
+
+TEST_F(CheckMemory, SeesAChainThatIsNotThatOfTheSegments)
+{
+    const Drawn drawn = draw("5 [1] | [2] | 1 [3]");
+    rmalloc::Chain& chain = rmalloc::chains[drawn.tag];
+    chain.segments = 2;
+    EXPECT_EQ(check(), Lines{found(drawn.tag, nullptr, kWrongChain)});
+    chain.segments = 3;
+    Segment* second = segmentsOf(drawn.tag)[1];
+    Segment* third = second->next;
+    firstSegment(drawn)->next = third;
+    second->next = nullptr;
+    third->next = second;
+    EXPECT_EQ(check(), Lines{found(drawn.tag, nullptr, kWrongChain)});
+    firstSegment(drawn)->next = second;
+    second->next = third;
+    third->next = nullptr;
+}
+
+TEST_F(CheckMemory, SeesAChainOfATagWithoutSegments)
+{
+    const Drawn drawn = draw("5 [1]");
+    const Tag other = rm_allocTag(nullptr, RM_NO_LIMIT);
+    rmalloc::chains[other].first = rmalloc::chains[drawn.tag].first;
+    EXPECT_EQ(check(), Lines{found(other, nullptr, kWrongChain)});
+    rmalloc::chains[other].first = nullptr;
+}
+
+TEST_F(CheckMemory, SaysNothingMoreOfATagWhoseChainIsWrong)
+{
+    const Drawn drawn = draw("5 [1] | [2]");
+    rmalloc::Chain& chain = rmalloc::chains[drawn.tag];
+    chain.segments = 1;
+    chain.place.header = headerBefore(drawn.live[0]);
+    chain.first->tag = 0;
+    EXPECT_EQ(check(), Lines{found(drawn.tag, nullptr, kWrongChain)});
+    chain.segments = 2;
+    chain.place.header = nullptr;
+    chain.first->tag = drawn.tag;
+}
+
+TEST_F(CheckMemory, SeesAPlaceThatIsNone)
+{
+    const Drawn drawn = draw("5 [1]");
+    rm_getMemory(8, drawn.tag);
+    rmalloc::Place& place = rmalloc::chains[drawn.tag].place;
+    ASSERT_EQ(place.units, 3U);
+    place.units = 2;
+    EXPECT_EQ(check(), Lines{found(drawn.tag, nullptr, kWrongPlace)});
+    place.units = 3;
+}
+
+TEST_F(CheckMemory, SeesAMapOfAnotherTag)
+{
+    const Drawn drawn = draw("5 [1] | [2]");
+    rmalloc::SegmentMap* map = rmalloc::chains[drawn.tag].last;
+    map->tag = 0;
+    EXPECT_EQ(check(), Lines{found(drawn.tag, map->segment, kWrongMap)});
+    map->tag = drawn.tag;
+}
+
+TEST_F(CheckMemory, SeesAMapThatDiffersFromTheHeaders)
+{
+    const Drawn drawn = draw("5 [1] | [2] [3]");
+    rmalloc::SegmentMap* map = rmalloc::chains[drawn.tag].last;
+    rmalloc::clearEnd(map, 2);
+    EXPECT_EQ(check(), Lines{found(drawn.tag, map->segment, kWrongMap)});
+    rmalloc::setEnd(map, 2);
+    rmalloc::stripsOf(map)->starts |= rmalloc::bitOf(3);
+    EXPECT_EQ(check(), Lines{found(drawn.tag, map->segment, kWrongMap)});
+    rmalloc::stripsOf(map)->starts &= ~rmalloc::bitOf(3);
+}
+
+TEST_F(CheckMemory, SeesASegmentThatThePageTableDoesNotKnow)
+{
+    const Drawn drawn = draw("5 [1] | [2]");
+    rmalloc::SegmentMap* map = rmalloc::chains[drawn.tag].first;
+    rmalloc::removeFromPageTable(map);
+    EXPECT_EQ(check(), Lines{found(drawn.tag, map->segment, kWrongMap)});
+    EXPECT_TRUE(rmalloc::addToPageTable(map));
+}
+
+// A segment of many pages, of which the last one is not the table's.
+TEST_F(CheckMemory, SeesASegmentOfWhichThePageTableDoesNotKnowTheEnd)
+{
+    const Drawn drawn = draw("[2000]");
+    rmalloc::SegmentMap* map = rmalloc::chains[drawn.tag].first;
+    const auto end = reinterpret_cast<uintptr_t>(blockAt(map->segment, map->units));
+    rmalloc::SegmentMap** page =
+        &regionOf(rmalloc::pageTable, end >> rmalloc::kRegionShift)
+             ->pages[end >> rmalloc::kPageShift & (rmalloc::kPagesOfRegion - 1)];
+    ASSERT_EQ(*page, map);
+    *page = nullptr;
+    EXPECT_EQ(check(), (Lines{found(drawn.tag, map->segment, kWrongMap),
+                              found(-1, nullptr, "the page table is wrong")}));
+    *page = map;
+}
+
+TEST_F(CheckMemory, SeesAPageTableThatIsWrong)
+{
+    draw("5 [1]");
+    ++rmalloc::pageTable.count;
+    EXPECT_EQ(check(), Lines{found(-1, nullptr, "the page table is wrong")});
+    --rmalloc::pageTable.count;
+}
+
+// They are walked to compare with the map, so they must be sound.
+TEST_F(CheckMemory, DoesNotCompareSegmentsThatAreDamagedWithTheirMaps)
+{
+    const Drawn drawn = draw("2 [1] [3]");
+    rmalloc::chains[drawn.tag].first->tag = 0;
+    firstSegment(drawn)->anchor.units = 1;
+    EXPECT_EQ(check(), Lines{found(drawn.tag, firstSegment(drawn), "the anchor has units")});
+    firstSegment(drawn)->anchor.units = 0;
+    rmalloc::chains[drawn.tag].first->tag = drawn.tag;
+}
+
+TEST_F(CheckMemory, LooksAtWhatIsBesideEveryTag)
+{
+    const Drawn drawn[] = {draw("5 [1]"), draw("[3] | 1 [1]"), draw("[2]")};
+    for (const Drawn& one : drawn) {
+        ++rmalloc::chains[one.tag].segments;
+    }
+    EXPECT_EQ(check(), (Lines{found(drawn[0].tag, nullptr, kWrongChain),
+                              found(drawn[1].tag, nullptr, kWrongChain),
+                              found(drawn[2].tag, nullptr, kWrongChain)}));
+    for (const Drawn& one : drawn) {
+        --rmalloc::chains[one.tag].segments;
+    }
+}
+
+// --- All of it
 
 TEST_F(CheckMemory, LooksAtEverySegmentOfEveryTag)
 {

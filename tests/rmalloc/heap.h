@@ -295,12 +295,13 @@ inline bool traceIsWhole()
     return callTrace().size() < 4096;
 }
 
-// What the library has got from malloc since the case began and not given back, by the trace.
+// What the library has got from the platform since the case began and not given back, by the trace:
+// segments from malloc, what is kept beside them from calloc.
 inline std::vector<int64_t> outstanding()
 {
     std::vector<int64_t> held;
-    for (const CallRecord& call : callTrace({Call::kMalloc, Call::kFree})) {
-        if (call.call == Call::kMalloc) {
+    for (const CallRecord& call : callTrace({Call::kMalloc, Call::kCalloc, Call::kFree})) {
+        if (call.call != Call::kFree) {
             if (call.result != 0) {
                 held.push_back(call.result);
             }

@@ -1,11 +1,11 @@
 // The two searches of the allocator, asked directly: where a block goes, and whose a pointer is.
 //
-// Whatever takes their place must give the same answers, so the cases ask for nothing that follows
-// from how they search. That nothing is changed by asking is checked in each.
+// The cases ask for nothing that follows from how they search. That nothing in the heap is changed
+// by asking is checked in each.
 #include "tests/rmalloc/heap.h"
 
 #include "rm.h"
-#include "rm/rmalloc/rmalloc.h"
+#include "rm/rmalloc/segments.h"
 
 #include <cstdint>
 #include <string>
@@ -16,11 +16,11 @@
 namespace
 {
 using rmalloc::findInTag;
-using rmalloc::findOwner;
 using rmalloc::firstFit;
-using rmalloc::Fit;
+using rmalloc::FreeBlock;
+using rmalloc::mapHolding;
 using rmalloc::Segment;
-using rmalloc::tagTable;
+using rmalloc::SegmentMap;
 using rmtest::draw;
 using rmtest::Drawn;
 using rmtest::headerBefore;
@@ -44,22 +44,21 @@ class FindOwner : public rmtest::HeapTest
 std::string placeOf(Tag tag, uint32_t need)
 {
     const std::string before = wholeHeap();
-    const Fit fit = firstFit(&tagTable[tag], need);
+    const FreeBlock fit = firstFit(&rmalloc::chains[tag], need, 0);
     EXPECT_EQ(wholeHeap(), before);
-    if (fit.segment == nullptr) {
-        EXPECT_EQ(fit.block, nullptr);
-        EXPECT_EQ(fit.link, nullptr);
+    if (fit.map == nullptr) {
         return "none";
     }
     const std::vector<Segment*> segments = segmentsOf(tag);
     std::size_t n = 0;
-    while (n < segments.size() && segments[n] != fit.segment) {
+    while (n < segments.size() && segments[n] != fit.map->segment) {
         ++n;
     }
-    const auto* data = reinterpret_cast<rmalloc::BlockHeader*>(fit.segment + 1);
-    const std::string link =
-        fit.link == &fit.segment->anchor ? "anchor" : std::to_string(fit.link - data);
-    return std::to_string(n) + ":" + std::to_string(fit.block - data) + " after " + link;
+    const uint32_t link = freeBefore(fit.map, fit.offset);
+    EXPECT_EQ(blockAt(fit.map->segment, link)->word1, fit.offset);
+    EXPECT_EQ(blockAt(fit.map->segment, fit.offset)->units, fit.units);
+    return std::to_string(n) + ":" + std::to_string(fit.offset - 1) + " after " +
+           (link == 0 ? "anchor" : std::to_string(link - 1));
 }
 
 rmalloc::BlockHeader* dataOf(Segment* segment)
@@ -136,15 +135,12 @@ TEST_F(FirstFit, FindsNothingForTheLargestRequest)
 
 // --- findInTag
 
-TEST_F(FindInTag, FindsTheSegmentAndTheOneBeforeIt)
+TEST_F(FindInTag, FindsTheSegmentOfEachBlock)
 {
     const Drawn drawn = draw("2 [1] | 3 [4] | [5]");
     const std::vector<Segment*> segments = segmentsOf(drawn.tag);
     for (std::size_t n = 0; n < 3; ++n) {
-        Segment* previous = segments[2];
-        EXPECT_EQ(findInTag(&tagTable[drawn.tag], headerBefore(drawn.live[n]), &previous),
-                  segments[n]);
-        EXPECT_EQ(previous, n == 0 ? nullptr : segments[n - 1]);
+        EXPECT_EQ(findInTag(drawn.tag, headerBefore(drawn.live[n])), segments[n]);
     }
 }
 
@@ -152,45 +148,44 @@ TEST_F(FindInTag, HoldsEveryUnitOfTheDataAreaAndNoMore)
 {
     const Drawn drawn = draw("2 [1] 3 [4]");
     Segment* segment = segmentsOf(drawn.tag)[0];
-    Segment* previous = nullptr;
     for (uint32_t unit = 0; unit < segment->units; ++unit) {
-        EXPECT_EQ(findInTag(&tagTable[drawn.tag], dataOf(segment) + unit, &previous), segment);
+        EXPECT_EQ(findInTag(drawn.tag, dataOf(segment) + unit), segment);
     }
-    EXPECT_EQ(findInTag(&tagTable[drawn.tag], dataOf(segment) + segment->units, &previous),
-              nullptr);
+    EXPECT_EQ(findInTag(drawn.tag, dataOf(segment) + segment->units), nullptr);
 }
 
 TEST_F(FindInTag, DoesNotHoldTheSegmentsHeaderNorItsAnchor)
 {
     const Drawn drawn = draw("2 [1] 3 [4]");
     Segment* segment = segmentsOf(drawn.tag)[0];
-    Segment* previous = nullptr;
-    EXPECT_EQ(findInTag(&tagTable[drawn.tag], &segment->anchor, &previous), nullptr);
-    EXPECT_EQ(findInTag(&tagTable[drawn.tag], reinterpret_cast<rmalloc::BlockHeader*>(segment),
-                        &previous),
-              nullptr);
+    EXPECT_EQ(findInTag(drawn.tag, &segment->anchor), nullptr);
+    EXPECT_EQ(findInTag(drawn.tag, reinterpret_cast<rmalloc::BlockHeader*>(segment)), nullptr);
 }
 
 TEST_F(FindInTag, FindsNothingInATagWithoutSegments)
 {
     const Drawn drawn = draw("2 [1]");
     const Tag empty = rm_allocTag(nullptr, RM_NO_LIMIT);
-    Segment* previous = segmentsOf(drawn.tag)[0];
-    EXPECT_EQ(findInTag(&tagTable[empty], headerBefore(drawn.live[0]), &previous), nullptr);
-    EXPECT_EQ(previous, nullptr);
+    EXPECT_EQ(findInTag(empty, headerBefore(drawn.live[0])), nullptr);
 }
 
 TEST_F(FindInTag, DoesNotFindSegmentsOfAnotherTag)
 {
     const Drawn drawn = draw("2 [1]");
     const Drawn other = draw("2 [1] | [3]");
-    Segment* previous = nullptr;
-    EXPECT_EQ(findInTag(&tagTable[other.tag], headerBefore(drawn.live[0]), &previous), nullptr);
+    EXPECT_EQ(findInTag(other.tag, headerBefore(drawn.live[0])), nullptr);
 }
 
-// --- findOwner
+// --- mapHolding
 
-TEST_F(FindOwner, FindsTheTagWhateverTagIsAskedFirst)
+// The tag of the segment that the header lies in; -1 when it lies in none.
+int ownerOf(const rmalloc::BlockHeader* header)
+{
+    const SegmentMap* map = mapHolding(header);
+    return map == nullptr ? -1 : map->tag;
+}
+
+TEST_F(FindOwner, FindsTheTagOfEachBlock)
 {
     const Drawn first = draw("2 [1] | 3 [1]");
     const Drawn second = draw("4 [1]");
@@ -198,14 +193,9 @@ TEST_F(FindOwner, FindsTheTagWhateverTagIsAskedFirst)
     rm_getMemory(1, 0);
     for (const Drawn& drawn : {first, second, third}) {
         for (void* block : drawn.live) {
-            for (const int likely : {INT16_MIN, -1, 0, 1, 2, 3, 4, INT16_MAX}) {
-                Segment* segment = nullptr;
-                EXPECT_EQ(findOwner(headerBefore(block), static_cast<Tag>(likely), &segment),
-                          drawn.tag);
-                ASSERT_NE(segment, nullptr);
-                Segment* previous = nullptr;
-                EXPECT_EQ(segment, findInTag(&tagTable[drawn.tag], headerBefore(block), &previous));
-            }
+            ASSERT_EQ(ownerOf(headerBefore(block)), drawn.tag);
+            EXPECT_EQ(mapHolding(headerBefore(block))->segment,
+                      findInTag(drawn.tag, headerBefore(block)));
         }
     }
 }
@@ -213,20 +203,15 @@ TEST_F(FindOwner, FindsTheTagWhateverTagIsAskedFirst)
 TEST_F(FindOwner, FindsTagZero)
 {
     void* block = rm_getMemory(1, 0);
-    Segment* segment = nullptr;
-    EXPECT_EQ(findOwner(headerBefore(block), 1, &segment), 0);
-    EXPECT_EQ(segment, segmentsOf(0)[0]);
+    ASSERT_EQ(ownerOf(headerBefore(block)), 0);
+    EXPECT_EQ(mapHolding(headerBefore(block))->segment, segmentsOf(0)[0]);
 }
 
-TEST_F(FindOwner, GivesMinusOneForAPointerInNoSegment)
+TEST_F(FindOwner, GivesNoneForAPointerInNoSegment)
 {
-    const Drawn drawn = draw("2 [1]");
+    draw("2 [1]");
     alignas(8) char bytes[16] = "";
-    for (const int likely : {-1, 0, 1, 2}) {
-        Segment* segment = segmentsOf(drawn.tag)[0];
-        EXPECT_EQ(findOwner(headerBefore(bytes + 8), static_cast<Tag>(likely), &segment), -1);
-        EXPECT_EQ(segment, nullptr);
-    }
+    EXPECT_EQ(ownerOf(headerBefore(bytes + 8)), -1);
 }
 
 TEST_F(FindOwner, ReadsNothingAtThePointer)
@@ -234,33 +219,29 @@ TEST_F(FindOwner, ReadsNothingAtThePointer)
     draw("2 [1]");
     void* page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(page, MAP_FAILED);
-    Segment* segment = nullptr;
-    EXPECT_EQ(findOwner(static_cast<rmalloc::BlockHeader*>(page), 1, &segment), -1);
+    EXPECT_EQ(ownerOf(static_cast<rmalloc::BlockHeader*>(page)), -1);
     munmap(page, 4096);
 }
 
 TEST_F(FindOwner, ForgetsASegmentThatHasGone)
 {
     const Drawn drawn = draw("[2] | [3]");
-    rmalloc::BlockHeader* gone = headerBefore(drawn.live[0]);
+    const rmalloc::BlockHeader* gone = headerBefore(drawn.live[0]);
     rm_freeMemory(drawn.live[0], drawn.tag);
-    Segment* segment = nullptr;
-    EXPECT_EQ(findOwner(gone, drawn.tag, &segment), -1);
+    EXPECT_EQ(ownerOf(gone), -1);
 }
 
 TEST_F(FindOwner, ForgetsTheSegmentsOfAReleasedTag)
 {
     const Drawn drawn = draw("[2] | [3]");
-    rmalloc::BlockHeader* gone = headerBefore(drawn.live[1]);
+    const rmalloc::BlockHeader* gone = headerBefore(drawn.live[1]);
     rm_freeTagMemory(drawn.tag, 1);
-    Segment* segment = nullptr;
-    EXPECT_EQ(findOwner(gone, drawn.tag, &segment), -1);
+    EXPECT_EQ(ownerOf(gone), -1);
 }
 
-TEST_F(FindOwner, GivesMinusOneBeforeAnyTable)
+TEST_F(FindOwner, GivesNoneBeforeAnyTable)
 {
     alignas(8) char bytes[16] = "";
-    Segment* segment = nullptr;
-    EXPECT_EQ(findOwner(headerBefore(bytes + 8), 0, &segment), -1);
+    EXPECT_EQ(ownerOf(headerBefore(bytes + 8)), -1);
 }
 }  // namespace

@@ -6,6 +6,7 @@
 #include "rm.h"
 #include "rm/rmalloc/rmalloc.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <string>
@@ -590,7 +591,10 @@ TEST_F(EmptySegment, GoesBackAtOnceWithItsLastBlock)
     rm_freeMemory(block, tag);
     EXPECT_EQ(layout(tag), "");
     EXPECT_EQ(rm_memused(), kFirstTable);
-    EXPECT_EQ(callTrace({Call::kFree}).back().args[0], segment);
+    const auto frees = callTrace({Call::kFree});
+    EXPECT_EQ(std::count_if(frees.begin(), frees.end(),
+                            [&](const auto& call) { return call.args[0] == segment; }),
+              1);
 }
 
 TEST_F(EmptySegment, GoesBackWhicheverBlockIsTheLast)
@@ -734,17 +738,73 @@ TEST_F(DamagedChain, WithAFreeBlockThatLeavesTheSegmentIsNotUsed)
     EXPECT_EQ(layout(drawn.tag), "[1] 3 [1] | 7 [3]");
 }
 
-TEST_F(DamagedChain, IsNotFollowedWhenABlockIsTaken)
+TEST_F(DamagedChain, ThatIsPutRightIsUsedFromThenOn)
+{
+    const Drawn drawn = draw("[1] 3 [1]");
+    rmalloc::BlockHeader* damaged = &segmentsOf(drawn.tag)[0]->anchor + 2;
+    rm_setTagAlloc(104, drawn.tag);
+    damaged->units = 2;
+    take(2, drawn.tag);
+    damaged->units = 3;
+    take(2, drawn.tag);
+    EXPECT_EQ(layout(drawn.tag), "[1] 1 [2] [1] | 8 [2]");
+}
+
+// The search goes on in the next segment and not behind the damaged block.
+TEST_F(DamagedChain, WithADamagedBlockThatWouldFitLeadsToTheNextSegment)
+{
+    const Drawn drawn = draw("5 [1] 5 [1] | 7 [1]");
+    rmalloc::BlockHeader* damaged = &segmentsOf(drawn.tag)[0]->anchor + 1;
+    damaged->units = 0;
+    take(3, drawn.tag);
+    damaged->units = 5;
+    EXPECT_EQ(layout(drawn.tag), "5 [1] 5 [1] | 4 [3] [1]");
+}
+
+TEST_F(DamagedChain, FurtherDownDoesNotMatterWhenABlockIsCut)
 {
     const Drawn drawn = draw("2 [1] 3 [1] 9 [1]");
-    rmalloc::Segment* segment = segmentsOf(drawn.tag)[0];
-    rm_setTagAlloc(104, drawn.tag);
-    rmalloc::BlockHeader* damaged = &segment->anchor + 4;
+    rmalloc::BlockHeader* damaged = &segmentsOf(drawn.tag)[0]->anchor + 4;
     const uint32_t sound = damaged->word1;
     damaged->word1 = 0x41414141;
     take(5, drawn.tag);
     damaged->word1 = sound;
-    EXPECT_EQ(layout(drawn.tag), "2 [1] 3 [1] 9 [1] | 5 [5]");
+    EXPECT_EQ(layout(drawn.tag), "2 [1] 3 [1] 4 [5] [1]");
+}
+
+TEST_F(DamagedChain, FurtherDownOrUpDoesNotMatterWhenABlockIsGivenBackOrExtended)
+{
+    const Drawn drawn = draw("3 [1] 2 [2] [1] 2 [1] [2] 1 [1] 3 [1]");
+    rmalloc::Segment* segment = segmentsOf(drawn.tag)[0];
+    rmalloc::BlockHeader* low = &segment->anchor + 1;
+    rmalloc::BlockHeader* high = &segment->anchor + 17;
+    const rmalloc::BlockHeader lowSound = *low;
+    const rmalloc::BlockHeader highSound = *high;
+    ASSERT_EQ(lowSound.units, 3U);
+    ASSERT_EQ(highSound.units, 3U);
+    *low = {0x41414141, 0xFFFFFFFF};
+    *high = {4, 0};
+    EXPECT_EQ(linesOf([&] { rm_freeMemory(drawn.live[1], drawn.tag); }), Lines{});
+    EXPECT_EQ(linesOf([&] { EXPECT_NE(rm_extendMemory(drawn.live[4], 16, drawn.tag), nullptr); }),
+              Lines{});
+    *low = lowSound;
+    *high = highSound;
+    EXPECT_EQ(layout(drawn.tag), "3 [1] 4 [1] 2 [1] [3] [1] 3 [1]");
+}
+
+// One that fits exactly goes out of the chain, so that its link and the one to it are needed.
+TEST_F(DamagedChain, IsNotFollowedWhenABlockIsTaken)
+{
+    for (const std::size_t offset : {4U, 8U}) {
+        const Drawn drawn = draw("2 [1] 3 [1] 9 [1]");
+        rm_setTagAlloc(104, drawn.tag);
+        rmalloc::BlockHeader* damaged = &segmentsOf(drawn.tag)[0]->anchor + offset;
+        const uint32_t sound = damaged->word1;
+        damaged->word1 = 0x41414141;
+        take(9, drawn.tag);
+        damaged->word1 = sound;
+        EXPECT_EQ(layout(drawn.tag), "2 [1] 3 [1] 9 [1] | 1 [9]") << offset;
+    }
 }
 
 TEST_F(DamagedChain, DoesNotKeepTheTagFromBeingFreed)

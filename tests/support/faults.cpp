@@ -74,6 +74,7 @@ int64_t usualFailure(Call call)
 {
     switch (call) {
         case Call::kMalloc:
+        case Call::kCalloc:
         case Call::kFopen:
         case Call::kFdopen:
         case Call::kGetenv:
@@ -257,6 +258,7 @@ __attribute__((constructor)) void makeIpcNotes()
 
 // clang-format off
 RM_WRAP(kMalloc, void*, malloc, (std::size_t size), ("malloc", size));
+RM_WRAP(kCalloc, void*, calloc, (std::size_t count, std::size_t size), ("calloc", count, size));
 RM_WRAP(kFree, void, free, (void* p), ("free", p));
 RM_WRAP(kClose, int, close, (int fd), ("close", fd));
 RM_WRAP(kRead, ssize_t, read, (int fd, void* p, std::size_t n), ("read", fd, p, n));

@@ -34,6 +34,7 @@ namespace rmtest
 enum class Call : uint8_t {
     kNone,  // not a call
     kMalloc,
+    kCalloc,
     kFree,
     kOpen,
     kClose,

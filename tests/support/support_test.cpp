@@ -503,6 +503,26 @@ TEST_F(SupportFaults, AllocationsFailBySize)
     std::free(small);
 }
 
+TEST_F(SupportFaults, ZeroedAllocationsFailOnTheirOwn)
+{
+    const int before = callCount(Call::kCalloc);
+    ScopedFault fault({.call = Call::kCalloc,
+                       .error = ENOMEM,
+                       .times = kForever,
+                       .when = [](const CallRecord& call) { return call.args[1] == 12345; }});
+    void* small = std::calloc(3, 10);
+    EXPECT_NE(small, nullptr);
+    void* volatile faulted = std::calloc(3, 12345);
+    EXPECT_EQ(faulted, nullptr);
+    EXPECT_EQ(errno, ENOMEM);
+    void* plain = std::malloc(12345);
+    EXPECT_NE(plain, nullptr);
+    EXPECT_EQ(callCount(Call::kCalloc), before + 2);
+    EXPECT_EQ(fault.hits(), 1);
+    std::free(plain);
+    std::free(small);
+}
+
 TEST_F(SupportFaults, AnActionStandsInForTheCall)
 {
     struct statvfs info = {};

@@ -1,0 +1,310 @@
+// Keeping the page table. What it is: pagetable.h.
+#include "rm/rmalloc/pagetable.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+using namespace rmalloc;
+
+namespace
+{
+// An empty table, so that looking something up needs no case of its own. It is never written to.
+constexpr uint32_t kNoPlaces = 2;
+constexpr uint32_t kFirstPlaces = 8;
+constexpr uint32_t kHashBits = 64;
+
+Region noRegions[kNoPlaces];
+
+// The pages of the region that was emptied last, all null; or null.
+SegmentMap** sparePages = nullptr;
+
+constexpr uint32_t shiftFor(uint32_t capacity)
+{
+    return kHashBits - static_cast<uint32_t>(__builtin_ctz(capacity));
+}
+}  // namespace
+
+namespace rmalloc
+{
+PageTable pageTable = {noRegions, kNoPlaces, shiftFor(kNoPlaces), 0};
+}  // namespace rmalloc
+
+namespace
+{
+uintptr_t beginOf(const SegmentMap* map)
+{
+    return reinterpret_cast<uintptr_t>(map->segment);
+}
+
+uintptr_t lastByteOf(const SegmentMap* map)
+{
+    return beginOf(map) + kSegmentHeader + uintptr_t{map->units} * kUnit - 1;
+}
+
+// The place of a region, or the free place where it would stand.
+Region* placeFor(const PageTable& table, uintptr_t number)
+{
+    uint32_t place = placeOfRegion(table, number);
+    while (table.regions[place].used != 0 && table.regions[place].number != number) {
+        place = (place + 1) & (table.capacity - 1);
+    }
+    return &table.regions[place];
+}
+
+bool resize(uint32_t capacity)
+{
+    auto* regions = static_cast<Region*>(std::calloc(capacity, sizeof(Region)));
+    if (regions == nullptr) {
+        return false;
+    }
+    const PageTable table = {regions, capacity, shiftFor(capacity), pageTable.count};
+    for (uint32_t i = 0; i < pageTable.capacity; ++i) {
+        const Region& region = pageTable.regions[i];
+        if (region.used != 0) {
+            *placeFor(table, region.number) = region;
+        }
+    }
+    if (pageTable.regions != noRegions) {
+        std::free(pageTable.regions);
+    }
+    pageTable = table;
+    return true;
+}
+
+SegmentMap** newPages()
+{
+    SegmentMap** pages = sparePages;
+    sparePages = nullptr;
+    return pages != nullptr
+               ? pages
+               : static_cast<SegmentMap**>(std::calloc(kPagesOfRegion, sizeof(SegmentMap*)));
+}
+
+// Makes sure that the region is there, and that it stays until release() has been called as often.
+// It gets pages unless it is to lie in one segment as a whole.
+bool reserve(uintptr_t number, bool asWhole)
+{
+    // At least half of the places stay free, so that a search soon meets one.
+    const bool none = pageTable.regions == noRegions;
+    if ((none || (pageTable.count + 1) * 2 > pageTable.capacity) &&
+        !resize(none ? kFirstPlaces : pageTable.capacity * 2)) {
+        return false;
+    }
+    Region* region = placeFor(pageTable, number);
+    if (region->used == 0) {
+        SegmentMap** pages = nullptr;
+        if (!asWhole) {
+            pages = newPages();
+            if (pages == nullptr) {
+                return false;
+            }
+        }
+        *region = {number, nullptr, pages, 0};
+        ++pageTable.count;
+    }
+    ++region->used;
+    return true;
+}
+
+// Takes a region out; those behind it that it has displaced move up.
+void removeRegion(Region* region)
+{
+    if (region->pages != nullptr) {
+        std::free(sparePages);
+        sparePages = region->pages;
+    }
+    region->used = 0;
+    --pageTable.count;
+    const uint32_t mask = pageTable.capacity - 1;
+    auto hole = static_cast<uint32_t>(region - pageTable.regions);
+    for (uint32_t i = (hole + 1) & mask; pageTable.regions[i].used != 0; i = (i + 1) & mask) {
+        const uint32_t wanted = placeOfRegion(pageTable, pageTable.regions[i].number);
+        // It may move when the hole is on its way from where it wants to stand to where it stands.
+        if (((i - wanted) & mask) >= ((i - hole) & mask)) {
+            pageTable.regions[hole] = pageTable.regions[i];
+            pageTable.regions[i].used = 0;
+            hole = i;
+        }
+    }
+}
+
+void release(uintptr_t number)
+{
+    Region* region = placeFor(pageTable, number);
+    if (--region->used == 0) {
+        removeRegion(region);
+    }
+}
+
+// The pages of one region that a segment reaches into, first and last, counted from the beginning
+// of the address space.
+struct Span {
+    uintptr_t first;
+    uintptr_t last;
+};
+
+Span spanIn(uintptr_t number, const SegmentMap* map)
+{
+    const uintptr_t begin = number * kPagesOfRegion;
+    return {std::max(begin, beginOf(map) >> kPageShift),
+            std::min(begin + kPagesOfRegion - 1, lastByteOf(map) >> kPageShift)};
+}
+
+// True when every byte of the region lies in the segment: nothing else can come into it.
+bool isWhole(uintptr_t number, const SegmentMap* map)
+{
+    const uintptr_t begin = number << kRegionShift;
+    const uintptr_t last = begin + ((uintptr_t{1} << kRegionShift) - 1);
+    return beginOf(map) <= begin && lastByteOf(map) >= last;
+}
+
+SegmentMap** pageOf(const Region* region, uintptr_t page)
+{
+    return &region->pages[page & (kPagesOfRegion - 1)];
+}
+
+// For a page in which other segments may be.
+void addToPage(Region* region, uintptr_t page, SegmentMap* map)
+{
+    SegmentMap** where = pageOf(region, page);
+    region->used += *where == nullptr ? 1 : 0;
+    while (*where != nullptr && beginOf(*where) > beginOf(map)) {
+        where = &(*where)->below;
+    }
+    // In the page where it begins, the segment leads on to what was there. In the others it is the
+    // lowest one.
+    if (page == beginOf(map) >> kPageShift) {
+        map->below = *where;
+    }
+    *where = map;
+}
+
+void removeFromPage(Region* region, uintptr_t page, SegmentMap* map)
+{
+    SegmentMap** where = pageOf(region, page);
+    while (*where != map) {
+        where = &(*where)->below;
+    }
+    *where = page == beginOf(map) >> kPageShift ? map->below : nullptr;
+    region->used -= *pageOf(region, page) == nullptr ? 1 : 0;
+}
+
+// Pages between the first and the last one of a segment have no other segment in them.
+void setBetween(Region* region, const Span& span, SegmentMap* map)
+{
+    if (span.last - span.first >= 2) {
+        std::fill(pageOf(region, span.first + 1), pageOf(region, span.last - 1) + 1, map);
+    }
+}
+
+uint32_t pagesBetween(const Span& span)
+{
+    return span.last - span.first >= 2 ? static_cast<uint32_t>(span.last - span.first - 1) : 0;
+}
+
+void addToRegion(Region* region, SegmentMap* map)
+{
+    if (isWhole(region->number, map)) {
+        region->whole = map;
+        return;  // what reserved the region keeps it
+    }
+    const Span span = spanIn(region->number, map);
+    addToPage(region, span.first, map);
+    if (span.last != span.first) {
+        addToPage(region, span.last, map);
+    }
+    setBetween(region, span, map);
+    region->used += pagesBetween(span);
+    --region->used;  // the reservation: pages keep the region now
+}
+
+void removeFromRegion(Region* region, SegmentMap* map)
+{
+    if (region->whole != nullptr) {
+        region->used = 0;
+    } else {
+        const Span span = spanIn(region->number, map);
+        removeFromPage(region, span.first, map);
+        if (span.last != span.first) {
+            removeFromPage(region, span.last, map);
+        }
+        setBetween(region, span, nullptr);
+        region->used -= pagesBetween(span);
+    }
+    if (region->used == 0) {
+        removeRegion(region);
+    }
+}
+}  // namespace
+
+bool rmalloc::addToPageTable(SegmentMap* map)
+{
+    const uintptr_t first = beginOf(map) >> kRegionShift;
+    const uintptr_t last = lastByteOf(map) >> kRegionShift;
+    for (uintptr_t number = first; number <= last; ++number) {
+        if (!reserve(number, isWhole(number, map))) {
+            while (number > first) {
+                release(--number);
+            }
+            return false;
+        }
+    }
+    for (uintptr_t number = first; number <= last; ++number) {
+        addToRegion(placeFor(pageTable, number), map);
+    }
+    return true;
+}
+
+void rmalloc::removeFromPageTable(SegmentMap* map)
+{
+    const uintptr_t last = lastByteOf(map) >> kRegionShift;
+    for (uintptr_t number = beginOf(map) >> kRegionShift; number <= last; ++number) {
+        removeFromRegion(placeFor(pageTable, number), map);
+    }
+}
+
+void rmalloc::trimPageTable()
+{
+    std::free(sparePages);
+    sparePages = nullptr;
+    if (pageTable.count == 0 && pageTable.regions != noRegions) {
+        std::free(pageTable.regions);
+        pageTable = {noRegions, kNoPlaces, shiftFor(kNoPlaces), 0};
+    }
+}
+
+uint32_t rmalloc::checkPageTable()
+{
+    uint32_t violations = 0;
+    uint32_t count = 0;
+    for (uint32_t place = 0; place < pageTable.capacity; ++place) {
+        const Region& region = pageTable.regions[place];
+        if (region.used == 0) {
+            continue;
+        }
+        ++count;
+        violations += regionOf(pageTable, region.number) == &region ? 0 : 1;
+        if (region.whole != nullptr) {
+            const bool holds =
+                region.pages == nullptr && region.used == 1 && isWhole(region.number, region.whole);
+            violations += holds ? 0 : 1;
+            continue;
+        }
+        uint32_t used = 0;
+        for (uint32_t i = 0; i < kPagesOfRegion; ++i) {
+            const SegmentMap* map = region.pages[i];
+            const uintptr_t page = region.number * kPagesOfRegion + i;
+            used += map != nullptr ? 1 : 0;
+            while (map != nullptr) {
+                const bool reaches =
+                    beginOf(map) >> kPageShift <= page && lastByteOf(map) >> kPageShift >= page;
+                const SegmentMap* below = beginOf(map) >> kPageShift == page ? map->below : nullptr;
+                const bool ordered = below == nullptr || lastByteOf(below) < beginOf(map);
+                violations += reaches && ordered ? 0 : 1;
+                map = below;
+            }
+        }
+        violations += used == region.used && used > 0 ? 0 : 1;
+    }
+    return violations + (count == pageTable.count ? 0 : 1);
+}

@@ -1,0 +1,105 @@
+// Maps of segments: making, searching and checking them. What they are: segmentmap.h.
+#include "rm/rmalloc/segmentmap.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+using namespace rmalloc;
+
+namespace
+{
+// Strips that are in use: the anchor has a bit, and so has the unit behind the segment, which is
+// asked for a free block that begins there.
+constexpr uint32_t usedStrips(uint32_t units)
+{
+    return (units + 1) / kStrip + 1;
+}
+
+// Those, and one that endsFrom() may read.
+constexpr uint32_t allStrips(uint32_t units)
+{
+    return usedStrips(units) + 1;
+}
+}  // namespace
+
+// Zeroed by the platform: what a large segment needs is then not touched before it is used.
+SegmentMap* rmalloc::newSegmentMap(uint32_t units)
+{
+    const uint32_t length = usedStrips(units);
+    const std::size_t before = sizeof(SegmentMap) + allStrips(units) * sizeof(Strip);
+    auto* map = static_cast<SegmentMap*>(std::calloc(1, before + bytesOfMaxTree(length)));
+    if (map == nullptr) {
+        return nullptr;
+    }
+    map->bounds = makeMaxTree(stripsOf(map) + allStrips(units), length);
+    map->units = units;
+    return map;
+}
+
+void rmalloc::freeSegmentMap(SegmentMap* map)
+{
+    std::free(map);
+}
+
+void rmalloc::drawEmpty(SegmentMap* map)
+{
+    setEnd(map, 0);
+    setEnd(map, map->units);
+    setFree(map, 1, map->units);
+}
+
+bool rmalloc::noEndBetween(const SegmentMap* map, uint32_t offset, uint32_t end)
+{
+    if (offset >= end) {
+        return true;
+    }
+    const Strip* strips = stripsOf(map);
+    const uint32_t last = (end - 1) / kStrip;
+    uint64_t ends = strips[offset / kStrip].ends & ~(bitOf(offset) - 1);
+    for (uint32_t strip = offset / kStrip; strip < last;) {
+        if (ends != 0) {
+            return false;
+        }
+        ends = strips[++strip].ends;
+    }
+    // Of the last strip, what is below `end`.
+    return (ends & (~uint64_t{0} >> (kStrip - 1 - (end - 1) % kStrip))) == 0;
+}
+
+uint32_t rmalloc::checkSegmentMap(const SegmentMap* map)
+{
+    Segment* segment = map->segment;
+    const Strip* strips = stripsOf(map);
+    uint32_t violations = map->units == segment->units ? 0 : 1;
+    violations += checkMaxTree(map->bounds);
+    uint32_t free = segment->anchor.word1;  // the next free block of the chain
+    uint32_t offset = 1;                    // of the block that is looked at
+    Strip drawn = {0, bitOf(0)};            // one strip as the headers have it
+    Bound largest = 0;                      // of its free blocks
+    for (uint32_t strip = 0; strip < usedStrips(map->units); ++strip) {
+        // A block may end in a strip without starting there, or do neither.
+        while (offset <= segment->units && offset / kStrip == strip) {
+            const BlockHeader* block = blockAt(segment, offset);
+            if (offset == free) {
+                drawn.starts |= bitOf(offset);
+                largest = std::max(largest, static_cast<Bound>(block->units));
+                free = block->word1;
+            }
+            offset += block->units;
+            if ((offset - 1) / kStrip == strip) {
+                drawn.ends |= bitOf(offset - 1);
+            }
+        }
+        const Bound bound = map->bounds.row[strip];
+        const bool holds = strips[strip].starts == drawn.starts &&
+                           strips[strip].ends == drawn.ends && bound >= largest &&
+                           (bound == 0) == (largest == 0) &&
+                           (largest <= static_cast<Bound>(kStrip) || bound == largest);
+        violations += holds ? 0 : 1;
+        const bool endsInNext = (offset - 1) / kStrip == strip + 1;
+        drawn = {0, endsInNext ? bitOf(offset - 1) : 0};
+        largest = 0;
+    }
+    const Strip& spare = strips[usedStrips(map->units)];
+    return violations + (spare.starts == 0 && spare.ends == 0 ? 0 : 1);
+}
