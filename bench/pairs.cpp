@@ -32,7 +32,7 @@ void rmbench::addPair(const std::string& name, const std::string& bareWay, doubl
 }
 
 void rmbench::addSlowPair(const std::string& name, const std::string& bareWay, double limit,
-                          Body ours, Body bare, long argument, int repetitions)
+                          Body ours, Body bare, long argument, int repetitions, long iterations)
 {
     pairs().push_back({name, bareWay, limit, "", argument});
     const Pair& pair = pairs().back();
@@ -40,7 +40,7 @@ void rmbench::addSlowPair(const std::string& name, const std::string& bareWay, d
         benchmark::RegisterBenchmark(side.c_str(), body)
             ->Arg(argument)
             ->UseRealTime()
-            ->Iterations(1)
+            ->Iterations(iterations)
             ->Repetitions(repetitions);
     }
 }

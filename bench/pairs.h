@@ -30,9 +30,10 @@ using Body = void (*)(benchmark::State&);
 void addPair(const std::string& name, const std::string& bareWay, double limit, Body ours,
              Body bare, long argument = 0);
 
-// A pair of which one iteration takes seconds: so many repetitions of one iteration each.
+// A pair of which one iteration takes seconds, or one that takes seconds to get ready: so many
+// repetitions of so many iterations each.
 void addSlowPair(const std::string& name, const std::string& bareWay, double limit, Body ours,
-                 Body bare, long argument, int repetitions);
+                 Body bare, long argument, int repetitions, long iterations = 1);
 
 // Makes the pair that was added last a point of a plot.
 void plotAs(const std::string& series, long size);
