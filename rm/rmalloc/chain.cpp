@@ -146,7 +146,7 @@ uint32_t rmalloc::checkPlace(const Chain* chain)
             const BlockHeader* block = blockAt(segment, free);
             if (map == place.map && free == place.offset) {
                 const bool holds =
-                    block->units == place.units && block->word1 == place.link &&
+                    block->units == place.units &&
                     (place.header == nullptr ||
                      (place.header == &block[place.units] && place.header->word1 == kLiveMagic &&
                       place.header->units == place.cut));

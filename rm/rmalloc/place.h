@@ -43,6 +43,9 @@ inline void notePlace(Chain* chain, const FreeBlock& free, uint32_t need, BlockH
     if (place.units == 0 || need >= place.floor || isPlace(chain, free)) {
         const uint32_t link = blockAt(free.map->segment, free.offset)->word1;
         place = {need, free.offset, free.map, free.units - need, link, need, header};
+        if (!isLink(free.map, free.offset, link)) {
+            forgetPlace(chain);  // written over; what is given back there has to be looked at
+        }
     }
 }
 

@@ -191,6 +191,12 @@ inline Neighbours neighboursOf(const SegmentMap* map, uint32_t offset, uint32_t 
     return around;
 }
 
+// True when the free chain of the segment can go on with `link` behind `offset`.
+inline bool isLink(const SegmentMap* map, uint32_t offset, uint32_t link)
+{
+    return link == 0 || (link > offset && link <= map->units && isFreeAt(map, link));
+}
+
 // The first free block of at least `need` units. Bounds that turn out too
 // large on the way are lowered.
 inline FreeBlock firstFitIn(SegmentMap* map, uint32_t need)

@@ -39,12 +39,6 @@ uint32_t segmentsReturned = 0;
 
 namespace
 {
-// True when the chain can go on with `link` behind `offset`.
-inline bool isLink(const SegmentMap* map, uint32_t offset, uint32_t link)
-{
-    return link == 0 || (link > offset && link <= map->units && isFreeAt(map, link));
-}
-
 // True when the header at `offset` is that of a free block of `units`, or of the anchor, whose
 // units nothing depends on.
 inline bool agrees(const SegmentMap* map, uint32_t offset, uint32_t units)
