@@ -301,7 +301,7 @@ uint32_t rmalloc::checkPageTable()
                 const SegmentMap* below = beginOf(map) >> kPageShift == page ? map->below : nullptr;
                 const bool ordered = below == nullptr || lastByteOf(below) < beginOf(map);
                 violations += reaches && ordered ? 0 : 1;
-                map = below;
+                map = ordered ? below : nullptr;
             }
         }
         violations += used == region.used && used > 0 ? 0 : 1;

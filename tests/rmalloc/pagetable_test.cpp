@@ -180,7 +180,7 @@ TEST_F(PageTableTest, FindsSegmentsOfEverySizeAtEveryPlaceOfAPageAndARegion)
          {uintptr_t{32}, uintptr_t{40}, kPage - 8, kPage, kPage + 8, 2 * kPage, uintptr_t{8192},
           kRegion - kPage, kRegion, kRegion + 8, 8 * kRegion, 9 * kRegion + 24}) {
         for (const uintptr_t border : {kBase, kBase + kPage, kBase + kRegion}) {
-            for (const uintptr_t below : {0, 8, 16, 24, 32, 40, 1016, 1024}) {
+            for (const uintptr_t below : {0U, 8U, 16U, 24U, 32U, 40U, 1016U, 1024U}) {
                 std::vector<SegmentMap> maps = {mapAt(border - below, bytes)};
                 expectAllFound(&maps);
             }
@@ -231,7 +231,7 @@ TEST_F(PageTableTest, HoldsNothingBetweenSegmentsOfOnePage)
 
 TEST_F(PageTableTest, HoldsNothingWhereOnlyTheHeaderOfASegmentReachesIntoAPage)
 {
-    for (const uintptr_t below : {8, 16, 24}) {
+    for (const uintptr_t below : {8U, 16U, 24U}) {
         SegmentMap lower = mapAt(kBase - below - 200, 200);
         SegmentMap map = mapAt(kBase - below, 4096);
         ASSERT_TRUE(addToPageTable(&lower));
@@ -332,7 +332,7 @@ TEST_F(PageTableTest, HasARegionAsLongAsAPageOfItHasASegment)
     EXPECT_EQ(pageTable.count, 2U);
     removeFromPageTable(&maps[2]);
     EXPECT_EQ(pageTable.count, 1U);
-    removeFromPageTable(&maps[0]);
+    removeFromPageTable(&maps.front());
     EXPECT_EQ(pageTable.count, 1U);
     removeFromPageTable(&maps[1]);
     EXPECT_EQ(pageTable.count, 0U);
@@ -372,6 +372,7 @@ TEST_F(PageTableTest, FindsWhatIsLeftWhenRegionsGoInAnyOrder)
             ASSERT_TRUE(addToPageTable(&map));
         }
         std::vector<SegmentMap*> order;
+        order.reserve(maps.size());
         for (SegmentMap& map : maps) {
             order.push_back(&map);
         }
@@ -389,8 +390,8 @@ TEST_F(PageTableTest, FindsWhatIsLeftWhenRegionsGoInAnyOrder)
 TEST_F(PageTableTest, NeedsNoPagesForARegionThatLiesInOneSegment)
 {
     // Bytes before and behind the two regions that it covers.
-    for (const uintptr_t before : {0, 8, 1024}) {
-        for (const uintptr_t behind : {0, 8, 1024}) {
+    for (const uintptr_t before : {0U, 8U, 1024U}) {
+        for (const uintptr_t behind : {0U, 8U, 1024U}) {
             rmtest::resetCalls();
             SegmentMap map = mapAt(kBase - before, before + 2 * kRegion + behind);
             ASSERT_TRUE(addToPageTable(&map));

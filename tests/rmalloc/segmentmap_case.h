@@ -198,7 +198,7 @@ inline std::string wrongAt(const Made& made, std::size_t n, bool isShort)
 inline std::string wrong(const Made& made, bool isShort = false)
 {
     for (std::size_t n = 0; n < made.pieces.size(); ++n) {
-        const std::string text = wrongAt(made, n, isShort);
+        std::string text = wrongAt(made, n, isShort);
         if (!text.empty()) {
             return text;
         }
