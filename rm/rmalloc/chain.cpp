@@ -32,7 +32,7 @@ void freeSlots(Chain* chain)
 // Moves the segments into a row of `length` slots, without gaps.
 bool moveInto(Chain* chain, uint32_t length)
 {
-    auto* slots = static_cast<SegmentMap**>(std::calloc(length, sizeof(SegmentMap*)));
+    auto* slots = static_cast<SegmentMap**>(std::calloc(length, sizeof(void*)));
     void* bounds = std::calloc(1, bytesOfMaxTree(length));
     if (slots == nullptr || bounds == nullptr) {
         std::free(slots);

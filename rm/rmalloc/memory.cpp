@@ -42,22 +42,10 @@ void* resizeByMoving(Tag tag, const LiveBlock& old, uint32_t newSize)
 {
     void* block = allocBlock(newSize, tag);
     std::memcpy(block, old.header + 1, dataBytes(old.units));
-    // Its neighbours may be others now.
-    if (freeBlock(tag, liveBlockAt(old.header + 1))) {
-        adjustNumbers(tag, old.units, old.map);
-    }
+    giveBack(old.header + 1, tag);  // looked up again: its neighbours may be others now
     return block;
 }
 
-// On its own, so that the short way in rm_freeMemory needs none of its registers.
-[[gnu::noinline]] void giveBack(void* pointer, Tag tag)
-{
-    const LiveBlock block = liveBlock(pointer);
-    if (block.map != nullptr && checkTag(tag, "rm_freeMemory") == RM_SUCCESS &&
-        freeBlock(tag, block)) {
-        adjustNumbers(tag, block.units, block.map);
-    }
-}
 }  // namespace
 
 void* rm_getMemory(uint32_t size, int16_t tag)

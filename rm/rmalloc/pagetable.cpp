@@ -75,9 +75,8 @@ SegmentMap** newPages()
 {
     SegmentMap** pages = sparePages;
     sparePages = nullptr;
-    return pages != nullptr
-               ? pages
-               : static_cast<SegmentMap**>(std::calloc(kPagesOfRegion, sizeof(SegmentMap*)));
+    return pages != nullptr ? pages
+                            : static_cast<SegmentMap**>(std::calloc(kPagesOfRegion, sizeof(void*)));
 }
 
 // Makes sure that the region is there, and that it stays until release() has been called as often.
@@ -273,38 +272,50 @@ void rmalloc::trimPageTable()
     }
 }
 
+namespace
+{
+// The segments of one page, from the last one down.
+uint32_t checkPage(uintptr_t page, const SegmentMap* map)
+{
+    uint32_t violations = 0;
+    while (map != nullptr) {
+        const bool begins = beginOf(map) >> kPageShift == page;
+        const bool reaches =
+            beginOf(map) >> kPageShift <= page && lastByteOf(map) >> kPageShift >= page;
+        const SegmentMap* below = begins ? map->below : nullptr;
+        const bool ordered = below == nullptr || lastByteOf(below) < beginOf(map);
+        violations += reaches && ordered ? 0 : 1;
+        map = ordered ? below : nullptr;
+    }
+    return violations;
+}
+
+uint32_t checkRegion(const Region& region)
+{
+    uint32_t violations = regionOf(pageTable, region.number) == &region ? 0 : 1;
+    if (region.whole != nullptr) {
+        const bool holds =
+            region.pages == nullptr && region.used == 1 && isWhole(region.number, region.whole);
+        return violations + (holds ? 0 : 1);
+    }
+    uint32_t used = 0;
+    for (uint32_t i = 0; i < kPagesOfRegion; ++i) {
+        used += region.pages[i] != nullptr ? 1 : 0;
+        violations += checkPage(region.number * kPagesOfRegion + i, region.pages[i]);
+    }
+    return violations + (used == region.used ? 0 : 1);
+}
+}  // namespace
+
 uint32_t rmalloc::checkPageTable()
 {
     uint32_t violations = 0;
     uint32_t count = 0;
     for (uint32_t place = 0; place < pageTable.capacity; ++place) {
-        const Region& region = pageTable.regions[place];
-        if (region.used == 0) {
-            continue;
+        if (pageTable.regions[place].used != 0) {
+            ++count;
+            violations += checkRegion(pageTable.regions[place]);
         }
-        ++count;
-        violations += regionOf(pageTable, region.number) == &region ? 0 : 1;
-        if (region.whole != nullptr) {
-            const bool holds =
-                region.pages == nullptr && region.used == 1 && isWhole(region.number, region.whole);
-            violations += holds ? 0 : 1;
-            continue;
-        }
-        uint32_t used = 0;
-        for (uint32_t i = 0; i < kPagesOfRegion; ++i) {
-            const SegmentMap* map = region.pages[i];
-            const uintptr_t page = region.number * kPagesOfRegion + i;
-            used += map != nullptr ? 1 : 0;
-            while (map != nullptr) {
-                const bool reaches =
-                    beginOf(map) >> kPageShift <= page && lastByteOf(map) >> kPageShift >= page;
-                const SegmentMap* below = beginOf(map) >> kPageShift == page ? map->below : nullptr;
-                const bool ordered = below == nullptr || lastByteOf(below) < beginOf(map);
-                violations += reaches && ordered ? 0 : 1;
-                map = ordered ? below : nullptr;
-            }
-        }
-        violations += used == region.used && used > 0 ? 0 : 1;
     }
     return violations + (count == pageTable.count ? 0 : 1);
 }

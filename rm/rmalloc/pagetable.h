@@ -4,11 +4,11 @@
 // segments of all tags. The table answers from the address alone, in the same few steps whether
 // there is one segment or a million, and touches nothing at the address.
 //
-// The address space is cut into pages of 1 KiB, which have nothing to do with the machine's. 512 of
-// them are a region; a hash table leads from a region's number to its pages. A page knows the
-// segment that begins last of those that reach into it, and each segment knows the one below it in
-// the page in which it begins. Segments are at least 32 bytes, and most are larger than a page, so
-// the way down is short. A region that lies in one segment as a whole needs no pages.
+// The address space is cut into pages of 512 bytes, which have nothing to do with the machine's.
+// 512 of them are a region; a hash table leads from a region's number to its pages. A page knows
+// the segment that begins last of those that reach into it, and each segment knows the one below it
+// in the page in which it begins. Segments are at least 32 bytes, and most are larger than a page,
+// so the way down is short. A region that lies in one segment as a whole needs no pages.
 //
 // The pages of the region that was emptied last are kept for the next one, and so is the hash
 // table: a segment that comes and goes at the border of a region, or alone, costs no more than any
@@ -17,7 +17,7 @@
 // Invariant: the segments of a page hang together in descending order of their addresses; a region
 // is there as long as a page of it has a segment. checkPageTable() tests it.
 //
-// Cost: one pointer for 1 KiB of a segment; 4 KiB for a region that is used at all, and 8 to 16
+// Cost: one pointer for 512 bytes of a segment; 4 KiB for a region that is used at all, and 8 to 16
 // words for its entry. The memory comes from the platform and is not counted in memused.
 #ifndef RM_RMALLOC_PAGETABLE_H
 #define RM_RMALLOC_PAGETABLE_H
@@ -30,8 +30,8 @@
 namespace rmalloc
 {
 
-constexpr unsigned kPageShift = 10;    // 1 KiB
-constexpr unsigned kRegionShift = 19;  // 512 pages
+constexpr unsigned kPageShift = 9;     // 512 bytes
+constexpr unsigned kRegionShift = 18;  // 512 pages
 constexpr uint32_t kPagesOfRegion = 1U << (kRegionShift - kPageShift);
 
 struct Region {

@@ -85,9 +85,10 @@ inline bool isLastCut(Tag tag, const BlockHeader* header)
 
 // Puts the block that was cut last back to where it was cut from. False, with nothing changed, when
 // one of the two headers has been written over, or it is the last block of its segment.
-inline bool undoLastCut(Tag tag)
+[[gnu::always_inline]] inline bool undoLastCut(Tag tag)
 {
-    Place& place = chains[tag].place;
+    Chain* chain = &chains[tag];
+    Place& place = chain->place;
     SegmentMap* map = place.map;
     Segment* segment = map->segment;
     BlockHeader* header = place.header;
@@ -103,7 +104,7 @@ inline bool undoLastCut(Tag tag)
     from->units = place.units;
     clearEnd(map, place.offset + from->units - place.cut - 1);
     growFree(map, place.offset, place.units);
-    noteFree(&chains[tag], map, place.units);
+    noteFree(chain, map, place.units);
     --segment->blocks;
     tagTable[tag].allocated -= place.cut * kUnit;
     return true;

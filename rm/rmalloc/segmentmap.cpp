@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 using namespace rmalloc;
 
@@ -20,16 +21,29 @@ constexpr uint32_t allStrips(uint32_t units)
 {
     return usedStrips(units) + 1;
 }
+
+// Bytes of the map of a segment of one strip. They are all alike, and where every block is a
+// segment of its own they come and go with each: the one that was given back last is kept.
+constexpr std::size_t kSmallMap = sizeof(SegmentMap) + allStrips(1) * sizeof(Strip) + sizeof(Bound);
+
+SegmentMap* spareMap = nullptr;
 }  // namespace
 
 // Zeroed by the platform: what a large segment needs is then not touched before it is used.
 SegmentMap* rmalloc::newSegmentMap(uint32_t units)
 {
     const uint32_t length = usedStrips(units);
-    const std::size_t before = sizeof(SegmentMap) + allStrips(units) * sizeof(Strip);
-    auto* map = static_cast<SegmentMap*>(std::calloc(1, before + bytesOfMaxTree(length)));
-    if (map == nullptr) {
-        return nullptr;
+    SegmentMap* map = nullptr;
+    if (length == 1 && spareMap != nullptr) {
+        map = spareMap;
+        spareMap = nullptr;
+        std::memset(map, 0, kSmallMap);
+    } else {
+        const std::size_t before = sizeof(SegmentMap) + allStrips(units) * sizeof(Strip);
+        map = static_cast<SegmentMap*>(std::calloc(1, before + bytesOfMaxTree(length)));
+        if (map == nullptr) {
+            return nullptr;
+        }
     }
     map->bounds = makeMaxTree(stripsOf(map) + allStrips(units), length);
     map->units = units;
@@ -38,7 +52,17 @@ SegmentMap* rmalloc::newSegmentMap(uint32_t units)
 
 void rmalloc::freeSegmentMap(SegmentMap* map)
 {
-    std::free(map);
+    if (map != nullptr && map->bounds.length == 1 && spareMap == nullptr) {
+        spareMap = map;
+    } else {
+        std::free(map);
+    }
+}
+
+void rmalloc::trimSegmentMaps()
+{
+    std::free(spareMap);
+    spareMap = nullptr;
 }
 
 void rmalloc::drawEmpty(SegmentMap* map)

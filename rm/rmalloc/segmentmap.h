@@ -72,6 +72,9 @@ struct FreeBlock {
 SegmentMap* newSegmentMap(uint32_t units);
 void freeSegmentMap(SegmentMap* map);
 
+// Gives back a map that was kept for the next small segment.
+void trimSegmentMaps();
+
 // Draws the segment as one free block.
 void drawEmpty(SegmentMap* map);
 
@@ -180,7 +183,8 @@ inline uint32_t freeBefore(const SegmentMap* map, uint32_t offset)
     return strip == kNoEntry ? 0 : strip * kStrip + lastBit(stripsOf(map)[strip].starts);
 }
 
-inline Neighbours neighboursOf(const SegmentMap* map, uint32_t offset, uint32_t units)
+[[gnu::always_inline]] inline Neighbours neighboursOf(const SegmentMap* map, uint32_t offset,
+                                                      uint32_t units)
 {
     Neighbours around = {freeBefore(map, offset), 0, 0};
     if (around.previous != 0) {

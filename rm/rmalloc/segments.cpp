@@ -83,76 +83,8 @@ inline bool touchesPrevious(const LiveBlock& block)
     return around.previous != 0 && around.previous + around.previousUnits == block.offset;
 }
 
-// On its own, so that the short way in allocBlock needs none of its registers.
-[[gnu::noinline]] void* allocBySearch(uint32_t need, Tag tag)
-{
-    Chain* chain = &chains[tag];
-    FreeBlock free = firstFit(chain, need, 0);
-    bool skipped = false;
-    while (free.map != nullptr && !isUsable(free, need)) {
-        free = firstFit(chain, need, free.map->slot + 1);
-        skipped = true;
-    }
-    if (free.map == nullptr) {
-        SegmentMap* map = allocSeg(tag, need);
-        free = {map, 1, map->units};
-    }
-    void* block = allocSegBlock(need, free, tag);
-    noteFree(&chains[tag], free.map, free.units - need);
-    if (skipped) {
-        forgetPlace(&chains[tag]);  // it is not the first one where such a request fits
-    }
-    return block;
-}
-
-void sayNotFound(Tag tag, BlockHeader* header)
-{
-    rm_systemLogWrite("tag = %d, freeHDR = %08lX", tag,
-                      static_cast<unsigned long>(reinterpret_cast<uintptr_t>(header)));
-    rm_systemLogWrite("WARNING: pointer not found within tag segments, %p",
-                      static_cast<void*>(header + 1));
-}
-
-void sayCorrupted(BlockHeader* header)
-{
-    rm_systemLogWrite("WARNING: corrupted free chain searching for %p",
-                      static_cast<void*>(header + 1));
-}
-
-// False, with a line in the log, when the block cannot be given back or resized under the tag.
-inline bool isInOrder(Tag tag, const LiveBlock& block)
-{
-    if (block.map->tag != tag) {
-        sayNotFound(tag, block.header);
-        return false;
-    }
-    if (!chainAgrees(block)) {
-        sayCorrupted(block.header);
-        return false;
-    }
-    return true;
-}
-}  // namespace
-
-void rmalloc::warnBadPointer(void* pointer)
-{
-    rm_systemLogWrite("WARNING: attempting to free bad pointer, %p", pointer);
-}
-
-Segment* rmalloc::findInTag(Tag tag, const BlockHeader* header)
-{
-    const SegmentMap* map = mapHolding(header);
-    return map != nullptr && map->tag == tag ? map->segment : nullptr;
-}
-
-void* rmalloc::allocBlock(uint32_t size, Tag tag)
-{
-    const uint32_t need = unitsFor(size);
-    void* block = cutAtPlace(tag, need);
-    return block != nullptr ? block : allocBySearch(need, tag);
-}
-
-void* rmalloc::allocSegBlock(uint32_t need, const FreeBlock& free, Tag tag)
+// Carves `need` units out of a free block that is large enough.
+void* allocSegBlock(uint32_t need, const FreeBlock& free, Tag tag)
 {
     SegmentMap* map = free.map;
     Segment* segment = map->segment;
@@ -185,7 +117,8 @@ void* rmalloc::allocSegBlock(uint32_t need, const FreeBlock& free, Tag tag)
     return block + 1;
 }
 
-SegmentMap* rmalloc::allocSeg(Tag tag, uint32_t need)
+// Appends a segment with room for `need` units to the tag's chain: one free block.
+SegmentMap* allocSeg(Tag tag, uint32_t need)
 {
     TagRecord* record = &tagTable[tag];
     uint64_t bytes = uint64_t{need} * kUnit + kSegmentHeader;
@@ -219,22 +152,9 @@ SegmentMap* rmalloc::allocSeg(Tag tag, uint32_t need)
     return map;
 }
 
-bool rmalloc::freeBlock(Tag tag, const LiveBlock& block)
-{
-    if (!isInOrder(tag, block)) {
-        return false;
-    }
-    forgetPlace(&chains[tag]);
-    if (block.map->segment->blocks == 1) {
-        return true;  // the segment goes as a whole
-    }
-    const FreeBlock free = checkMerge(block);
-    setFree(block.map, free.offset, free.units);
-    noteFree(&chains[tag], block.map, free.units);
-    return true;
-}
-
-FreeBlock rmalloc::checkMerge(const LiveBlock& block)
+// Links a block between its free neighbours, or merges it with those that it touches. The result is
+// the free block that it is part of then; the map does not show it yet.
+FreeBlock checkMerge(const LiveBlock& block)
 {
     SegmentMap* map = block.map;
     const Neighbours& around = block.around;
@@ -255,13 +175,113 @@ FreeBlock rmalloc::checkMerge(const LiveBlock& block)
     return {map, low, units};
 }
 
-void rmalloc::adjustNumbers(Tag tag, uint32_t units, SegmentMap* map)
+// On its own, so that the short way in allocBlock needs none of its registers.
+[[gnu::noinline]] void* allocBySearch(uint32_t need, Tag tag)
+{
+    Chain* chain = &chains[tag];
+    FreeBlock free = firstFit(chain, need, 0);
+    bool skipped = false;
+    while (free.map != nullptr && !isUsable(free, need)) {
+        free = firstFit(chain, need, free.map->slot + 1);
+        skipped = true;
+    }
+    const bool none = free.map == nullptr;
+    if (none) {
+        SegmentMap* map = allocSeg(tag, need);
+        free = {map, 1, map->units};
+    }
+    void* block = allocSegBlock(need, free, tag);
+    if (none) {
+        noteFree(chain, free.map, free.units - need);
+    }
+    if (skipped) {
+        forgetPlace(chain);  // it is not the first one where such a request fits
+    }
+    return block;
+}
+
+void sayNotFound(Tag tag, BlockHeader* header)
+{
+    rm_systemLogWrite("tag = %d, freeHDR = %08lX", tag,
+                      static_cast<unsigned long>(reinterpret_cast<uintptr_t>(header)));
+    rm_systemLogWrite("WARNING: pointer not found within tag segments, %p",
+                      static_cast<void*>(header + 1));
+}
+
+void sayCorrupted(BlockHeader* header)
+{
+    rm_systemLogWrite("WARNING: corrupted free chain searching for %p",
+                      static_cast<void*>(header + 1));
+}
+
+// False, with a line in the log, when the block cannot be given back or resized under the tag.
+inline bool isInOrder(Tag tag, const LiveBlock& block)
+{
+    if (block.map->tag != tag) {
+        sayNotFound(tag, block.header);
+        return false;
+    }
+    if (!chainAgrees(block)) {
+        sayCorrupted(block.header);
+        return false;
+    }
+    return true;
+}
+
+// Puts a live block into its segment's free chain. False when that failed (logged).
+inline bool freeBlock(Tag tag, const LiveBlock& block)
+{
+    if (!isInOrder(tag, block)) {
+        return false;
+    }
+    forgetPlace(&chains[tag]);
+    if (block.map->segment->blocks == 1) {
+        return true;  // the segment goes as a whole
+    }
+    const FreeBlock free = checkMerge(block);
+    setFree(block.map, free.offset, free.units);
+    noteFree(&chains[tag], block.map, free.units);
+    return true;
+}
+
+// Accounts for `units` given back; returns the segment to the platform when it holds no block.
+inline void adjustNumbers(Tag tag, uint32_t units, SegmentMap* map)
 {
     tagTable[tag].allocated -= units * kUnit;
     --map->segment->blocks;
     if (map->segment->blocks == 0) {
         unlink(&chains[tag], &tagTable[tag], map);
         returnSegment(map);
+    }
+}
+
+}  // namespace
+
+void rmalloc::warnBadPointer(void* pointer)
+{
+    rm_systemLogWrite("WARNING: attempting to free bad pointer, %p", pointer);
+}
+
+Segment* rmalloc::findInTag(Tag tag, const BlockHeader* header)
+{
+    const SegmentMap* map = mapHolding(header);
+    return map != nullptr && map->tag == tag ? map->segment : nullptr;
+}
+
+void* rmalloc::allocBlock(uint32_t size, Tag tag)
+{
+    const uint32_t need = unitsFor(size);
+    void* block = cutAtPlace(tag, need);
+    return block != nullptr ? block : allocBySearch(need, tag);
+}
+
+void rmalloc::giveBack(void* pointer, Tag tag)
+{
+    const LiveBlock block = liveBlockAt(pointer);
+    if (block.map == nullptr) {
+        warnBadPointer(pointer);
+    } else if (checkTag(tag, "rm_freeMemory") == RM_SUCCESS && freeBlock(tag, block)) {
+        adjustNumbers(tag, block.units, block.map);
     }
 }
 

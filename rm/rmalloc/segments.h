@@ -25,12 +25,16 @@ struct LiveBlock {
 //
 // In a large heap the header is far away. It is asked for first and looked at last, since the map
 // says everything else; a prefetch of an address does nothing but that, whatever the address is.
-inline LiveBlock liveBlockAt(void* pointer)
+[[gnu::always_inline]] inline LiveBlock liveBlockAt(void* pointer)
 {
     BlockHeader* header = headerOf(pointer);
     __builtin_prefetch(header, 1);
     SegmentMap* map = isAligned(pointer) ? mapHolding(header) : nullptr;
     if (map != nullptr) {
+        if (map->bounds.length == 1) {
+            __builtin_prefetch(map->previous, 1);  // a small segment may go with its block
+            __builtin_prefetch(map->next, 1);
+        }
         const uint32_t offset = offsetOf(map->segment, header);
         const uint32_t units = liveUnitsAt(map, offset);
         const Neighbours around = neighboursOf(map, offset, units);
@@ -45,22 +49,9 @@ inline LiveBlock liveBlockAt(void* pointer)
 // A block for `size` bytes; the caller has checked the tag. Fatal when there is no memory.
 void* allocBlock(uint32_t size, Tag tag);
 
-// Carves `need` units out of a free block that is large enough.
-void* allocSegBlock(uint32_t need, const FreeBlock& free, Tag tag);
-
-// Appends a segment with room for `need` units to the tag's chain: one free block. Fatal without
-// memory.
-SegmentMap* allocSeg(Tag tag, uint32_t need);
-
-// Puts a live block into its segment's free chain. False when that failed (logged).
-bool freeBlock(Tag tag, const LiveBlock& block);
-
-// Links a block between its free neighbours, or merges it with those that it touches. The result is
-// the free block that it is part of then; the map does not show it yet.
-FreeBlock checkMerge(const LiveBlock& block);
-
-// Accounts for `units` given back; returns the segment to the platform when it holds no block.
-void adjustNumbers(Tag tag, uint32_t units, SegmentMap* map);
+// Gives back the live block at `pointer`, and its segment when that holds no other. What is wrong
+// with the pointer or the tag is said in the log, and nothing is changed.
+void giveBack(void* pointer, Tag tag);
 
 // Gives an unlinked segment back to the platform, and its map.
 void returnSegment(SegmentMap* map);

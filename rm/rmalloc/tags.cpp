@@ -299,6 +299,7 @@ void rm_freeall()
     rm_freeSeg(tagTable);
     freeChains(chains);
     trimPageTable();
+    trimSegmentMaps();
     tagTabSize = 0;
     tagTable = nullptr;
     chains = nullptr;

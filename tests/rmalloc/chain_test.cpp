@@ -280,7 +280,7 @@ TEST_F(ChainSlots, OfASegmentThatComesAndGoesNeedNoMemory)
         remove(0);
         EXPECT_EQ(chain_.bounds.length, 0U);
     }
-    EXPECT_EQ(rmtest::callCount(Call::kCalloc), callocs + 10);  // the maps
+    EXPECT_LE(rmtest::callCount(Call::kCalloc), callocs + 1);  // the first map, which is kept
     add();
     expectOrder();
 }

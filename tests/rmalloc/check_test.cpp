@@ -321,6 +321,21 @@ TEST_F(CheckMemory, SeesASegmentOfWhichThePageTableDoesNotKnowTheEnd)
     *page = map;
 }
 
+TEST_F(CheckMemory, SeesASegmentOfWhichThePageTableDoesNotKnowTheBeginning)
+{
+    const Drawn drawn = draw("[2000]");
+    rmalloc::SegmentMap* map = rmalloc::chains[drawn.tag].first;
+    const auto begin = reinterpret_cast<uintptr_t>(blockAt(map->segment, 1));
+    rmalloc::SegmentMap** page =
+        &regionOf(rmalloc::pageTable, begin >> rmalloc::kRegionShift)
+             ->pages[begin >> rmalloc::kPageShift & (rmalloc::kPagesOfRegion - 1)];
+    ASSERT_EQ(*page, map);
+    *page = nullptr;
+    EXPECT_EQ(check(), (Lines{found(drawn.tag, map->segment, kWrongMap),
+                              found(-1, nullptr, "the page table is wrong")}));
+    *page = map;
+}
+
 TEST_F(CheckMemory, SeesAPageTableThatIsWrong)
 {
     draw("5 [1]");

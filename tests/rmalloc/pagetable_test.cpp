@@ -37,8 +37,8 @@ using rmtest::Call;
 using rmtest::kForever;
 using rmtest::ScopedFault;
 
-constexpr uintptr_t kPage = 1024;
-constexpr uintptr_t kRegion = 512 * kPage;
+constexpr uintptr_t kPage = uintptr_t{1} << rmalloc::kPageShift;
+constexpr uintptr_t kRegion = uintptr_t{1} << rmalloc::kRegionShift;
 constexpr uintptr_t kBase = 1000 * kRegion;  // where most cases have their segments
 constexpr uintptr_t kHeader = 24;            // bytes of a segment before its data area
 constexpr uint32_t kSmallest = 32;           // bytes

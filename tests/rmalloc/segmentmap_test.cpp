@@ -80,6 +80,7 @@ TEST_F(MapOfSegment, HasABoundForEveryStripThatIsInUse)
 TEST_F(MapOfSegment, TakesOneByteForTwentyFiveOfTheSegmentAndItsOwnSize)
 {
     for (const uint32_t units : kSegmentSizes) {
+        rmalloc::trimSegmentMaps();
         rmtest::resetCalls();
         const Made made(units);
         const auto calls = rmtest::callTrace({Call::kCalloc});
@@ -88,6 +89,24 @@ TEST_F(MapOfSegment, TakesOneByteForTwentyFiveOfTheSegmentAndItsOwnSize)
         // Rounded up to strips and whole nodes on each of a few levels.
         EXPECT_LE(bytes, static_cast<int64_t>(sizeof(SegmentMap)) + units * 8 / 25 + 5 * 64);
     }
+}
+
+TEST_F(MapOfSegment, OfOneStripIsKeptForTheNextOne)
+{
+    rmalloc::trimSegmentMaps();
+    rmtest::resetCalls();
+    SegmentMap* map = rmalloc::newSegmentMap(7);
+    rmalloc::setFree(map, 3, 2);
+    rmalloc::freeSegmentMap(map);
+    SegmentMap* next = rmalloc::newSegmentMap(50);
+    EXPECT_EQ(next, map);
+    EXPECT_EQ(next->units, 50U);
+    EXPECT_EQ(rmalloc::stripsOf(next)->starts, 0U);
+    EXPECT_EQ(largestBound(next->bounds), 0);
+    EXPECT_EQ(rmtest::callCount(Call::kCalloc), 1);
+    rmalloc::freeSegmentMap(next);
+    rmalloc::trimSegmentMaps();
+    EXPECT_EQ(rmtest::callTrace({Call::kFree}).back().args[0], reinterpret_cast<intptr_t>(next));
 }
 
 TEST_F(MapOfSegment, ShowsNothingAtFirst)
