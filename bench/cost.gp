@@ -20,11 +20,12 @@ set title "replacing one block, anywhere in the heap"
 set xlabel "live blocks of 20 to 219 bytes, in one tag"
 set ylabel "nanoseconds" offset 2
 set xrange [8:1500000]
+set yrange [5:1000000]
 set xtics ("10" 10, "100" 100, "1,000" 1000, "10,000" 1e4, "100,000" 1e5, "1,000,000" 1e6)
-set ytics ("1" 1, "10" 10, "100" 100, "1,000" 1000, "10,000" 1e4, "100,000" 1e5)
+set ytics ("10" 10, "100" 100, "1,000" 1000, "10,000" 1e4, "100,000" 1e5, "1,000,000" 1e6)
 plot data."/memory-replace.dat" using 1:2 with linespoints linestyle 1 title "tagged memory", \
      data."/memory-walk.dat" using 1:2 with linespoints linestyle 2 \
-         title "the same placement by a plain walk", \
+         title "a plain walk", \
      data."/memory-replace.dat" using 1:3 with linespoints linestyle 3 title "malloc and free"
 
 set title "one positioned transfer on an open file"
