@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace rmalloc
 {
@@ -59,14 +60,15 @@ Bound lowerLevels(const MaxTree& tree, uint32_t entry, Bound bound);
 
 // Four entries side by side, which every machine that can compares in one step. They stand where
 // the allocator of the platform puts them: on some machines that is no multiple of 16.
-using Four = Bound __attribute__((vector_size(16), may_alias, aligned(4)));
+using Four = Bound __attribute__((vector_size(16), may_alias));
 using Two = uint64_t __attribute__((vector_size(16)));
 
 // Bit i: entry i of the node is at least `need`.
 inline uint32_t atLeast(const Bound* node, Bound need)
 {
     constexpr Four kBits = {1, 2, 4, 8};
-    const auto* fours = reinterpret_cast<const Four*>(node);
+    Four fours[4];
+    std::memcpy(fours, node, sizeof fours);  // they may stand anywhere
     const Four needs = {need, need, need, need};
     const Four found = ((fours[0] >= needs) & kBits) | ((fours[1] >= needs) & kBits << 4) |
                        ((fours[2] >= needs) & kBits << 8) | ((fours[3] >= needs) & kBits << 12);
@@ -77,7 +79,8 @@ inline uint32_t atLeast(const Bound* node, Bound need)
 
 inline Bound largestOf(const Bound* node)
 {
-    const auto* fours = reinterpret_cast<const Four*>(node);
+    Four fours[4];
+    std::memcpy(fours, node, sizeof fours);  // they may stand anywhere
     const Four low = fours[0] > fours[1] ? fours[0] : fours[1];
     const Four high = fours[2] > fours[3] ? fours[2] : fours[3];
     const Four all = low > high ? low : high;
@@ -89,7 +92,8 @@ inline Bound largestOf(const Bound* node)
 inline Bound setAndGetLargest(Bound* node, uint32_t entry, Bound bound)
 {
     constexpr Four kNumbers = {0, 1, 2, 3};
-    const auto* fours = reinterpret_cast<const Four*>(node);
+    Four fours[4];
+    std::memcpy(fours, node, sizeof fours);  // they may stand anywhere
     const auto number = static_cast<Bound>(entry);
     const Four at = {number, number, number, number};
     const Four bounds = {bound, bound, bound, bound};
