@@ -1,6 +1,7 @@
 // The checker of the memory manager: walks every table, segment and block and reports what does
 // not hold. It reads only what it has found to be inside a segment, so a damaged heap is reported
 // and never walked out of.
+#include "rm/rmalloc/pieces.h"
 #include "rm/rmalloc/segments.h"
 
 using namespace rmalloc;
@@ -109,6 +110,9 @@ uint32_t rmalloc::checkMemory()
     }
     if (checkPageTable() != 0) {
         report(&whole, RM_NONE, nullptr, "the page table is wrong");
+    }
+    if (checkPieces() != 0) {
+        report(&whole, RM_NONE, nullptr, "the slabs of maps and pages are wrong");
     }
     // A segment size that is no multiple of the unit is counted whole when it is got and in units
     // when it is given back, so the total may exceed the sum.

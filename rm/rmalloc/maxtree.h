@@ -58,17 +58,26 @@ Bound lowerLevels(const MaxTree& tree, uint32_t entry, Bound bound);
 
 // --- One node
 
-// Four entries side by side, which every machine that can compares in one step. They stand where
-// the allocator of the platform puts them: on some machines that is no multiple of 16.
+// Four entries side by side, which every machine that can compares in one step.
 using Four = Bound __attribute__((vector_size(16), may_alias));
 using Two = uint64_t __attribute__((vector_size(16)));
+
+// The entries of a node. They stand where the allocator of the platform has put them: on some
+// machines that is no multiple of 16. One by one, or the compiler would copy them to the stack.
+inline void readNode(Four* fours, const Bound* node)
+{
+    std::memcpy(&fours[0], node, sizeof(Four));
+    std::memcpy(&fours[1], node + 4, sizeof(Four));
+    std::memcpy(&fours[2], node + 8, sizeof(Four));
+    std::memcpy(&fours[3], node + 12, sizeof(Four));
+}
 
 // Bit i: entry i of the node is at least `need`.
 inline uint32_t atLeast(const Bound* node, Bound need)
 {
     constexpr Four kBits = {1, 2, 4, 8};
     Four fours[4];
-    std::memcpy(fours, node, sizeof fours);  // they may stand anywhere
+    readNode(fours, node);
     const Four needs = {need, need, need, need};
     const Four found = ((fours[0] >= needs) & kBits) | ((fours[1] >= needs) & kBits << 4) |
                        ((fours[2] >= needs) & kBits << 8) | ((fours[3] >= needs) & kBits << 12);
@@ -80,7 +89,7 @@ inline uint32_t atLeast(const Bound* node, Bound need)
 inline Bound largestOf(const Bound* node)
 {
     Four fours[4];
-    std::memcpy(fours, node, sizeof fours);  // they may stand anywhere
+    readNode(fours, node);
     const Four low = fours[0] > fours[1] ? fours[0] : fours[1];
     const Four high = fours[2] > fours[3] ? fours[2] : fours[3];
     const Four all = low > high ? low : high;
@@ -93,7 +102,7 @@ inline Bound setAndGetLargest(Bound* node, uint32_t entry, Bound bound)
 {
     constexpr Four kNumbers = {0, 1, 2, 3};
     Four fours[4];
-    std::memcpy(fours, node, sizeof fours);  // they may stand anywhere
+    readNode(fours, node);
     const auto number = static_cast<Bound>(entry);
     const Four at = {number, number, number, number};
     const Four bounds = {bound, bound, bound, bound};

@@ -1,6 +1,8 @@
 // Keeping the page table. What it is: pagetable.h.
 #include "rm/rmalloc/pagetable.h"
 
+#include "rm/rmalloc/pieces.h"
+
 #include <algorithm>
 #include <cstdlib>
 
@@ -12,6 +14,7 @@ namespace
 constexpr uint32_t kNoPlaces = 2;
 constexpr uint32_t kFirstPlaces = 8;
 constexpr uint32_t kHashBits = 64;
+constexpr uint32_t kLinesOfPages = kPagesOfRegion * sizeof(SegmentMap*) / kLine;
 
 Region noRegions[kNoPlaces];
 
@@ -75,8 +78,14 @@ SegmentMap** newPages()
 {
     SegmentMap** pages = sparePages;
     sparePages = nullptr;
-    return pages != nullptr ? pages
-                            : static_cast<SegmentMap**>(std::calloc(kPagesOfRegion, sizeof(void*)));
+    return pages != nullptr ? pages : static_cast<SegmentMap**>(newPiece(kLinesOfPages));
+}
+
+void freeSparePages()
+{
+    if (sparePages != nullptr) {
+        freePiece(sparePages, kLinesOfPages);
+    }
 }
 
 // Makes sure that the region is there, and that it stays until release() has been called as often.
@@ -109,7 +118,7 @@ bool reserve(uintptr_t number, bool asWhole)
 void removeRegion(Region* region)
 {
     if (region->pages != nullptr) {
-        std::free(sparePages);
+        freeSparePages();
         sparePages = region->pages;
     }
     region->used = 0;
@@ -264,7 +273,7 @@ void rmalloc::removeFromPageTable(SegmentMap* map)
 
 void rmalloc::trimPageTable()
 {
-    std::free(sparePages);
+    freeSparePages();
     sparePages = nullptr;
     if (pageTable.count == 0 && pageTable.regions != noRegions) {
         std::free(pageTable.regions);

@@ -68,7 +68,7 @@ inline void* cutAtPlace(Tag tag, uint32_t need)
     shrinkFree(map, place.offset, rest);
     BlockHeader* header = &from[rest];
     *header = {kLiveMagic, need};
-    ++map->segment->blocks;
+    map->segment->blocks = ++map->blocks;
     tagTable[tag].allocated += need * kUnit;
     place.units = rest;
     place.cut = need;
@@ -95,7 +95,7 @@ inline bool isLastCut(Tag tag, const BlockHeader* header)
     BlockHeader* from = blockAt(segment, place.offset);
     const bool sound = header->word1 == kLiveMagic && header->units == place.cut &&
                        from->units == place.units && from->word1 == place.link;
-    if (!sound || segment->blocks == 1) {
+    if (!sound || map->blocks == 1) {
         return false;
     }
     place.units += place.cut;
@@ -105,7 +105,7 @@ inline bool isLastCut(Tag tag, const BlockHeader* header)
     clearEnd(map, place.offset + from->units - place.cut - 1);
     growFree(map, place.offset, place.units);
     noteFree(chain, map, place.units);
-    --segment->blocks;
+    segment->blocks = --map->blocks;
     tagTable[tag].allocated -= place.cut * kUnit;
     return true;
 }

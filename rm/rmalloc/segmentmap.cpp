@@ -1,6 +1,8 @@
 // Maps of segments: making, searching and checking them. What they are: segmentmap.h.
 #include "rm/rmalloc/segmentmap.h"
 
+#include "rm/rmalloc/pieces.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -22,40 +24,73 @@ constexpr uint32_t allStrips(uint32_t units)
     return usedStrips(units) + 1;
 }
 
-// Bytes of the map of a segment of one strip. They are all alike, and where every block is a
-// segment of its own they come and go with each: the one that was given back last is kept.
-constexpr std::size_t kSmallMap = sizeof(SegmentMap) + allStrips(1) * sizeof(Strip) + sizeof(Bound);
+std::size_t bytesOfMap(uint32_t units)
+{
+    return sizeof(SegmentMap) + allStrips(units) * sizeof(Strip) +
+           bytesOfMaxTree(usedStrips(units));
+}
 
+// Maps of one strip are all alike, and where every block is a segment of its own they come and go
+// with each: one is kept. They stand next to their segments, which are looked at with them.
 SegmentMap* spareMap = nullptr;
+
+// Maps of segments of the usual sizes are pieces. A large one is zeroed by the platform: what it
+// needs is then not touched before it is used.
+constexpr uint32_t kLargestMap = 8;  // lines
+
+uint32_t linesOf(std::size_t bytes)
+{
+    return static_cast<uint32_t>((bytes + kLine - 1) / kLine);
+}
+
+bool isSmall(uint32_t units)
+{
+    return usedStrips(units) == 1;
+}
+
+bool isPiece(std::size_t bytes)
+{
+    return bytes <= kLargestMap * kLine;
+}
+
+SegmentMap* newMemory(uint32_t units)
+{
+    const std::size_t bytes = bytesOfMap(units);
+    void* memory = nullptr;
+    if (isSmall(units) && spareMap != nullptr) {
+        memory = std::memset(static_cast<void*>(spareMap), 0, bytes);
+        spareMap = nullptr;
+    } else if (isSmall(units) || !isPiece(bytes)) {
+        memory = std::calloc(1, bytes);
+    } else {
+        memory = newPiece(linesOf(bytes));
+    }
+    return static_cast<SegmentMap*>(memory);
+}
 }  // namespace
 
-// Zeroed by the platform: what a large segment needs is then not touched before it is used.
 SegmentMap* rmalloc::newSegmentMap(uint32_t units)
 {
-    const uint32_t length = usedStrips(units);
-    SegmentMap* map = nullptr;
-    if (length == 1 && spareMap != nullptr) {
-        map = spareMap;
-        spareMap = nullptr;
-        std::memset(map, 0, kSmallMap);
-    } else {
-        const std::size_t before = sizeof(SegmentMap) + allStrips(units) * sizeof(Strip);
-        map = static_cast<SegmentMap*>(std::calloc(1, before + bytesOfMaxTree(length)));
-        if (map == nullptr) {
-            return nullptr;
-        }
+    SegmentMap* map = newMemory(units);
+    if (map != nullptr) {
+        map->bounds = makeMaxTree(stripsOf(map) + allStrips(units), usedStrips(units));
+        map->units = units;
     }
-    map->bounds = makeMaxTree(stripsOf(map) + allStrips(units), length);
-    map->units = units;
     return map;
 }
 
 void rmalloc::freeSegmentMap(SegmentMap* map)
 {
-    if (map != nullptr && map->bounds.length == 1 && spareMap == nullptr) {
+    if (map == nullptr) {
+        return;
+    }
+    const std::size_t bytes = bytesOfMap(map->units);
+    if (isSmall(map->units) && spareMap == nullptr) {
         spareMap = map;
-    } else {
+    } else if (isSmall(map->units) || !isPiece(bytes)) {
         std::free(map);
+    } else {
+        freePiece(map, linesOf(bytes));
     }
 }
 
@@ -94,7 +129,7 @@ uint32_t rmalloc::checkSegmentMap(const SegmentMap* map)
 {
     Segment* segment = map->segment;
     const Strip* strips = stripsOf(map);
-    uint32_t violations = map->units == segment->units ? 0 : 1;
+    uint32_t violations = map->units == segment->units && map->blocks == segment->blocks ? 0 : 1;
     violations += checkMaxTree(map->bounds);
     uint32_t free = segment->anchor.word1;  // the next free block of the chain
     uint32_t offset = 1;                    // of the block that is looked at

@@ -49,6 +49,7 @@ struct alignas(Strip) SegmentMap {
     SegmentMap* below;     // for the page table: the segment at lower addresses in the same page
     MaxTree bounds;
     uint32_t units;    // of the segment's data area
+    uint32_t blocks;   // live ones
     uint32_t slot;     // in the chain of the tag
     Bound bound;       // the row of bounds of a chain that has only had this segment
     SegmentMap* self;  // and its row of slots

@@ -112,7 +112,7 @@ void* allocSegBlock(uint32_t need, const FreeBlock& free, Tag tag)
         lowerBound(chain->bounds, map->slot, largest);
     }
     *block = {kLiveMagic, need};
-    ++segment->blocks;
+    segment->blocks = ++map->blocks;
     tagTable[tag].allocated += need * kUnit;
     return block + 1;
 }
@@ -235,7 +235,7 @@ inline bool freeBlock(Tag tag, const LiveBlock& block)
         return false;
     }
     forgetPlace(&chains[tag]);
-    if (block.map->segment->blocks == 1) {
+    if (block.map->blocks == 1) {
         return true;  // the segment goes as a whole
     }
     const FreeBlock free = checkMerge(block);
@@ -248,8 +248,8 @@ inline bool freeBlock(Tag tag, const LiveBlock& block)
 inline void adjustNumbers(Tag tag, uint32_t units, SegmentMap* map)
 {
     tagTable[tag].allocated -= units * kUnit;
-    --map->segment->blocks;
-    if (map->segment->blocks == 0) {
+    map->segment->blocks = --map->blocks;
+    if (map->blocks == 0) {
         unlink(&chains[tag], &tagTable[tag], map);
         returnSegment(map);
     }

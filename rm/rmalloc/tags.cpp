@@ -15,6 +15,7 @@
 // Fatal: no memory for the table; a free record where one in use is needed.
 #include "rm/ems.h"
 #include "rm/file/file.h"
+#include "rm/rmalloc/pieces.h"
 #include "rm/rmalloc/segments.h"
 #include "rm/rmsrv/rmsrv.h"
 #include "rm/rmutil/rmutil.h"
@@ -300,6 +301,7 @@ void rm_freeall()
     freeChains(chains);
     trimPageTable();
     trimSegmentMaps();
+    trimPieces();
     tagTabSize = 0;
     tagTable = nullptr;
     chains = nullptr;

@@ -296,11 +296,12 @@ inline bool traceIsWhole()
 }
 
 // What the library has got from the platform since the case began and not given back, by the trace:
-// segments from malloc, what is kept beside them from calloc.
+// segments from malloc, what is kept beside them from calloc and aligned_alloc.
 inline std::vector<int64_t> outstanding()
 {
     std::vector<int64_t> held;
-    for (const CallRecord& call : callTrace({Call::kMalloc, Call::kCalloc, Call::kFree})) {
+    for (const CallRecord& call :
+         callTrace({Call::kMalloc, Call::kAlignedAlloc, Call::kCalloc, Call::kFree})) {
         if (call.call != Call::kFree) {
             if (call.result != 0) {
                 held.push_back(call.result);

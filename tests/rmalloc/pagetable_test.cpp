@@ -10,6 +10,8 @@
 
 #include "tests/support/support.h"
 
+#include "rm/rmalloc/pieces.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
@@ -32,7 +34,6 @@ using rmalloc::Region;
 using rmalloc::removeFromPageTable;
 using rmalloc::Segment;
 using rmalloc::SegmentMap;
-using rmalloc::trimPageTable;
 using rmtest::Call;
 using rmtest::kForever;
 using rmtest::ScopedFault;
@@ -42,6 +43,7 @@ constexpr uintptr_t kRegion = uintptr_t{1} << rmalloc::kRegionShift;
 constexpr uintptr_t kBase = 1000 * kRegion;  // where most cases have their segments
 constexpr uintptr_t kHeader = 24;            // bytes of a segment before its data area
 constexpr uint32_t kSmallest = 32;           // bytes
+constexpr uint32_t kLinesOfPages = kPagesOfRegion * sizeof(void*) / rmalloc::kLine;
 
 // A map of a segment of so many bytes at that address.
 SegmentMap mapAt(uintptr_t address, uintptr_t bytes)
@@ -87,6 +89,13 @@ bool isFound(const SegmentMap& map)
            holding(lastOf(map) + 8) != &map;
 }
 
+// Gives back what the table has kept, and the slabs that its pages were in.
+void trim()
+{
+    rmalloc::trimPageTable();
+    rmalloc::trimPieces();
+}
+
 bool isForgotten(const SegmentMap& map)
 {
     return holding(firstOf(map)) != &map && holding(lastOf(map)) != &map &&
@@ -107,7 +116,7 @@ class PageTableTest : public rmtest::RmTest
     {
         EXPECT_EQ(pageTable.count, 0U);
         EXPECT_EQ(checkPageTable(), 0U);
-        trimPageTable();
+        trim();
         EXPECT_EQ(checkPageTable(), 0U);
         if (rmtest::callTrace().size() < 4000) {
             EXPECT_EQ(held(), 0);
@@ -119,8 +128,9 @@ class PageTableTest : public rmtest::RmTest
     static int held()
     {
         int pieces = 0;
-        for (const auto& call : rmtest::callTrace({Call::kCalloc, Call::kFree})) {
-            pieces += call.call == Call::kCalloc && call.result != 0 ? 1 : 0;
+        for (const auto& call :
+             rmtest::callTrace({Call::kCalloc, Call::kAlignedAlloc, Call::kFree})) {
+            pieces += call.call != Call::kFree && call.result != 0 ? 1 : 0;
             pieces -= call.call == Call::kFree && call.args[0] != 0 ? 1 : 0;
         }
         return pieces;
@@ -395,10 +405,10 @@ TEST_F(PageTableTest, NeedsNoPagesForARegionThatLiesInOneSegment)
             rmtest::resetCalls();
             SegmentMap map = mapAt(kBase - before, before + 2 * kRegion + behind);
             ASSERT_TRUE(addToPageTable(&map));
-            EXPECT_EQ(held(), 1 + (before != 0 ? 1 : 0) + (behind != 0 ? 1 : 0));
+            EXPECT_EQ(held(), before + behind == 0 ? 1 : 2);  // regions, and a slab
             EXPECT_TRUE(isFound(map));
             removeFromPageTable(&map);
-            trimPageTable();
+            trim();
         }
     }
 }
@@ -427,8 +437,8 @@ TEST_F(PageTableTest, GetsNoMemoryForASegmentThatComesAndGoes)
         EXPECT_TRUE(isFound(map));
         removeFromPageTable(&map);
     }
-    EXPECT_EQ(rmtest::callCount(Call::kCalloc), 0);
-    trimPageTable();
+    EXPECT_EQ(rmtest::callCount(Call::kCalloc) + rmtest::callCount(Call::kAlignedAlloc), 0);
+    trim();
     rmtest::resetCalls();
 }
 
@@ -436,9 +446,16 @@ TEST_F(PageTableTest, KeepsThePagesOfOneRegionAtMost)
 {
     SegmentMap map = mapAt(kBase + kRegion - 64, 128);
     ASSERT_TRUE(addToPageTable(&map));
-    EXPECT_EQ(held(), 1 + 2);
+    const void* first = regionOf(pageTable, kBase / kRegion)->pages;
+    const void* second = regionOf(pageTable, kBase / kRegion + 1)->pages;
     removeFromPageTable(&map);
-    EXPECT_EQ(held(), 1 + 1);
+    // One of them is free for whoever wants such a piece, the other is not.
+    void* given = rmalloc::newPiece(kLinesOfPages);
+    void* fresh = rmalloc::newPiece(kLinesOfPages);
+    EXPECT_NE(given == first, given == second);
+    EXPECT_TRUE(fresh != first && fresh != second);
+    rmalloc::freePiece(given, kLinesOfPages);
+    rmalloc::freePiece(fresh, kLinesOfPages);
 }
 
 TEST_F(PageTableTest, GivesBackWhatItHasKeptWhenItIsTrimmed)
@@ -447,9 +464,9 @@ TEST_F(PageTableTest, GivesBackWhatItHasKeptWhenItIsTrimmed)
         SegmentMap map = mapAt(kBase - 64, 3 * kRegion);
         ASSERT_TRUE(addToPageTable(&map));
         removeFromPageTable(&map);
-        trimPageTable();
+        trim();
         EXPECT_EQ(held(), 0);
-        trimPageTable();
+        trim();
         EXPECT_EQ(holding(kBase), nullptr);
     }
 }
@@ -458,7 +475,7 @@ TEST_F(PageTableTest, KeepsItsSegmentsWhenItIsTrimmed)
 {
     SegmentMap map = mapAt(kBase, 4096);
     ASSERT_TRUE(addToPageTable(&map));
-    trimPageTable();
+    trim();
     EXPECT_EQ(checkPageTable(), 0U);
     EXPECT_TRUE(isFound(map));
     removeFromPageTable(&map);
@@ -484,8 +501,11 @@ TEST_F(PageTableTest, DoesNothingWhenAnyOfItsAllocationsFails)
             const uint32_t count = pageTable.count;
             bool added = false;
             {
-                const ScopedFault fault(
-                    {.call = Call::kCalloc, .error = ENOMEM, .skip = skip, .times = kForever});
+                const ScopedFault fault({.call = Call::kCalloc,
+                                         .also = Call::kAlignedAlloc,
+                                         .error = ENOMEM,
+                                         .skip = skip,
+                                         .times = kForever});
                 added = addToPageTable(&map);
                 ASSERT_EQ(added, fault.hits() == 0);
             }
@@ -501,7 +521,7 @@ TEST_F(PageTableTest, DoesNothingWhenAnyOfItsAllocationsFails)
                 ASSERT_TRUE(isFound(other));
                 removeFromPageTable(&other);
             }
-            trimPageTable();
+            trim();
             ASSERT_EQ(held(), 0);
             if (added) {
                 ASSERT_GE(skip, 1);
@@ -515,16 +535,17 @@ TEST_F(PageTableTest, KeepsNoMemoryOfWhatFailed)
 {
     for (int skip = 0; skip < 3; ++skip) {
         SegmentMap map = mapAt(kBase - 64, 6 * kRegion);
-        const ScopedFault fault({.call = Call::kCalloc, .error = ENOMEM, .skip = skip});
+        const ScopedFault fault(
+            {.call = Call::kCalloc, .also = Call::kAlignedAlloc, .error = ENOMEM, .skip = skip});
         ASSERT_FALSE(addToPageTable(&map));
         EXPECT_EQ(pageTable.count, 0U);
-        trimPageTable();
+        trim();
         EXPECT_EQ(held(), 0) << skip;
     }
     SegmentMap map = mapAt(kBase, 64);
     ASSERT_TRUE(addToPageTable(&map));
     removeFromPageTable(&map);
-    trimPageTable();
+    trim();
     EXPECT_EQ(held(), 0);
 }
 

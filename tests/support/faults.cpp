@@ -74,6 +74,7 @@ int64_t usualFailure(Call call)
 {
     switch (call) {
         case Call::kMalloc:
+        case Call::kAlignedAlloc:
         case Call::kCalloc:
         case Call::kFopen:
         case Call::kFdopen:
@@ -258,6 +259,7 @@ __attribute__((constructor)) void makeIpcNotes()
 
 // clang-format off
 RM_WRAP(kMalloc, void*, malloc, (std::size_t size), ("malloc", size));
+RM_WRAP(kAlignedAlloc, void*, aligned_alloc, (std::size_t alignment, std::size_t size), ("aligned_alloc", alignment, size));
 RM_WRAP(kCalloc, void*, calloc, (std::size_t count, std::size_t size), ("calloc", count, size));
 RM_WRAP(kFree, void, free, (void* p), ("free", p));
 RM_WRAP(kClose, int, close, (int fd), ("close", fd));
@@ -526,7 +528,8 @@ void disarmFaults()
 
 bool ScopedFault::takes(const CallRecord& record)
 {
-    if (record.call != fault_.call || fault_.times == 0 || (fault_.when && !fault_.when(record))) {
+    const bool isIt = record.call == fault_.call || record.call == fault_.also;
+    if (!isIt || fault_.times == 0 || (fault_.when && !fault_.when(record))) {
         return false;
     }
     if (fault_.skip > 0) {

@@ -34,6 +34,7 @@ namespace rmtest
 enum class Call : uint8_t {
     kNone,  // not a call
     kMalloc,
+    kAlignedAlloc,
     kCalloc,
     kFree,
     kOpen,
@@ -134,7 +135,8 @@ constexpr int64_t kUsualFailure = std::numeric_limits<int64_t>::min();
 // other faulted call is not made at all.
 struct Fault {
     Call call = Call::kNone;
-    int error = 0;  // errno to set; 0 leaves it as it is
+    Call also = Call::kNone;  // another one that it counts and answers in the same way
+    int error = 0;            // errno to set; 0 leaves it as it is
     int skip = 0;
     int times = 1;
     int64_t result = kUsualFailure;

@@ -523,6 +523,36 @@ TEST_F(SupportFaults, ZeroedAllocationsFailOnTheirOwn)
     std::free(small);
 }
 
+TEST_F(SupportFaults, AlignedAllocationsFailOnTheirOwn)
+{
+    const int before = callCount(Call::kAlignedAlloc);
+    ScopedFault fault({.call = Call::kAlignedAlloc, .error = ENOMEM});
+    void* volatile faulted = std::aligned_alloc(64, 640);
+    EXPECT_EQ(faulted, nullptr);
+    EXPECT_EQ(errno, ENOMEM);
+    void* volatile aligned = std::aligned_alloc(64, 640);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(aligned) % 64, 0U);
+    EXPECT_EQ(callCount(Call::kAlignedAlloc), before + 2);
+    EXPECT_EQ(fault.hits(), 1);
+    std::free(aligned);
+}
+
+TEST_F(SupportFaults, AFaultCountsTwoCallsAsOne)
+{
+    ScopedFault fault({.call = Call::kCalloc, .also = Call::kAlignedAlloc, .skip = 1, .times = 2});
+    void* volatile first = std::calloc(3, 10);
+    void* volatile second = std::aligned_alloc(64, 640);
+    void* volatile third = std::calloc(3, 10);
+    void* volatile fourth = std::aligned_alloc(64, 640);
+    EXPECT_NE(first, nullptr);
+    EXPECT_EQ(second, nullptr);
+    EXPECT_EQ(third, nullptr);
+    EXPECT_NE(fourth, nullptr);
+    EXPECT_EQ(fault.hits(), 2);
+    std::free(first);
+    std::free(fourth);
+}
+
 TEST_F(SupportFaults, AnActionStandsInForTheCall)
 {
     struct statvfs info = {};

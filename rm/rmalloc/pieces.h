@@ -1,0 +1,43 @@
+// Pieces of memory of the same size, packed side by side.
+//
+// Why: what the allocator keeps beside the segments is asked for at random, map by map and page by
+// page. Got from the platform one by one, the pieces would lie between the segments that they
+// belong to, each on a page of the machine's own, and a large heap would wait for the machine to
+// find that page before it could wait for the piece. Here they stand side by side in slabs of
+// 64 KiB.
+//
+// A slab that has become empty goes back to the platform, unless no other has room: a piece that
+// comes and goes costs no more than any other. Pieces that were never out have not been touched.
+//
+// Invariant: a slab with room is in the list of its size, and no other is; `used` counts its pieces
+// that are out. checkPieces() tests it.
+//
+// Cost: one place of each slab, and what slabs have free. The memory comes from the platform and
+// is not counted in memused.
+#ifndef RM_RMALLOC_PIECES_H
+#define RM_RMALLOC_PIECES_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace rmalloc
+{
+
+constexpr std::size_t kLine = 64;       // bytes; sizes of pieces are counted in them
+constexpr uint32_t kLargestPiece = 64;  // lines
+
+// A piece of so many lines, 1 to kLargestPiece, zeroed; null when there is no memory.
+void* newPiece(uint32_t lines);
+
+// Takes back a piece of so many lines.
+void freePiece(void* piece, uint32_t lines);
+
+// Gives empty slabs back to the platform.
+void trimPieces();
+
+// Counts what does not hold; 0 is sound.
+uint32_t checkPieces();
+
+}  // namespace rmalloc
+
+#endif

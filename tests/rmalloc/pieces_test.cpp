@@ -1,0 +1,304 @@
+// Pieces of slabs: that they are zeroed and apart, that slabs come when they are needed and go when
+// they are empty, and what happens without memory.
+//
+//     RM_TEST_SEED=123            repeats the random run; a failure prints its seed
+//     RM_TEST_OPERATIONS=1000000  makes a longer one
+#include "rm/rmalloc/pieces.h"
+
+#include "tests/support/support.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+using rmalloc::checkPieces;
+using rmalloc::freePiece;
+using rmalloc::kLargestPiece;
+using rmalloc::kLine;
+using rmalloc::newPiece;
+using rmalloc::trimPieces;
+using rmtest::Call;
+using rmtest::ScopedFault;
+
+constexpr std::size_t kSlab = 64 << 10;
+constexpr uint32_t kSizes[] = {1, 2, 3, 5, 7, 8, 33, 63, 64};  // lines
+
+// Of one slab, of which one place is the slab's own.
+constexpr uint32_t piecesOf(uint32_t lines)
+{
+    return static_cast<uint32_t>(kSlab / (lines * kLine)) - 1;
+}
+
+class PiecesTest : public rmtest::RmTest
+{
+  protected:
+    void SetUp() override
+    {
+        RmTest::SetUp();
+        trimPieces();
+        rmtest::resetCalls();
+    }
+
+    void TearDown() override
+    {
+        EXPECT_EQ(checkPieces(), 0U);
+        trimPieces();
+        if (rmtest::callTrace().size() < 4000) {
+            EXPECT_EQ(slabs(), 0);
+        }
+        RmTest::TearDown();
+    }
+
+    // Slabs that are held.
+    static int slabs()
+    {
+        int held = 0;
+        for (const auto& call : rmtest::callTrace({Call::kAlignedAlloc, Call::kFree})) {
+            held += call.call == Call::kAlignedAlloc && call.result != 0 ? 1 : 0;
+            held -= call.call == Call::kFree && call.args[0] != 0 ? 1 : 0;
+        }
+        return held;
+    }
+
+    // As many pieces, written to from end to end.
+    static std::vector<void*> take(uint32_t count, uint32_t lines)
+    {
+        std::vector<void*> pieces;
+        for (uint32_t i = 0; i < count; ++i) {
+            pieces.push_back(newPiece(lines));
+            std::memset(pieces.back(), 0xA5, lines * kLine);
+        }
+        return pieces;
+    }
+
+    static void giveBack(const std::vector<void*>& pieces, uint32_t lines)
+    {
+        for (void* piece : pieces) {
+            freePiece(piece, lines);
+        }
+    }
+};
+
+bool isZero(const void* piece, uint32_t lines)
+{
+    const auto* bytes = static_cast<const unsigned char*>(piece);
+    return std::all_of(bytes, bytes + lines * kLine, [](unsigned char c) { return c == 0; });
+}
+
+TEST_F(PiecesTest, AreZeroedAlsoWhenTheyWereUsedBefore)
+{
+    for (const uint32_t lines : kSizes) {
+        giveBack(take(3, lines), lines);
+        std::vector<void*> pieces;
+        for (int i = 0; i < 4; ++i) {
+            pieces.push_back(newPiece(lines));
+            EXPECT_TRUE(isZero(pieces.back(), lines)) << lines;
+        }
+        giveBack(pieces, lines);
+    }
+}
+
+TEST_F(PiecesTest, StandApartAtMultiplesOfALine)
+{
+    for (const uint32_t lines : kSizes) {
+        std::vector<void*> pieces = take(2 * piecesOf(lines) + 1, lines);
+        std::sort(pieces.begin(), pieces.end());
+        uintptr_t end = 0;
+        for (const void* piece : pieces) {
+            const auto address = reinterpret_cast<uintptr_t>(piece);
+            EXPECT_EQ(address % kLine, 0U);
+            EXPECT_GE(address, end);
+            end = address + lines * kLine;
+        }
+        EXPECT_EQ(checkPieces(), 0U);  // what was written has not reached the slabs
+        giveBack(pieces, lines);
+    }
+}
+
+TEST_F(PiecesTest, ShareASlabUntilItIsFull)
+{
+    for (const uint32_t lines : kSizes) {
+        trimPieces();
+        rmtest::resetCalls();
+        std::vector<void*> pieces = take(piecesOf(lines), lines);
+        EXPECT_EQ(slabs(), 1) << lines;
+        pieces.push_back(newPiece(lines));
+        EXPECT_EQ(slabs(), 2) << lines;
+        giveBack(pieces, lines);
+    }
+}
+
+TEST_F(PiecesTest, OfOtherSizesStandInOtherSlabs)
+{
+    void* one = newPiece(1);
+    void* two = newPiece(2);
+    EXPECT_EQ(slabs(), 2);
+    freePiece(one, 1);
+    freePiece(two, 2);
+}
+
+TEST_F(PiecesTest, AreGivenOutAgainLastFirst)
+{
+    const std::vector<void*> pieces = take(3, 7);
+    freePiece(pieces[0], 7);
+    freePiece(pieces[1], 7);
+    EXPECT_EQ(newPiece(7), pieces[1]);
+    EXPECT_EQ(newPiece(7), pieces[0]);
+    giveBack(pieces, 7);
+}
+
+TEST_F(PiecesTest, OfAFullSlabMakeRoomInIt)
+{
+    const std::vector<void*> pieces = take(piecesOf(8), 8);
+    freePiece(pieces[5], 8);
+    EXPECT_EQ(checkPieces(), 0U);
+    EXPECT_EQ(newPiece(8), pieces[5]);
+    EXPECT_EQ(slabs(), 1);
+    giveBack(pieces, 8);
+}
+
+TEST_F(PiecesTest, KeepTheirOnlySlabWhenTheyComeAndGo)
+{
+    for (int i = 0; i < 5; ++i) {
+        freePiece(newPiece(64), 64);
+    }
+    EXPECT_EQ(rmtest::callCount(Call::kAlignedAlloc), 1);
+    EXPECT_EQ(slabs(), 1);
+}
+
+TEST_F(PiecesTest, GiveASlabBackThatIsEmptyWhileAnotherHasRoom)
+{
+    const uint32_t lines = 64;
+    const std::vector<void*> first = take(piecesOf(lines), lines);
+    const std::vector<void*> second = take(2, lines);
+    freePiece(first[0], lines);  // now both have room
+    EXPECT_EQ(slabs(), 2);
+    giveBack(second, lines);
+    EXPECT_EQ(slabs(), 1);
+    EXPECT_EQ(newPiece(lines), first[0]);
+    giveBack(first, lines);
+}
+
+// It is the only one with room, and would have to be got again for the next piece.
+TEST_F(PiecesTest, KeepASlabThatIsEmptyWhileAllOthersAreFull)
+{
+    const std::vector<void*> first = take(piecesOf(64), 64);
+    freePiece(newPiece(64), 64);
+    EXPECT_EQ(slabs(), 2);
+    freePiece(newPiece(64), 64);
+    EXPECT_EQ(rmtest::callCount(Call::kAlignedAlloc), 2);
+    giveBack(first, 64);
+    EXPECT_EQ(slabs(), 1);
+}
+
+TEST_F(PiecesTest, GiveEverySlabBackWhenTheyAreTrimmed)
+{
+    for (const uint32_t lines : kSizes) {
+        giveBack(take(2 * piecesOf(lines), lines), lines);
+    }
+    trimPieces();
+    EXPECT_EQ(slabs(), 0);
+    trimPieces();
+}
+
+TEST_F(PiecesTest, ThatAreOutSurviveATrim)
+{
+    void* piece = newPiece(3);
+    void* other = newPiece(4);
+    freePiece(other, 4);
+    std::memset(piece, 1, 3 * kLine);
+    trimPieces();
+    EXPECT_EQ(slabs(), 1);
+    EXPECT_EQ(checkPieces(), 0U);
+    freePiece(piece, 3);
+}
+
+TEST_F(PiecesTest, AreNotThereWithoutMemory)
+{
+    {
+        const ScopedFault fault({.call = Call::kAlignedAlloc, .error = ENOMEM});
+        EXPECT_EQ(newPiece(7), nullptr);
+    }
+    EXPECT_EQ(checkPieces(), 0U);
+    void* piece = newPiece(7);
+    EXPECT_NE(piece, nullptr);
+    {
+        // There is room in the slab.
+        const ScopedFault fault({.call = Call::kAlignedAlloc, .error = ENOMEM});
+        void* next = newPiece(7);
+        EXPECT_NE(next, nullptr);
+        EXPECT_EQ(fault.hits(), 0);
+        freePiece(next, 7);
+    }
+    freePiece(piece, 7);
+}
+
+// --- The checker
+
+TEST_F(PiecesTest, AreCheckedForFreeOnesThatLeadElsewhere)
+{
+    const std::vector<void*> pieces = take(3, 2);
+    freePiece(pieces[0], 2);
+    freePiece(pieces[1], 2);
+    void* link = nullptr;
+    std::memcpy(&link, pieces[1], sizeof link);
+    EXPECT_EQ(link, pieces[0]);
+    const auto at = reinterpret_cast<uintptr_t>(pieces[0]);
+    for (const uintptr_t wrong : {at + kLine, at + kSlab, at & ~uintptr_t{kSlab - 1},
+                                  reinterpret_cast<uintptr_t>(pieces[1]), uintptr_t{0}}) {
+        std::memcpy(pieces[1], &wrong, sizeof wrong);
+        EXPECT_EQ(checkPieces(), 1U) << std::hex << wrong;
+    }
+    std::memcpy(pieces[1], &link, sizeof link);
+    EXPECT_EQ(checkPieces(), 0U);
+    freePiece(pieces[2], 2);
+}
+
+// --- A long run
+
+struct Out {
+    uint32_t lines;
+    unsigned char mark;
+};
+
+TEST_F(PiecesTest, KeepTheirContentsInARandomRun)
+{
+    std::mt19937_64 random(rmtest::seedOfThisRun());
+    std::map<void*, Out> out;
+    const long operations = rmtest::operationsOfThisRun(20'000);
+    for (long i = 0; i < operations; ++i) {
+        // Waves: the number of pieces goes up to some hundreds and down again.
+        const bool isTaking = random() % 100 < (i / 2000 % 2 == 0 ? 60U : 40U);
+        if (isTaking || out.empty()) {
+            const uint32_t lines =
+                random() % 4 == 0 ? static_cast<uint32_t>(random() % kLargestPiece + 1) : 64;
+            void* piece = newPiece(lines);
+            ASSERT_TRUE(isZero(piece, lines));
+            const auto mark = static_cast<unsigned char>(random());
+            std::memset(piece, mark, lines * kLine);
+            ASSERT_TRUE(out.emplace(piece, Out{lines, mark}).second);
+        } else {
+            auto at = out.lower_bound(reinterpret_cast<void*>(
+                reinterpret_cast<uintptr_t>(out.begin()->first) + random() % (4 * kSlab)));
+            at = at == out.end() ? out.begin() : at;
+            const auto* bytes = static_cast<const unsigned char*>(at->first);
+            ASSERT_TRUE(std::all_of(bytes, bytes + at->second.lines * kLine,
+                                    [&](unsigned char c) { return c == at->second.mark; }));
+            freePiece(at->first, at->second.lines);
+            out.erase(at);
+        }
+        ASSERT_TRUE(i % 100 != 0 || checkPieces() == 0U);
+    }
+    for (const auto& [piece, what] : out) {
+        freePiece(piece, what.lines);
+    }
+}
+}  // namespace
