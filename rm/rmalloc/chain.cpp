@@ -18,7 +18,7 @@ namespace
 {
 constexpr uint32_t kFirstSlots = 16;  // after the very first, which is in the map of its segment
 
-constexpr uint32_t kAhead = 8;
+constexpr uint32_t kAhead = 8;  // maps that are on their way while one is written to
 
 // A row of one slot is part of a map.
 void freeSlots(Chain* chain)
@@ -42,7 +42,7 @@ bool moveInto(Chain* chain, uint32_t length)
     const MaxTree tree = makeMaxTree(bounds, length);
     uint32_t slot = 0;
     for (uint32_t i = 0; i < chain->used; ++i) {
-        // Maps are far from each other: some are on their way while this one is written to.
+        // Maps are far from each other.
         __builtin_prefetch(chain->slots[std::min(i + kAhead, chain->used - 1)], 1);
         SegmentMap* map = chain->slots[i];
         if (map != nullptr) {

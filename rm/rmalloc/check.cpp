@@ -112,7 +112,7 @@ uint32_t rmalloc::checkMemory()
         report(&whole, RM_NONE, nullptr, "the page table is wrong");
     }
     if (checkPieces() != 0) {
-        report(&whole, RM_NONE, nullptr, "the slabs of maps and pages are wrong");
+        report(&whole, RM_NONE, nullptr, "the slabs of maps are wrong");
     }
     // A segment size that is no multiple of the unit is counted whole when it is got and in units
     // when it is given back, so the total may exceed the sum.

@@ -34,6 +34,7 @@ constexpr uint32_t kNoEntry = 0xFFFFFFFF;  // no such entry in the row
 // Signed, since that is what machines without more compare four at a time; units fit.
 using Bound = int32_t;
 
+// No new largest bound. Whoever takes the least of it and what was known keeps what was known.
 constexpr Bound kUnchanged = INT32_MAX;
 
 struct MaxTree {

@@ -1,8 +1,8 @@
 // The allocation calls of the interface.
 //
-// Why: what a host may get wrong is decided here - a pointer that is no block, a tag that is none -
-// before the allocator touches a header. A bad pointer is a warning in the log and nothing else: a
-// server that frees twice must neither crash nor damage the heap of every session in it.
+// Why: what a host may get wrong - a pointer that is no block, a tag that is none - is found out
+// before a header is written to. A bad pointer is a warning in the log and nothing else: a server
+// that frees twice must neither crash nor damage the heap of every session in it.
 //
 // Locks: critical section 0 around everything that changes the heap, for ports with threads.
 //
@@ -45,7 +45,6 @@ void* resizeByMoving(Tag tag, const LiveBlock& old, uint32_t newSize)
     giveBack(old.header + 1, tag);  // looked up again: its neighbours may be others now
     return block;
 }
-
 }  // namespace
 
 void* rm_getMemory(uint32_t size, int16_t tag)

@@ -1,8 +1,6 @@
 // Keeping the page table. What it is: pagetable.h.
 #include "rm/rmalloc/pagetable.h"
 
-#include "rm/rmalloc/pieces.h"
-
 #include <algorithm>
 #include <cstdlib>
 
@@ -14,7 +12,6 @@ namespace
 constexpr uint32_t kNoPlaces = 2;
 constexpr uint32_t kFirstPlaces = 8;
 constexpr uint32_t kHashBits = 64;
-constexpr uint32_t kLinesOfPages = kPagesOfRegion * sizeof(SegmentMap*) / kLine;
 
 Region noRegions[kNoPlaces];
 
@@ -78,14 +75,8 @@ SegmentMap** newPages()
 {
     SegmentMap** pages = sparePages;
     sparePages = nullptr;
-    return pages != nullptr ? pages : static_cast<SegmentMap**>(newPiece(kLinesOfPages));
-}
-
-void freeSparePages()
-{
-    if (sparePages != nullptr) {
-        freePiece(sparePages, kLinesOfPages);
-    }
+    return pages != nullptr ? pages
+                            : static_cast<SegmentMap**>(std::calloc(kPagesOfRegion, sizeof(void*)));
 }
 
 // Makes sure that the region is there, and that it stays until release() has been called as often.
@@ -118,7 +109,7 @@ bool reserve(uintptr_t number, bool asWhole)
 void removeRegion(Region* region)
 {
     if (region->pages != nullptr) {
-        freeSparePages();
+        std::free(sparePages);
         sparePages = region->pages;
     }
     region->used = 0;
@@ -273,7 +264,7 @@ void rmalloc::removeFromPageTable(SegmentMap* map)
 
 void rmalloc::trimPageTable()
 {
-    freeSparePages();
+    std::free(sparePages);
     sparePages = nullptr;
     if (pageTable.count == 0 && pageTable.regions != noRegions) {
         std::free(pageTable.regions);

@@ -8,7 +8,7 @@ using namespace rmalloc;
 
 namespace
 {
-constexpr std::size_t kSlab = std::size_t{64} << 10;  // bytes
+constexpr std::size_t kSlab = std::size_t{16} << 10;  // bytes
 
 struct Piece {
     Piece* next;  // that is free

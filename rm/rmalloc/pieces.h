@@ -1,10 +1,9 @@
 // Pieces of memory of the same size, packed side by side.
 //
-// Why: what the allocator keeps beside the segments is asked for at random, map by map and page by
-// page. Got from the platform one by one, the pieces would lie between the segments that they
-// belong to, each on a page of the machine's own, and a large heap would wait for the machine to
-// find that page before it could wait for the piece. Here they stand side by side in slabs of
-// 64 KiB.
+// Why: the maps of a large heap are asked for at random. Got from the platform one by one, they
+// would lie between the segments that they belong to, each on a page of the machine's own, and
+// every access would wait for the machine to find that page before it could wait for the map. Here
+// they stand side by side in slabs of 16 KiB.
 //
 // A slab that has become empty goes back to the platform, unless no other has room: a piece that
 // comes and goes costs no more than any other. Pieces that were never out have not been touched.
@@ -23,8 +22,8 @@
 namespace rmalloc
 {
 
-constexpr std::size_t kLine = 64;       // bytes; sizes of pieces are counted in them
-constexpr uint32_t kLargestPiece = 64;  // lines
+constexpr std::size_t kLine = 64;      // bytes; sizes of pieces are counted in them
+constexpr uint32_t kLargestPiece = 8;  // lines
 
 // A piece of so many lines, 1 to kLargestPiece, zeroed; null when there is no memory.
 void* newPiece(uint32_t lines);

@@ -34,10 +34,6 @@ std::size_t bytesOfMap(uint32_t units)
 // with each: one is kept. They stand next to their segments, which are looked at with them.
 SegmentMap* spareMap = nullptr;
 
-// Maps of segments of the usual sizes are pieces. A large one is zeroed by the platform: what it
-// needs is then not touched before it is used.
-constexpr uint32_t kLargestMap = 8;  // lines
-
 uint32_t linesOf(std::size_t bytes)
 {
     return static_cast<uint32_t>((bytes + kLine - 1) / kLine);
@@ -48,22 +44,24 @@ bool isSmall(uint32_t units)
     return usedStrips(units) == 1;
 }
 
-bool isPiece(std::size_t bytes)
+// Those of segments of the usual sizes are. A large one is zeroed by the platform: what it needs is
+// then not touched before it is used.
+bool isPiece(uint32_t units)
 {
-    return bytes <= kLargestMap * kLine;
+    return !isSmall(units) && bytesOfMap(units) <= kLargestPiece * kLine;
 }
 
 SegmentMap* newMemory(uint32_t units)
 {
     const std::size_t bytes = bytesOfMap(units);
     void* memory = nullptr;
-    if (isSmall(units) && spareMap != nullptr) {
+    if (isPiece(units)) {
+        memory = newPiece(linesOf(bytes));
+    } else if (isSmall(units) && spareMap != nullptr) {
         memory = std::memset(static_cast<void*>(spareMap), 0, bytes);
         spareMap = nullptr;
-    } else if (isSmall(units) || !isPiece(bytes)) {
-        memory = std::calloc(1, bytes);
     } else {
-        memory = newPiece(linesOf(bytes));
+        memory = std::calloc(1, bytes);
     }
     return static_cast<SegmentMap*>(memory);
 }
@@ -84,13 +82,12 @@ void rmalloc::freeSegmentMap(SegmentMap* map)
     if (map == nullptr) {
         return;
     }
-    const std::size_t bytes = bytesOfMap(map->units);
-    if (isSmall(map->units) && spareMap == nullptr) {
+    if (isPiece(map->units)) {
+        freePiece(map, linesOf(bytesOfMap(map->units)));
+    } else if (isSmall(map->units) && spareMap == nullptr) {
         spareMap = map;
-    } else if (isSmall(map->units) || !isPiece(bytes)) {
-        std::free(map);
     } else {
-        freePiece(map, linesOf(bytes));
+        std::free(map);
     }
 }
 

@@ -49,7 +49,7 @@ struct alignas(Strip) SegmentMap {
     SegmentMap* below;     // for the page table: the segment at lower addresses in the same page
     MaxTree bounds;
     uint32_t units;    // of the segment's data area
-    uint32_t blocks;   // live ones
+    uint32_t blocks;   // live ones; the segment says the same to whoever reads it
     uint32_t slot;     // in the chain of the tag
     Bound bound;       // the row of bounds of a chain that has only had this segment
     SegmentMap* self;  // and its row of slots
@@ -202,8 +202,8 @@ inline bool isLink(const SegmentMap* map, uint32_t offset, uint32_t link)
     return link == 0 || (link > offset && link <= map->units && isFreeAt(map, link));
 }
 
-// The first free block of at least `need` units. Bounds that turn out too
-// large on the way are lowered.
+// The first free block of at least `need` units. Bounds that turn out too large on the way are
+// lowered.
 inline FreeBlock firstFitIn(SegmentMap* map, uint32_t need)
 {
     const auto bound = static_cast<Bound>(need);

@@ -254,7 +254,6 @@ inline void adjustNumbers(Tag tag, uint32_t units, SegmentMap* map)
         returnSegment(map);
     }
 }
-
 }  // namespace
 
 void rmalloc::warnBadPointer(void* pointer)

@@ -151,9 +151,9 @@ TEST_F(NoBookkeeping, ForTheFirstRegionLeavesTheTableOfRegionsEmpty)
     const Tag tag = rm_allocTag(nullptr, RM_NO_LIMIT);
     const std::string before = wholeHeap();
     for (int i = 0; i < 3; ++i) {
-        rmalloc::trimPieces();
-        // The first slab is for the map.
-        ScopedFault fault({.call = Call::kAlignedAlloc, .error = ENOMEM, .skip = 1});
+        ScopedFault fault({.call = Call::kCalloc, .error = ENOMEM, .when = [](const CallRecord& c) {
+                               return c.args[0] == rmalloc::kPagesOfRegion;
+                           }});
         EXPECT_EQ(fatalLines([&] { rm_getMemory(100, tag); }), outOfMemory());
         EXPECT_EQ(fault.hits(), 1);
         EXPECT_EQ(wholeHeap(), before);

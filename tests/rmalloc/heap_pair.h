@@ -16,6 +16,7 @@
 
 #include "tests/models/plain_allocator.h"
 #include "tests/rmalloc/heap.h"
+#include "tests/rmalloc/random_run.h"
 
 #include "rm.h"
 #include "rm/rmalloc/rmalloc.h"
@@ -174,7 +175,7 @@ class HeapPair
 
     // --- What there is
 
-    bool failed() const { return !difference_.empty(); }
+    bool failed() const { return difference_.found(); }
 
     // The last calls and what was found.
     std::string story() const
@@ -189,7 +190,7 @@ class HeapPair
                           call.before, call.now);
             text += line.data();
         }
-        return text + difference_;
+        return text + difference_.text();
     }
 
     const Figures& figures() const { return figures_; }
@@ -365,15 +366,10 @@ class HeapPair
 
     __attribute__((format(printf, 2, 3))) void fail(const char* format, ...)
     {
-        if (failed()) {
-            return;  // the first one counts
-        }
-        std::array<char, 256> text{};
         va_list args;
         va_start(args, format);
-        std::vsnprintf(text.data(), text.size(), format, args);
+        difference_.note(format, args);
         va_end(args);
-        difference_ = text.data();
     }
 
     // Begins a call.
@@ -586,7 +582,7 @@ class HeapPair
     uint32_t untilCompared_ = 0;  // calls
     std::array<Recent, kRecent> recent_{};
     Figures figures_;
-    std::string difference_;
+    Difference difference_;
 };
 
 }  // namespace rmtest

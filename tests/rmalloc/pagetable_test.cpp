@@ -10,8 +10,6 @@
 
 #include "tests/support/support.h"
 
-#include "rm/rmalloc/pieces.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
@@ -34,6 +32,7 @@ using rmalloc::Region;
 using rmalloc::removeFromPageTable;
 using rmalloc::Segment;
 using rmalloc::SegmentMap;
+using rmalloc::trimPageTable;
 using rmtest::Call;
 using rmtest::kForever;
 using rmtest::ScopedFault;
@@ -43,7 +42,6 @@ constexpr uintptr_t kRegion = uintptr_t{1} << rmalloc::kRegionShift;
 constexpr uintptr_t kBase = 1000 * kRegion;  // where most cases have their segments
 constexpr uintptr_t kHeader = 24;            // bytes of a segment before its data area
 constexpr uint32_t kSmallest = 32;           // bytes
-constexpr uint32_t kLinesOfPages = kPagesOfRegion * sizeof(void*) / rmalloc::kLine;
 
 // A map of a segment of so many bytes at that address.
 SegmentMap mapAt(uintptr_t address, uintptr_t bytes)
@@ -89,13 +87,6 @@ bool isFound(const SegmentMap& map)
            holding(lastOf(map) + 8) != &map;
 }
 
-// Gives back what the table has kept, and the slabs that its pages were in.
-void trim()
-{
-    rmalloc::trimPageTable();
-    rmalloc::trimPieces();
-}
-
 bool isForgotten(const SegmentMap& map)
 {
     return holding(firstOf(map)) != &map && holding(lastOf(map)) != &map &&
@@ -116,7 +107,7 @@ class PageTableTest : public rmtest::RmTest
     {
         EXPECT_EQ(pageTable.count, 0U);
         EXPECT_EQ(checkPageTable(), 0U);
-        trim();
+        trimPageTable();
         EXPECT_EQ(checkPageTable(), 0U);
         if (rmtest::callTrace().size() < 4000) {
             EXPECT_EQ(held(), 0);
@@ -128,9 +119,8 @@ class PageTableTest : public rmtest::RmTest
     static int held()
     {
         int pieces = 0;
-        for (const auto& call :
-             rmtest::callTrace({Call::kCalloc, Call::kAlignedAlloc, Call::kFree})) {
-            pieces += call.call != Call::kFree && call.result != 0 ? 1 : 0;
+        for (const auto& call : rmtest::callTrace({Call::kCalloc, Call::kFree})) {
+            pieces += call.call == Call::kCalloc && call.result != 0 ? 1 : 0;
             pieces -= call.call == Call::kFree && call.args[0] != 0 ? 1 : 0;
         }
         return pieces;
@@ -405,10 +395,10 @@ TEST_F(PageTableTest, NeedsNoPagesForARegionThatLiesInOneSegment)
             rmtest::resetCalls();
             SegmentMap map = mapAt(kBase - before, before + 2 * kRegion + behind);
             ASSERT_TRUE(addToPageTable(&map));
-            EXPECT_EQ(held(), before + behind == 0 ? 1 : 2);  // regions, and a slab
+            EXPECT_EQ(held(), 1 + (before != 0 ? 1 : 0) + (behind != 0 ? 1 : 0));
             EXPECT_TRUE(isFound(map));
             removeFromPageTable(&map);
-            trim();
+            trimPageTable();
         }
     }
 }
@@ -437,8 +427,8 @@ TEST_F(PageTableTest, GetsNoMemoryForASegmentThatComesAndGoes)
         EXPECT_TRUE(isFound(map));
         removeFromPageTable(&map);
     }
-    EXPECT_EQ(rmtest::callCount(Call::kCalloc) + rmtest::callCount(Call::kAlignedAlloc), 0);
-    trim();
+    EXPECT_EQ(rmtest::callCount(Call::kCalloc), 0);
+    trimPageTable();
     rmtest::resetCalls();
 }
 
@@ -446,16 +436,9 @@ TEST_F(PageTableTest, KeepsThePagesOfOneRegionAtMost)
 {
     SegmentMap map = mapAt(kBase + kRegion - 64, 128);
     ASSERT_TRUE(addToPageTable(&map));
-    const void* first = regionOf(pageTable, kBase / kRegion)->pages;
-    const void* second = regionOf(pageTable, kBase / kRegion + 1)->pages;
+    EXPECT_EQ(held(), 1 + 2);
     removeFromPageTable(&map);
-    // One of them is free for whoever wants such a piece, the other is not.
-    void* given = rmalloc::newPiece(kLinesOfPages);
-    void* fresh = rmalloc::newPiece(kLinesOfPages);
-    EXPECT_NE(given == first, given == second);
-    EXPECT_TRUE(fresh != first && fresh != second);
-    rmalloc::freePiece(given, kLinesOfPages);
-    rmalloc::freePiece(fresh, kLinesOfPages);
+    EXPECT_EQ(held(), 1 + 1);
 }
 
 TEST_F(PageTableTest, GivesBackWhatItHasKeptWhenItIsTrimmed)
@@ -464,9 +447,9 @@ TEST_F(PageTableTest, GivesBackWhatItHasKeptWhenItIsTrimmed)
         SegmentMap map = mapAt(kBase - 64, 3 * kRegion);
         ASSERT_TRUE(addToPageTable(&map));
         removeFromPageTable(&map);
-        trim();
+        trimPageTable();
         EXPECT_EQ(held(), 0);
-        trim();
+        trimPageTable();
         EXPECT_EQ(holding(kBase), nullptr);
     }
 }
@@ -475,7 +458,7 @@ TEST_F(PageTableTest, KeepsItsSegmentsWhenItIsTrimmed)
 {
     SegmentMap map = mapAt(kBase, 4096);
     ASSERT_TRUE(addToPageTable(&map));
-    trim();
+    trimPageTable();
     EXPECT_EQ(checkPageTable(), 0U);
     EXPECT_TRUE(isFound(map));
     removeFromPageTable(&map);
@@ -501,11 +484,8 @@ TEST_F(PageTableTest, DoesNothingWhenAnyOfItsAllocationsFails)
             const uint32_t count = pageTable.count;
             bool added = false;
             {
-                const ScopedFault fault({.call = Call::kCalloc,
-                                         .also = Call::kAlignedAlloc,
-                                         .error = ENOMEM,
-                                         .skip = skip,
-                                         .times = kForever});
+                const ScopedFault fault(
+                    {.call = Call::kCalloc, .error = ENOMEM, .skip = skip, .times = kForever});
                 added = addToPageTable(&map);
                 ASSERT_EQ(added, fault.hits() == 0);
             }
@@ -521,7 +501,7 @@ TEST_F(PageTableTest, DoesNothingWhenAnyOfItsAllocationsFails)
                 ASSERT_TRUE(isFound(other));
                 removeFromPageTable(&other);
             }
-            trim();
+            trimPageTable();
             ASSERT_EQ(held(), 0);
             if (added) {
                 ASSERT_GE(skip, 1);
@@ -535,17 +515,16 @@ TEST_F(PageTableTest, KeepsNoMemoryOfWhatFailed)
 {
     for (int skip = 0; skip < 3; ++skip) {
         SegmentMap map = mapAt(kBase - 64, 6 * kRegion);
-        const ScopedFault fault(
-            {.call = Call::kCalloc, .also = Call::kAlignedAlloc, .error = ENOMEM, .skip = skip});
+        const ScopedFault fault({.call = Call::kCalloc, .error = ENOMEM, .skip = skip});
         ASSERT_FALSE(addToPageTable(&map));
         EXPECT_EQ(pageTable.count, 0U);
-        trim();
+        trimPageTable();
         EXPECT_EQ(held(), 0) << skip;
     }
     SegmentMap map = mapAt(kBase, 64);
     ASSERT_TRUE(addToPageTable(&map));
     removeFromPageTable(&map);
-    trim();
+    trimPageTable();
     EXPECT_EQ(held(), 0);
 }
 

@@ -28,8 +28,8 @@ using rmalloc::trimPieces;
 using rmtest::Call;
 using rmtest::ScopedFault;
 
-constexpr std::size_t kSlab = 64 << 10;
-constexpr uint32_t kSizes[] = {1, 2, 3, 5, 7, 8, 33, 63, 64};  // lines
+constexpr std::size_t kSlab = 16 << 10;
+constexpr uint32_t kSizes[] = {1, 2, 3, 4, 5, 6, 7, 8};  // lines
 
 // Of one slab, of which one place is the slab's own.
 constexpr uint32_t piecesOf(uint32_t lines)
@@ -168,7 +168,7 @@ TEST_F(PiecesTest, OfAFullSlabMakeRoomInIt)
 TEST_F(PiecesTest, KeepTheirOnlySlabWhenTheyComeAndGo)
 {
     for (int i = 0; i < 5; ++i) {
-        freePiece(newPiece(64), 64);
+        freePiece(newPiece(8), 8);
     }
     EXPECT_EQ(rmtest::callCount(Call::kAlignedAlloc), 1);
     EXPECT_EQ(slabs(), 1);
@@ -176,7 +176,7 @@ TEST_F(PiecesTest, KeepTheirOnlySlabWhenTheyComeAndGo)
 
 TEST_F(PiecesTest, GiveASlabBackThatIsEmptyWhileAnotherHasRoom)
 {
-    const uint32_t lines = 64;
+    const uint32_t lines = 8;
     const std::vector<void*> first = take(piecesOf(lines), lines);
     const std::vector<void*> second = take(2, lines);
     freePiece(first[0], lines);  // now both have room
@@ -190,12 +190,12 @@ TEST_F(PiecesTest, GiveASlabBackThatIsEmptyWhileAnotherHasRoom)
 // It is the only one with room, and would have to be got again for the next piece.
 TEST_F(PiecesTest, KeepASlabThatIsEmptyWhileAllOthersAreFull)
 {
-    const std::vector<void*> first = take(piecesOf(64), 64);
-    freePiece(newPiece(64), 64);
+    const std::vector<void*> first = take(piecesOf(8), 8);
+    freePiece(newPiece(8), 8);
     EXPECT_EQ(slabs(), 2);
-    freePiece(newPiece(64), 64);
+    freePiece(newPiece(8), 8);
     EXPECT_EQ(rmtest::callCount(Call::kAlignedAlloc), 2);
-    giveBack(first, 64);
+    giveBack(first, 8);
     EXPECT_EQ(slabs(), 1);
 }
 
@@ -278,8 +278,7 @@ TEST_F(PiecesTest, KeepTheirContentsInARandomRun)
         // Waves: the number of pieces goes up to some hundreds and down again.
         const bool isTaking = random() % 100 < (i / 2000 % 2 == 0 ? 60U : 40U);
         if (isTaking || out.empty()) {
-            const uint32_t lines =
-                random() % 4 == 0 ? static_cast<uint32_t>(random() % kLargestPiece + 1) : 64;
+            const auto lines = static_cast<uint32_t>(random() % kLargestPiece + 1);
             void* piece = newPiece(lines);
             ASSERT_TRUE(isZero(piece, lines));
             const auto mark = static_cast<unsigned char>(random());

@@ -20,16 +20,15 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <random>
 #include <string>
 #include <vector>
 
 namespace
 {
+using rmtest::Chance;
 using rmtest::HeapPair;
 using rmtest::kManyBlocks;
-
-enum class SegAlloc { kOff, kOn, kChanging };
+using rmtest::SegAlloc;
 
 enum class Phase {
     kGrowing,
@@ -184,7 +183,7 @@ class DifferentialRun
 {
   public:
     DifferentialRun(const Mix& mix, uint32_t seed)
-        : mix_(mix), random_(seed), heaps_(mix.mostBlocks)
+        : mix_(mix), chance_(seed), heaps_(mix.mostBlocks)
     {
         heaps_.setSegAlloc(mix.segAlloc == SegAlloc::kOn);
     }
@@ -221,19 +220,7 @@ class DifferentialRun
 
     // --- Chance
 
-    uint32_t below(uint32_t bound)
-    {
-        return bound == 0 ? 0 : static_cast<uint32_t>(random_() % bound);
-    }
-
-    bool oneIn(uint32_t n) { return below(n) == 0; }
-
-    uint32_t oneOf(const std::vector<uint32_t>& numbers)
-    {
-        return numbers[below(static_cast<uint32_t>(numbers.size()))];
-    }
-
-    uint32_t requestSize() { return below(oneOf(mix_.requestSizes) + 1); }
+    uint32_t requestSize() { return chance_.below(chance_.oneOf(mix_.requestSizes) + 1); }
 
     // False for tag 0 too when there is no table.
     bool inUse(Tag tag) const
@@ -246,9 +233,9 @@ class DifferentialRun
     {
         const std::size_t tags = heaps_.plain().tags();
         if (tags == 0) {
-            return static_cast<Tag>(below(2));
+            return static_cast<Tag>(chance_.below(2));
         }
-        auto tag = static_cast<Tag>(below(static_cast<uint32_t>(tags)));
+        auto tag = static_cast<Tag>(chance_.below(static_cast<uint32_t>(tags)));
         while (!inUse(tag)) {
             tag = static_cast<Tag>(static_cast<std::size_t>(tag + 1) % tags);
         }
@@ -256,11 +243,11 @@ class DifferentialRun
     }
 
     // Most often the tag of the phase.
-    Tag someTag() { return inUse(tag_) && !oneIn(4) ? tag_ : anyTag(); }
+    Tag someTag() { return inUse(tag_) && !chance_.oneIn(4) ? tag_ : anyTag(); }
 
     uint32_t anyBlock()
     {
-        return heaps_.live()[below(static_cast<uint32_t>(heaps_.live().size()))];
+        return heaps_.live()[chance_.below(static_cast<uint32_t>(heaps_.live().size()))];
     }
 
     // --- Calls that change where the next segments come from, or take blocks away
@@ -269,15 +256,15 @@ class DifferentialRun
     {
         const Tag tag = heaps_.makeTag();
         if (!heaps_.failed()) {
-            heaps_.setTagAlloc(oneOf(mix_.segmentSizes), tag);
+            heaps_.setTagAlloc(chance_.oneOf(mix_.segmentSizes), tag);
         }
     }
 
     void change()
     {
-        const uint32_t kind = below(mix_.segAlloc == SegAlloc::kChanging ? 3 : 2);
+        const uint32_t kind = chance_.below(mix_.segAlloc == SegAlloc::kChanging ? 3 : 2);
         if (kind == 2) {
-            heaps_.setSegAlloc(oneIn(2));
+            heaps_.setSegAlloc(chance_.oneIn(2));
             return;
         }
         int16_t tags = 0;
@@ -287,17 +274,17 @@ class DifferentialRun
         if (kind == 0 && tags <= mix_.mostTags) {
             makeTag();
         } else if (tags > 0) {
-            heaps_.setTagAlloc(oneOf(mix_.segmentSizes), someTag());
+            heaps_.setTagAlloc(chance_.oneOf(mix_.segmentSizes), someTag());
         }
     }
 
     void reset()
     {
-        if (oneIn(12)) {
+        if (chance_.oneIn(12)) {
             heaps_.freeAll();
         } else if (heaps_.plain().tags() > 0) {
             const Tag tag = anyTag();
-            heaps_.freeTag(tag, tag != 0 && !oneIn(3));
+            heaps_.freeTag(tag, tag != 0 && !chance_.oneIn(3));
         }
     }
 
@@ -306,12 +293,13 @@ class DifferentialRun
     void beginPhase()
     {
         const bool nothingYet = heaps_.figures().mostBlocks == 0;
-        phase_ = nothingYet || oneIn(4) ? Phase::kGrowing : static_cast<Phase>(below(kPhases));
+        phase_ = nothingYet || chance_.oneIn(4) ? Phase::kGrowing
+                                                : static_cast<Phase>(chance_.below(kPhases));
         const uint32_t range = mix_.mostBlocks - mix_.leastBlocks;
         target_ = phase_ == Phase::kGrowing
-                      ? mix_.mostBlocks - (nothingYet ? 0 : below(range / 4 + 1))
-                      : mix_.leastBlocks + below(range / 2 + 1);
-        left_ = 1 + below(mix_.longestPhase);
+                      ? mix_.mostBlocks - (nothingYet ? 0 : chance_.below(range / 4 + 1))
+                      : mix_.leastBlocks + chance_.below(range / 2 + 1);
+        left_ = 1 + chance_.below(mix_.longestPhase);
         tag_ = anyTag();
         equal_ = std::min(requestSize(), 500U);
         passing_ = {0, 0};
@@ -357,8 +345,9 @@ class DifferentialRun
         if (heaps_.live().empty()) {
             return;
         }
-        const uint32_t name = oneIn(2) ? heaps_.live().back() : anyBlock();
-        const uint32_t size = oneIn(2) ? heaps_[name].size % kMiB + below(40) : requestSize();
+        const uint32_t name = chance_.oneIn(2) ? heaps_.live().back() : anyBlock();
+        const uint32_t size =
+            chance_.oneIn(2) ? heaps_[name].size % kMiB + chance_.below(40) : requestSize();
         if (extends) {
             heaps_.extend(name, size);
         } else {
@@ -383,8 +372,8 @@ class DifferentialRun
     void alternate()
     {
         if (passing_.born != 0 && heaps_[passing_.name].born == passing_.born) {
-            if (oneIn(8)) {
-                heaps_.extend(passing_.name, equal_ + below(20));
+            if (chance_.oneIn(8)) {
+                heaps_.extend(passing_.name, equal_ + chance_.below(20));
             } else {
                 heaps_.give(passing_.name);
                 passing_ = {0, 0};
@@ -399,7 +388,7 @@ class DifferentialRun
 
     void stepOfPhase()
     {
-        const uint32_t chance = below(1000);
+        const uint32_t chance = chance_.below(1000);
         left_ -= left_ == 0 ? 0 : 1;
         switch (phase_) {
             case Phase::kGrowing:
@@ -445,11 +434,11 @@ class DifferentialRun
     void step()
     {
         const auto tags = static_cast<int16_t>(heaps_.plain().tags());
-        if (tags <= mix_.mostTags / 2 && oneIn(3)) {
+        if (tags <= mix_.mostTags / 2 && chance_.oneIn(3)) {
             makeTag();
-        } else if (oneIn(mix_.resetsEvery)) {
+        } else if (chance_.oneIn(mix_.resetsEvery)) {
             reset();
-        } else if (oneIn(150)) {
+        } else if (chance_.oneIn(150)) {
             change();
         } else {
             if (phaseIsOver()) {
@@ -460,7 +449,7 @@ class DifferentialRun
     }
 
     const Mix& mix_;
-    std::mt19937 random_;
+    Chance chance_;
     HeapPair heaps_;
     Phase phase_ = Phase::kReplacing;
     uint32_t target_ = 0;      // blocks at which growing or shrinking ends

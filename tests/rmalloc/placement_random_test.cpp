@@ -9,6 +9,7 @@
 //     RM_TEST_OPERATIONS=1000000  makes longer ones: the number of calls in each case
 #include "tests/models/allocator_model.h"
 #include "tests/rmalloc/heap.h"
+#include "tests/rmalloc/random_run.h"
 
 #include "rm.h"
 #include "rm/rmalloc/rmalloc.h"
@@ -22,7 +23,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -33,12 +33,12 @@ using rmalloc::Segment;
 using rmalloc::tagTable;
 using rmtest::AllocatorModel;
 using rmtest::Call;
+using rmtest::Chance;
 using rmtest::kForever;
 using rmtest::Lines;
 using rmtest::ScopedFault;
+using rmtest::SegAlloc;
 using Outcome = AllocatorModel::Outcome;
-
-enum class SegAlloc { kOff, kOn, kChanging };
 
 // One kind of run.
 struct Mix {
@@ -142,7 +142,7 @@ class RandomRun
 {
   public:
     RandomRun(const Mix& mix, uint32_t seed)
-        : mix_(mix), random_(seed), blocks_(mix.mostBlocks + 1), model_(rmtest::kRecord)
+        : mix_(mix), chance_(seed), blocks_(mix.mostBlocks + 1), model_(rmtest::kRecord)
     {
         for (uint32_t name = mix.mostBlocks; name > 0; --name) {
             spare_.push_back(name);
@@ -176,7 +176,7 @@ class RandomRun
             text += recent_[(calls_ + i) % recent_.size()].data();
             text += '\n';
         }
-        return text + "operation " + std::to_string(operation_) + ": " + difference_;
+        return text + "operation " + std::to_string(operation_) + ": " + difference_.text();
     }
 
     // Ends the run with rm_freeall; the result is what the model says is counted even then.
@@ -200,49 +200,34 @@ class RandomRun
 
     // --- Chance
 
-    uint32_t below(uint32_t bound)
-    {
-        return bound == 0 ? 0 : static_cast<uint32_t>(random_() % bound);
-    }
-
-    bool oneIn(uint32_t n) { return below(n) == 0; }
-
-    uint32_t requestSize()
-    {
-        return below(mix_.requestSizes[below(static_cast<uint32_t>(mix_.requestSizes.size()))] + 1);
-    }
+    uint32_t requestSize() { return chance_.below(chance_.oneOf(mix_.requestSizes) + 1); }
 
     // A tag in use. On an empty table the first allocation makes 0 and 1.
     Tag anyTag()
     {
         const auto& tags = model_.tags();
         if (tags.empty()) {
-            return static_cast<Tag>(below(2));
+            return static_cast<Tag>(chance_.below(2));
         }
-        uint32_t tag = below(static_cast<uint32_t>(tags.size()));
+        uint32_t tag = chance_.below(static_cast<uint32_t>(tags.size()));
         while (!tags[tag].inUse) {
             tag = (tag + 1) % static_cast<uint32_t>(tags.size());
         }
         return static_cast<Tag>(tag);
     }
 
-    uint32_t anyBlock() { return live_[below(static_cast<uint32_t>(live_.size()))]; }
+    uint32_t anyBlock() { return chance_.oneOf(live_); }
 
     // --- Differences
 
-    bool failed() const { return !difference_.empty(); }
+    bool failed() const { return difference_.found(); }
 
     __attribute__((format(printf, 2, 3))) void fail(const char* format, ...)
     {
-        if (failed()) {
-            return;  // the first one counts
-        }
-        char text[256];
         va_list args;
         va_start(args, format);
-        std::vsnprintf(text, sizeof text, format, args);
+        difference_.note(format, args);
         va_end(args);
-        difference_ = text;
     }
 
     __attribute__((format(printf, 2, 3))) void note(const char* format, ...)
@@ -394,8 +379,8 @@ class RandomRun
     void decideSupply()
     {
         supply_.reset();
-        if (mix_.memoryFails && oneIn(4)) {
-            supply_ = static_cast<int>(below(2));
+        if (mix_.memoryFails && chance_.oneIn(4)) {
+            supply_ = static_cast<int>(chance_.below(2));
         }
         model_.setSupply(supply_);
     }
@@ -428,7 +413,7 @@ class RandomRun
         if (stale_.size() < 50) {
             stale_.push_back(pointer);
         } else {
-            stale_[below(50)] = pointer;
+            stale_[chance_.below(50)] = pointer;
         }
     }
 
@@ -437,11 +422,11 @@ class RandomRun
         const Tag tag = anyTag();
         const uint32_t name = spare_.back();
         uint32_t size = requestSize();
-        const uint32_t way = below(4);
+        const uint32_t way = chance_.below(4);
         std::string text;
         if (way == 3) {
             size = size % 5000;
-            text.assign(size, static_cast<char>('a' + below(26)));
+            text.assign(size, static_cast<char>('a' + chance_.below(26)));
             ++size;
         }
         note("take %u: %u bytes of tag %d, way %u", name, size, tag, way);
@@ -478,7 +463,7 @@ class RandomRun
         note("free %u: %u bytes of tag %d", name, block.size, block.tag);
         checkContents(name, block.size);
         void* pointer = block.pointer;
-        if (oneIn(4)) {
+        if (chance_.oneIn(4)) {
             rm_zFreeMemory(&pointer, block.tag);
             if (pointer != nullptr) {
                 fail("the pointer is not null");
@@ -495,7 +480,7 @@ class RandomRun
     {
         const uint32_t name = anyBlock();
         Block& block = blocks_[name];
-        const uint32_t size = oneIn(3) ? block.size + below(40) : requestSize();
+        const uint32_t size = chance_.oneIn(3) ? block.size + chance_.below(40) : requestSize();
         note("extend %u: %u to %u bytes of tag %d", name, block.size, size, block.tag);
         checkContents(name, block.size);
         void* pointer = nullptr;
@@ -521,7 +506,7 @@ class RandomRun
     {
         const uint32_t name = anyBlock();
         Block& block = blocks_[name];
-        const uint32_t size = oneIn(2) ? block.size + below(16) : requestSize();
+        const uint32_t size = chance_.oneIn(2) ? block.size + chance_.below(16) : requestSize();
         note("grow %u: %u to %u bytes of tag %d", name, block.size, size, block.tag);
         checkContents(name, block.size);
         void* const old = block.pointer;
@@ -573,8 +558,7 @@ class RandomRun
     {
         const Tag tag = anyTag();
         if (tag != 0 && !model_.tags().empty()) {
-            const uint32_t size =
-                mix_.segmentSizes[below(static_cast<uint32_t>(mix_.segmentSizes.size()))];
+            const uint32_t size = chance_.oneOf(mix_.segmentSizes);
             note("segments of tag %d: %u bytes", tag, size);
             rm_setTagAlloc(size, tag);
             model_.setSegmentSize(tag, size);
@@ -599,7 +583,7 @@ class RandomRun
         if (model_.tags().empty()) {
             return;
         }
-        const bool release = tag != 0 && !oneIn(3);
+        const bool release = tag != 0 && !chance_.oneIn(3);
         note("free tag %d, %s", tag, release ? "released" : "kept");
         rm_freeTagMemory(tag, release ? 1 : 0);
         model_.freeTag(tag, release);
@@ -613,7 +597,7 @@ class RandomRun
         model_.freeAll();
         forgetBlocks(std::nullopt);
         if (mix_.segAlloc == SegAlloc::kChanging) {
-            setSegAlloc(oneIn(2));
+            setSegAlloc(chance_.oneIn(2));
         }
     }
 
@@ -623,9 +607,9 @@ class RandomRun
         void* pointer = nullptr;
         Tag tag = anyTag();
         Lines lines;
-        const uint32_t kind = below(4);
+        const uint32_t kind = chance_.below(4);
         if (kind == 0 && !stale_.empty()) {
-            pointer = stale_[below(static_cast<uint32_t>(stale_.size()))];
+            pointer = chance_.oneOf(stale_);
             if (std::any_of(live_.begin(), live_.end(),
                             [&](uint32_t name) { return blocks_[name].pointer == pointer; })) {
                 return;  // a block again
@@ -636,7 +620,7 @@ class RandomRun
             if (block.size == 0) {
                 return;
             }
-            const uint32_t inside = 1 + below(block.size);
+            const uint32_t inside = 1 + chance_.below(block.size);
             pointer = static_cast<char*>(block.pointer) + inside;
             lines = {rmtest::badPointer(pointer)};
         } else if (kind == 2 && !live_.empty()) {
@@ -648,13 +632,14 @@ class RandomRun
             lines = rmtest::notFound(tag, pointer);
         } else if (kind == 3 && !live_.empty()) {
             pointer = blocks_[anyBlock()].pointer;
-            tag = static_cast<Tag>(oneIn(2) ? -1 - static_cast<int>(below(5000))
-                                            : rmalloc::nTags + static_cast<int>(below(5000)));
+            tag = static_cast<Tag>(chance_.oneIn(2)
+                                       ? -1 - static_cast<int>(chance_.below(5000))
+                                       : rmalloc::nTags + static_cast<int>(chance_.below(5000)));
             lines = {rmtest::invalidTag(tag, "rm_freeMemory")};
         } else {
             return;
         }
-        const bool extending = kind != 3 && oneIn(2);
+        const bool extending = kind != 3 && chance_.oneIn(2);
         note("misuse %u: %p of tag %d, %s", kind, pointer, tag, extending ? "extend" : "free");
         if (extending) {
             if (rm_extendMemory(pointer, requestSize(), tag) != nullptr) {
@@ -669,22 +654,22 @@ class RandomRun
     void step()
     {
         decideSupply();
-        if (oneIn(mix_.resetsEvery)) {
+        if (chance_.oneIn(mix_.resetsEvery)) {
             freeAll();
             return;
         }
-        if (oneIn(mix_.resetsEvery / 4)) {
+        if (chance_.oneIn(mix_.resetsEvery / 4)) {
             freeTag();
             return;
         }
-        if (oneIn(std::max<uint32_t>(150, mix_.mostBlocks))) {
+        if (chance_.oneIn(std::max<uint32_t>(150, mix_.mostBlocks))) {
             growing_ = !growing_;
         }
-        const uint32_t chance = below(1000);
+        const uint32_t chance = chance_.below(1000);
         const bool full = spare_.empty();
         const bool empty = live_.empty();
         if (model_.tags().size() <= static_cast<std::size_t>(mix_.mostTags) &&
-            (chance < 20 || model_.tags().empty()) && !oneIn(3)) {
+            (chance < 20 || model_.tags().empty()) && !chance_.oneIn(3)) {
             makeTag();
         } else if (chance < 40) {
             setSize();
@@ -702,7 +687,7 @@ class RandomRun
     }
 
     const Mix& mix_;
-    std::mt19937 random_;
+    Chance chance_;
     std::vector<Block> blocks_;    // by name; 0 is not used
     std::vector<uint32_t> spare_;  // names without a block
     std::vector<uint32_t> live_;   // names with one
@@ -715,7 +700,7 @@ class RandomRun
     uint32_t hits_ = 0;
     std::array<std::array<char, 96>, 16> recent_{};
     Lines expected_;
-    std::string difference_;
+    rmtest::Difference difference_;
 };
 
 class PlacementRandom : public rmtest::HeapTest, public ::testing::WithParamInterface<Mix>
