@@ -24,6 +24,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 namespace rmalloc
 {
@@ -73,8 +76,8 @@ inline void readNode(Four* fours, const Bound* node)
     std::memcpy(&fours[3], node + 12, sizeof(Four));
 }
 
-// Bit i: entry i of the node is at least `need`.
-inline uint32_t atLeast(const Bound* node, Bound need)
+// Bit i: entry i of the node is at least `need`. For every machine.
+inline uint32_t atLeastAnywhere(const Bound* node, Bound need)
 {
     constexpr Four kBits = {1, 2, 4, 8};
     Four fours[4];
@@ -85,6 +88,24 @@ inline uint32_t atLeast(const Bound* node, Bound need)
     const auto halves = reinterpret_cast<Two>(found);
     const uint64_t bits = halves[0] | halves[1];
     return static_cast<uint32_t>(bits | bits >> 32);
+}
+
+// The same. It is most of what a search does, and some machines have an instruction for it.
+inline uint32_t atLeast(const Bound* node, Bound need)
+{
+#ifdef __SSE2__
+    Four fours[4];
+    readNode(fours, node);
+    const Four needs = {need, need, need, need};
+    // A byte for each entry, all of its bits set when that is less: its uppermost bit is taken.
+    const auto low = _mm_packs_epi32(reinterpret_cast<__m128i>(fours[0] < needs),
+                                     reinterpret_cast<__m128i>(fours[1] < needs));
+    const auto high = _mm_packs_epi32(reinterpret_cast<__m128i>(fours[2] < needs),
+                                      reinterpret_cast<__m128i>(fours[3] < needs));
+    return ~static_cast<uint32_t>(_mm_movemask_epi8(_mm_packs_epi16(low, high))) & 0xFFFF;
+#else
+    return atLeastAnywhere(node, need);
+#endif
 }
 
 inline Bound largestOf(const Bound* node)

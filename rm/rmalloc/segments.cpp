@@ -48,7 +48,7 @@ inline bool agrees(const SegmentMap* map, uint32_t offset, uint32_t units)
 }
 
 // True when the free chain around a live block is as the map has it.
-inline bool chainAgrees(const LiveBlock& block)
+[[gnu::always_inline]] inline bool chainAgrees(const LiveBlock& block)
 {
     const Neighbours& around = block.around;
     const SegmentMap* map = block.map;
@@ -215,7 +215,7 @@ void sayCorrupted(BlockHeader* header)
 }
 
 // False, with a line in the log, when the block cannot be given back or resized under the tag.
-inline bool isInOrder(Tag tag, const LiveBlock& block)
+[[gnu::always_inline]] inline bool isInOrder(Tag tag, const LiveBlock& block)
 {
     if (block.map->tag != tag) {
         sayNotFound(tag, block.header);

@@ -11,7 +11,6 @@
 #include "tests/support/support.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <random>
 #include <string>
@@ -21,7 +20,6 @@
 
 namespace
 {
-using rmalloc::atLeast;
 using rmalloc::Bound;
 using rmalloc::bytesOfMaxTree;
 using rmalloc::checkMaxTree;
@@ -30,13 +28,11 @@ using rmalloc::kFanOut;
 using rmalloc::kNoEntry;
 using rmalloc::kUnchanged;
 using rmalloc::largestBound;
-using rmalloc::largestOf;
 using rmalloc::lastBefore;
 using rmalloc::lowerBound;
 using rmalloc::makeMaxTree;
 using rmalloc::MaxTree;
 using rmalloc::raiseBound;
-using rmalloc::setAndGetLargest;
 using rmalloc::setBound;
 
 constexpr Bound kLarge = 1 << 29;
@@ -161,10 +157,6 @@ std::string rowOf(uint32_t length)
 }
 
 class Maxima : public rmtest::RmTest
-{
-};
-
-class MaximaNode : public rmtest::RmTest
 {
 };
 
@@ -582,63 +574,6 @@ TEST_F(Maxima, StayAboveZeroWhileAnEntryIs)
             ASSERT_EQ(lastBefore(made.tree, 16), 15U) << rowOf(length) << ", entry " << entry;
         }
         EXPECT_EQ(firstAtLeast(made.tree, 1, 0), 15U);
-    }
-}
-
-// --- One node
-
-struct alignas(16) Node {
-    std::array<Bound, kFanOut> entries{};
-};
-
-TEST_F(MaximaNode, HasABitForEachEntryThatIsLargeEnough)
-{
-    for (uint32_t entry = 0; entry < kFanOut; ++entry) {
-        for (const Bound bound : {1, 63, kLarge}) {
-            Node node;
-            node.entries[entry] = bound;
-            EXPECT_EQ(atLeast(node.entries.data(), bound), 1U << entry);
-            EXPECT_EQ(atLeast(node.entries.data(), bound + 1), 0U);
-            EXPECT_EQ(atLeast(node.entries.data(), 0), 0xFFFFU);
-        }
-    }
-}
-
-TEST_F(MaximaNode, HasTheBitsOfAllItsEntriesTogether)
-{
-    for (uint32_t bits = 0; bits <= 0xFFFF; ++bits) {
-        Node node;
-        for (uint32_t entry = 0; entry < kFanOut; ++entry) {
-            node.entries[entry] = (bits >> entry & 1) != 0 ? 8 + static_cast<Bound>(entry) : 7;
-        }
-        ASSERT_EQ(atLeast(node.entries.data(), 8), bits);
-    }
-}
-
-TEST_F(MaximaNode, KnowsItsLargestWhereverItIs)
-{
-    for (uint32_t entry = 0; entry < kFanOut; ++entry) {
-        Node node;
-        node.entries.fill(5);
-        EXPECT_EQ(largestOf(node.entries.data()), 5);
-        node.entries[entry] = kLarge;
-        EXPECT_EQ(largestOf(node.entries.data()), kLarge) << entry;
-    }
-}
-
-TEST_F(MaximaNode, SetsAnEntryAndGivesTheLargestOfAll)
-{
-    for (uint32_t entry = 0; entry < kFanOut; ++entry) {
-        for (uint32_t other = 0; other < kFanOut; ++other) {
-            Node node;
-            node.entries[entry] = 50;
-            node.entries[other] = other == entry ? 50 : 20;
-            EXPECT_EQ(setAndGetLargest(node.entries.data(), entry, 10), other == entry ? 10 : 20);
-            EXPECT_EQ(setAndGetLargest(node.entries.data(), entry, 30), 30);
-            EXPECT_EQ(node.entries[entry], 30);
-            EXPECT_EQ(std::count(node.entries.begin(), node.entries.end(), 0),
-                      other == entry ? 15 : 14);
-        }
     }
 }
 

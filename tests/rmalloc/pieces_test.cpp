@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <random>
@@ -209,6 +210,18 @@ TEST_F(PiecesTest, GiveEverySlabBackWhenTheyAreTrimmed)
     trimPieces();
 }
 
+TEST_F(PiecesTest, LetAnEmptySlabGoThatStandsBehindAnotherWhenTheyAreTrimmed)
+{
+    const std::vector<void*> first = take(piecesOf(8), 8);
+    freePiece(newPiece(8), 8);  // its slab is the only one with room
+    freePiece(first[0], 8);     // and now it is the second
+    EXPECT_EQ(slabs(), 2);
+    trimPieces();
+    EXPECT_EQ(slabs(), 1);
+    EXPECT_EQ(newPiece(8), first[0]);
+    giveBack(first, 8);
+}
+
 TEST_F(PiecesTest, ThatAreOutSurviveATrim)
 {
     void* piece = newPiece(3);
@@ -260,6 +273,102 @@ TEST_F(PiecesTest, AreCheckedForFreeOnesThatLeadElsewhere)
     std::memcpy(pieces[1], &link, sizeof link);
     EXPECT_EQ(checkPieces(), 0U);
     freePiece(pieces[2], 2);
+}
+
+// It holds zeros, so that the list seems to end there.
+TEST_F(PiecesTest, AreCheckedForAFreeOneInTheMiddleOfAnother)
+{
+    const std::vector<void*> pieces = take(3, 2);
+    std::memset(pieces[0], 0, 2 * kLine);
+    freePiece(pieces[0], 2);
+    freePiece(pieces[1], 2);
+    const auto wrong = reinterpret_cast<uintptr_t>(pieces[0]) + kLine;
+    std::memcpy(pieces[1], &wrong, sizeof wrong);
+    EXPECT_EQ(checkPieces(), 1U);
+    void* const right = pieces[0];
+    std::memcpy(pieces[1], &right, sizeof right);
+    freePiece(pieces[2], 2);
+}
+
+TEST_F(PiecesTest, AreCheckedInSlabsOfEverySizeAndCounted)
+{
+    std::vector<void*> live;
+    std::vector<void*> wrong;
+    for (uint32_t lines = 1; lines <= kLargestPiece; ++lines) {
+        live.push_back(newPiece(lines));
+        wrong.push_back(newPiece(lines));
+        freePiece(wrong.back(), lines);
+        std::memset(wrong.back(), 1, sizeof(void*));
+        EXPECT_EQ(checkPieces(), lines);
+    }
+    for (uint32_t lines = 1; lines <= kLargestPiece; ++lines) {
+        std::memset(wrong[lines - 1], 0, sizeof(void*));
+        freePiece(live[lines - 1], lines);
+    }
+}
+
+// What a slab has at its beginning.
+struct Head {
+    Head* next;
+    Head* previous;
+    void* free;
+    uint32_t fresh;
+    uint32_t used;
+};
+
+Head* headOf(void* piece)
+{
+    return reinterpret_cast<Head*>(reinterpret_cast<uintptr_t>(piece) & ~uintptr_t{kSlab - 1});
+}
+
+TEST_F(PiecesTest, AreCheckedForSlabsThatDoNotLeadBack)
+{
+    const std::vector<void*> pieces = take(piecesOf(8) + 1, 8);
+    freePiece(pieces[0], 8);
+    Head* first = headOf(pieces[0]);
+    Head* second = headOf(pieces.back());
+    ASSERT_EQ(first->next, second);
+    for (Head* wrong : {static_cast<Head*>(nullptr), second}) {
+        second->previous = wrong;
+        EXPECT_EQ(checkPieces(), 1U);
+    }
+    second->previous = first;
+    second->next = second;  // nobody would get out of it
+    EXPECT_EQ(checkPieces(), 1U);
+    second->next = nullptr;
+    EXPECT_EQ(newPiece(8), pieces[0]);
+    giveBack(pieces, 8);
+}
+
+TEST_F(PiecesTest, AreCheckedForAFullSlabAmongThoseWithRoom)
+{
+    void* piece = newPiece(5);
+    Head* head = headOf(piece);
+    *head = {nullptr, nullptr, nullptr, piecesOf(5) + 1, piecesOf(5)};
+    EXPECT_EQ(checkPieces(), 1U);
+    *head = {nullptr, nullptr, nullptr, 2, 1};
+    EXPECT_EQ(checkPieces(), 0U);
+    freePiece(piece, 5);
+}
+
+// --- What these cases count on
+
+TEST_F(PiecesTest, AskForAlignedMemoryInATraceThatTellsSizeAndAlignmentApart)
+{
+    void* volatile memory = std::aligned_alloc(64, 640);
+    const auto call = rmtest::callTrace({Call::kAlignedAlloc}).back();
+    EXPECT_EQ(call.args[0], 64);
+    EXPECT_EQ(call.args[1], 640);
+    std::free(memory);
+}
+
+TEST_F(PiecesTest, AskWithoutAFaultThatIsForTwoOtherCalls)
+{
+    const ScopedFault fault({.call = Call::kCalloc, .also = Call::kMalloc, .error = ENOMEM});
+    void* piece = newPiece(8);
+    EXPECT_NE(piece, nullptr);
+    EXPECT_EQ(fault.hits(), 0);
+    freePiece(piece, 8);
 }
 
 // --- A long run
