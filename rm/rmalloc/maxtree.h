@@ -66,8 +66,8 @@ Bound lowerLevels(const MaxTree& tree, uint32_t entry, Bound bound);
 using Four = Bound __attribute__((vector_size(16), may_alias));
 using Two = uint64_t __attribute__((vector_size(16)));
 
-// The entries of a node. They stand where the allocator of the platform has put them: on some
-// machines that is no multiple of 16. One by one, or the compiler would copy them to the stack.
+// The entries of a node. They may stand anywhere: what the platform gives is no multiple of 16 on
+// some machines. One by one, or the compiler would copy them to the stack.
 inline void readNode(Four* fours, const Bound* node)
 {
     std::memcpy(&fours[0], node, sizeof(Four));

@@ -1,6 +1,8 @@
 // Slabs of pieces. What they are for: pieces.h.
 #include "rm/rmalloc/pieces.h"
 
+#include "rm/rmalloc/rmalloc.h"
+
 #include <cstdlib>
 #include <cstring>
 
@@ -10,15 +12,16 @@ namespace
 {
 constexpr std::size_t kSlab = std::size_t{16} << 10;  // bytes
 
+// As long as it is not out.
 struct Piece {
-    Piece* next;  // that is free
+    Piece* next;  // of those that were given back to the slab
 };
 
 // It stands at a multiple of its size, so that a piece leads to it, and takes the first of the
 // places that it is cut into.
 struct Slab {
-    Slab* next;      // with room
-    Slab* previous;  // with room
+    Slab* next;      // in the list; means nothing while the slab is not in it
+    Slab* previous;  // as `next`
     Piece* free;     // given back
     uint32_t fresh;  // the first of the places that were never out
     uint32_t used;   // pieces that are out
@@ -26,7 +29,9 @@ struct Slab {
 
 static_assert(sizeof(Slab) <= kLine);
 
-Slab* withRoom[kLargestPiece + 1];  // by the lines of their pieces
+// By the lines of their pieces.
+Slab* withRoom[kLargestPiece + 1];    // the list
+Slab* emptySlabs[kLargestPiece + 1];  // the one that was emptied last; null
 
 constexpr uint32_t placesOf(uint32_t lines)
 {
@@ -61,26 +66,26 @@ void removeFromRoom(Slab* slab, uint32_t lines)
     }
 }
 
-Slab* newSlab(uint32_t lines)
+// Puts an empty slab into the list. Null when there is no memory for one.
+Slab* addSlab(uint32_t lines)
 {
-    auto* slab = static_cast<Slab*>(std::aligned_alloc(kSlab, kSlab));
+    Slab* slab = emptySlabs[lines];
+    emptySlabs[lines] = nullptr;
+    if (slab == nullptr) {
+        slab = static_cast<Slab*>(std::aligned_alloc(kSlab, kSlab));
+    }
     if (slab != nullptr) {
         *slab = {nullptr, nullptr, nullptr, 1, 0};
         addToRoom(slab, lines);
     }
     return slab;
 }
-
-void freeSlab(Slab* slab, uint32_t lines)
-{
-    removeFromRoom(slab, lines);
-    std::free(slab);
-}
 }  // namespace
 
 void* rmalloc::newPiece(uint32_t lines)
 {
-    Slab* slab = withRoom[lines] != nullptr ? withRoom[lines] : newSlab(lines);
+    RM_ASSERT(lines >= 1 && lines <= kLargestPiece);
+    Slab* slab = withRoom[lines] != nullptr ? withRoom[lines] : addSlab(lines);
     if (slab == nullptr) {
         return nullptr;
     }
@@ -101,6 +106,7 @@ void* rmalloc::newPiece(uint32_t lines)
 void rmalloc::freePiece(void* piece, uint32_t lines)
 {
     Slab* slab = slabOf(piece);
+    RM_ASSERT(slab->used > 0);
     auto* freed = static_cast<Piece*>(piece);
     freed->next = slab->free;
     slab->free = freed;
@@ -108,22 +114,18 @@ void rmalloc::freePiece(void* piece, uint32_t lines)
         addToRoom(slab, lines);
     }
     --slab->used;
-    const bool alone = slab->previous == nullptr && slab->next == nullptr;
-    if (slab->used == 0 && !alone) {
-        freeSlab(slab, lines);
+    if (slab->used == 0) {
+        removeFromRoom(slab, lines);
+        std::free(emptySlabs[lines]);
+        emptySlabs[lines] = slab;
     }
 }
 
 void rmalloc::trimPieces()
 {
-    for (uint32_t lines = 1; lines <= kLargestPiece; ++lines) {
-        for (Slab* slab = withRoom[lines]; slab != nullptr;) {
-            Slab* next = slab->next;
-            if (slab->used == 0) {
-                freeSlab(slab, lines);
-            }
-            slab = next;
-        }
+    for (Slab*& slab : emptySlabs) {
+        std::free(slab);
+        slab = nullptr;
     }
 }
 
@@ -135,12 +137,13 @@ uint32_t checkSlab(Slab* slab, uint32_t lines)
     uint32_t free = places - slab->fresh;
     for (Piece* piece = slab->free; piece != nullptr && free < places; piece = piece->next) {
         const auto offset = reinterpret_cast<uintptr_t>(piece) - reinterpret_cast<uintptr_t>(slab);
-        if (offset == 0 || offset >= kSlab || offset % (lines * kLine) != 0) {
+        const std::size_t fresh = std::size_t{slab->fresh} * lines * kLine;
+        if (offset == 0 || offset >= fresh || offset % (lines * kLine) != 0) {
             return 1;  // it leads elsewhere
         }
         ++free;
     }
-    return free != 0 && free + slab->used == piecesOf(lines) ? 0 : 1;
+    return free != 0 && slab->used != 0 && free + slab->used == piecesOf(lines) ? 0 : 1;
 }
 }  // namespace
 

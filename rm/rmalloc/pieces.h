@@ -5,14 +5,16 @@
 // every access would wait for the machine to find that page before it could wait for the map. Here
 // they stand side by side in slabs of 16 KiB.
 //
-// A slab that has become empty goes back to the platform, unless no other has room: a piece that
-// comes and goes costs no more than any other. Pieces that were never out have not been touched.
+// Of each size, the slab that was emptied last is kept for the next one that is needed: pieces that
+// come and go at the border of a slab cost no more than others. Pieces that were never out have not
+// been touched.
 //
-// Invariant: a slab with room is in the list of its size, and no other is; `used` counts its pieces
-// that are out. checkPieces() tests it.
+// Invariant: a slab from which some of the pieces are out, but not all, is in the list of its size,
+// and no other is; `used` counts them. checkPieces() tests the slabs of the lists.
 //
-// Cost: one place of each slab, and what slabs have free. The memory comes from the platform and
-// is not counted in memused.
+// Cost: one place of each slab, what slabs have free, and what the platform leaves between slabs,
+// which stand at multiples of their size. The memory comes from the platform and is not counted in
+// memused.
 #ifndef RM_RMALLOC_PIECES_H
 #define RM_RMALLOC_PIECES_H
 
@@ -31,7 +33,7 @@ void* newPiece(uint32_t lines);
 // Takes back a piece of so many lines.
 void freePiece(void* piece, uint32_t lines);
 
-// Gives empty slabs back to the platform.
+// Gives the empty slabs back that were kept.
 void trimPieces();
 
 // Counts what does not hold; 0 is sound.

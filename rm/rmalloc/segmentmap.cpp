@@ -24,10 +24,21 @@ constexpr uint32_t allStrips(uint32_t units)
     return usedStrips(units) + 1;
 }
 
+bool isSmall(uint32_t units)
+{
+    return usedStrips(units) == 1;
+}
+
+// Bytes of a map before its bounds. A node of them is one line when the map begins with one.
+std::size_t bytesBeforeBounds(uint32_t units)
+{
+    const std::size_t bytes = sizeof(SegmentMap) + allStrips(units) * sizeof(Strip);
+    return isSmall(units) ? bytes : (bytes + kLine - 1) / kLine * kLine;
+}
+
 std::size_t bytesOfMap(uint32_t units)
 {
-    return sizeof(SegmentMap) + allStrips(units) * sizeof(Strip) +
-           bytesOfMaxTree(usedStrips(units));
+    return bytesBeforeBounds(units) + bytesOfMaxTree(usedStrips(units));
 }
 
 // Maps of one strip are all alike, and where every block is a segment of its own they come and go
@@ -39,12 +50,7 @@ uint32_t linesOf(std::size_t bytes)
     return static_cast<uint32_t>((bytes + kLine - 1) / kLine);
 }
 
-bool isSmall(uint32_t units)
-{
-    return usedStrips(units) == 1;
-}
-
-// Those of segments of the usual sizes are. A large one is zeroed by the platform: what it needs is
+// Maps of segments of the usual sizes are. A large one is zeroed by the platform: what it needs is
 // then not touched before it is used.
 bool isPiece(uint32_t units)
 {
@@ -71,7 +77,8 @@ SegmentMap* rmalloc::newSegmentMap(uint32_t units)
 {
     SegmentMap* map = newMemory(units);
     if (map != nullptr) {
-        map->bounds = makeMaxTree(stripsOf(map) + allStrips(units), usedStrips(units));
+        char* bounds = reinterpret_cast<char*>(map) + bytesBeforeBounds(units);
+        map->bounds = makeMaxTree(bounds, usedStrips(units));
         map->units = units;
     }
     return map;

@@ -21,8 +21,9 @@
 // the strip, equal to it when that is above 64, and 0 when none starts there. checkSegmentMap()
 // tests the map against the headers.
 //
-// Cost: 2 bits for a unit and 4 bytes for a strip, that is 1 byte for 25 bytes of the segment; and
-// what SegmentMap itself takes. The memory comes from the platform and is not counted in memused.
+// Cost: 2 bits for a unit and 4 bytes for a strip, that is 1 byte for 25 bytes of the segment; what
+// SegmentMap itself takes; and up to two lines for rounding. The memory comes from the platform and
+// is not counted in memused.
 #ifndef RM_RMALLOC_SEGMENTMAP_H
 #define RM_RMALLOC_SEGMENTMAP_H
 
@@ -41,7 +42,7 @@ struct Strip {
     uint64_t ends;
 };
 
-// The strips follow it in the same piece of memory, and then the bounds.
+// The strips stand behind it, in the same memory, and then the bounds.
 struct alignas(Strip) SegmentMap {
     Segment* segment;
     SegmentMap* next;      // in the chain of the tag

@@ -94,6 +94,20 @@ bool isZero(const void* piece, uint32_t lines)
     return std::all_of(bytes, bytes + lines * kLine, [](unsigned char c) { return c == 0; });
 }
 
+// What a slab has at its beginning.
+struct Head {
+    Head* next;
+    Head* previous;
+    void* free;
+    uint32_t fresh;
+    uint32_t used;
+};
+
+Head* headOf(void* piece)
+{
+    return reinterpret_cast<Head*>(reinterpret_cast<uintptr_t>(piece) & ~uintptr_t{kSlab - 1});
+}
+
 TEST_F(PiecesTest, AreZeroedAlsoWhenTheyWereUsedBefore)
 {
     for (const uint32_t lines : kSizes) {
@@ -175,29 +189,50 @@ TEST_F(PiecesTest, KeepTheirOnlySlabWhenTheyComeAndGo)
     EXPECT_EQ(slabs(), 1);
 }
 
-TEST_F(PiecesTest, GiveASlabBackThatIsEmptyWhileAnotherHasRoom)
+TEST_F(PiecesTest, KeepTheSlabThatWasEmptiedLastAndGiveTheOthersBack)
 {
     const uint32_t lines = 8;
     const std::vector<void*> first = take(piecesOf(lines), lines);
-    const std::vector<void*> second = take(2, lines);
-    freePiece(first[0], lines);  // now both have room
+    const std::vector<void*> second = take(piecesOf(lines), lines);
+    const std::vector<void*> third = take(1, lines);
+    giveBack(third, lines);
+    EXPECT_EQ(slabs(), 3);
+    giveBack(first, lines);
     EXPECT_EQ(slabs(), 2);
     giveBack(second, lines);
     EXPECT_EQ(slabs(), 1);
-    EXPECT_EQ(newPiece(lines), first[0]);
-    giveBack(first, lines);
+    EXPECT_EQ(headOf(newPiece(lines)), headOf(second[0]));
+    freePiece(second[0], lines);
 }
 
-// It is the only one with room, and would have to be got again for the next piece.
-TEST_F(PiecesTest, KeepASlabThatIsEmptyWhileAllOthersAreFull)
+TEST_F(PiecesTest, AreTakenFromASlabThatIsInUseBeforeAnEmptyOne)
 {
     const std::vector<void*> first = take(piecesOf(8), 8);
     freePiece(newPiece(8), 8);
     EXPECT_EQ(slabs(), 2);
-    freePiece(newPiece(8), 8);
-    EXPECT_EQ(rmtest::callCount(Call::kAlignedAlloc), 2);
+    freePiece(first[3], 8);
+    EXPECT_EQ(newPiece(8), first[3]);
     giveBack(first, 8);
-    EXPECT_EQ(slabs(), 1);
+}
+
+// Those that came first go first, so that now the one slab is empty and now the other.
+TEST_F(PiecesTest, ComeAndGoInTurnAtTheBorderOfASlabWithoutThePlatform)
+{
+    const std::vector<void*> first = take(piecesOf(7) - 1, 7);
+    freePiece(newPiece(7), 7);
+    void* a = newPiece(7);
+    void* b = newPiece(7);
+    const int calls = rmtest::callCount(Call::kAlignedAlloc);
+    for (int round = 0; round < 100; ++round) {
+        freePiece(a, 7);
+        freePiece(b, 7);
+        a = newPiece(7);
+        b = newPiece(7);
+    }
+    EXPECT_EQ(rmtest::callCount(Call::kAlignedAlloc), calls);
+    freePiece(a, 7);
+    freePiece(b, 7);
+    giveBack(first, 7);
 }
 
 TEST_F(PiecesTest, GiveEverySlabBackWhenTheyAreTrimmed)
@@ -208,18 +243,6 @@ TEST_F(PiecesTest, GiveEverySlabBackWhenTheyAreTrimmed)
     trimPieces();
     EXPECT_EQ(slabs(), 0);
     trimPieces();
-}
-
-TEST_F(PiecesTest, LetAnEmptySlabGoThatStandsBehindAnotherWhenTheyAreTrimmed)
-{
-    const std::vector<void*> first = take(piecesOf(8), 8);
-    freePiece(newPiece(8), 8);  // its slab is the only one with room
-    freePiece(first[0], 8);     // and now it is the second
-    EXPECT_EQ(slabs(), 2);
-    trimPieces();
-    EXPECT_EQ(slabs(), 1);
-    EXPECT_EQ(newPiece(8), first[0]);
-    giveBack(first, 8);
 }
 
 TEST_F(PiecesTest, ThatAreOutSurviveATrim)
@@ -307,20 +330,6 @@ TEST_F(PiecesTest, AreCheckedInSlabsOfEverySizeAndCounted)
     }
 }
 
-// What a slab has at its beginning.
-struct Head {
-    Head* next;
-    Head* previous;
-    void* free;
-    uint32_t fresh;
-    uint32_t used;
-};
-
-Head* headOf(void* piece)
-{
-    return reinterpret_cast<Head*>(reinterpret_cast<uintptr_t>(piece) & ~uintptr_t{kSlab - 1});
-}
-
 TEST_F(PiecesTest, AreCheckedForSlabsThatDoNotLeadBack)
 {
     const std::vector<void*> pieces = take(piecesOf(8) + 1, 8);
@@ -349,6 +358,29 @@ TEST_F(PiecesTest, AreCheckedForAFullSlabAmongThoseWithRoom)
     *head = {nullptr, nullptr, nullptr, 2, 1};
     EXPECT_EQ(checkPieces(), 0U);
     freePiece(piece, 5);
+}
+
+TEST_F(PiecesTest, AreCheckedForAnEmptySlabAmongThoseWithRoom)
+{
+    void* piece = newPiece(5);
+    Head* head = headOf(piece);
+    *head = {nullptr, nullptr, nullptr, 1, 0};
+    EXPECT_EQ(checkPieces(), 1U);
+    *head = {nullptr, nullptr, nullptr, 2, 1};
+    freePiece(piece, 5);
+}
+
+TEST_F(PiecesTest, AreCheckedForAFreeOneThatWasNeverOut)
+{
+    const std::vector<void*> pieces = take(2, 5);
+    freePiece(pieces[1], 5);
+    Head* head = headOf(pieces[0]);
+    head->fresh = 2;  // the second one is free and fresh now
+    head->used = 1;
+    EXPECT_EQ(checkPieces(), 1U);
+    head->fresh = 3;
+    EXPECT_EQ(checkPieces(), 0U);
+    freePiece(pieces[0], 5);
 }
 
 // --- What these cases count on
