@@ -20,6 +20,13 @@ constexpr uint32_t kFirstSlots = 16;  // after the very first, which is in the m
 
 constexpr uint32_t kAhead = 8;  // maps that are on their way while one is written to
 
+// The segment of a map of the chain. Where all are small, no look at the map is needed: those of
+// neighbours in the chain are far from each other.
+Segment* segmentOf(const Chain* chain, const SegmentMap* map)
+{
+    return chain->large == 0 || isSmall(map->units) ? smallSegmentOf(map) : map->segment;
+}
+
 // A row of one slot is part of a map.
 void freeSlots(Chain* chain)
 {
@@ -92,28 +99,30 @@ void rmalloc::append(Chain* chain, TagRecord* record, SegmentMap* map)
         record->segments = map->segment;
     } else {
         chain->last->next = map;
-        chain->last->segment->next = map->segment;
+        segmentOf(chain, chain->last)->next = map->segment;
     }
     chain->last = map;
     chain->slots[map->slot] = map;
     ++chain->used;
     ++chain->segments;
+    chain->large += isSmall(map->units) ? 0 : 1;
 }
 
 void rmalloc::unlink(Chain* chain, TagRecord* record, SegmentMap* map)
 {
-    Segment* next = map->next == nullptr ? nullptr : map->next->segment;
+    Segment* next = map->next == nullptr ? nullptr : segmentOf(chain, map->next);
     if (map->previous == nullptr) {
         chain->first = map->next;
         record->segments = next;
     } else {
         map->previous->next = map->next;
-        map->previous->segment->next = next;
+        segmentOf(chain, map->previous)->next = next;
     }
     (map->next == nullptr ? chain->last : map->next->previous) = map->previous;
     chain->slots[map->slot] = nullptr;
     lowerBound(chain->bounds, map->slot, 0);
     --chain->segments;
+    chain->large -= isSmall(map->units) ? 0 : 1;
     if (map->slot + 1 == chain->used) {
         --chain->used;
     }
@@ -138,18 +147,17 @@ uint32_t rmalloc::checkPlace(const Chain* chain)
 {
     const Place& place = chain->place;
     if (place.units == 0) {
-        return place.header == nullptr ? 0 : 1;
+        return place.cut == 0 ? 0 : 1;
     }
     for (const SegmentMap* map = chain->first; map != nullptr; map = map->next) {
         Segment* segment = map->segment;
         for (uint32_t free = segment->anchor.word1; free != 0;) {
             const BlockHeader* block = blockAt(segment, free);
             if (map == place.map && free == place.offset) {
+                const BlockHeader* cut = &block[place.units];
                 const bool holds =
-                    block->units == place.units &&
-                    (place.header == nullptr ||
-                     (place.header == &block[place.units] && place.header->word1 == kLiveMagic &&
-                      place.header->units == place.cut));
+                    block == place.from && block->units == place.units &&
+                    (place.cut == 0 || (cut->word1 == kLiveMagic && cut->units == place.cut));
                 return holds ? 0 : 1;
             }
             if (block->units >= place.floor) {
@@ -180,6 +188,7 @@ uint32_t rmalloc::checkChain(const Chain* chain, const TagRecord* record)
 {
     uint32_t violations = 0;
     uint32_t segments = 0;
+    uint32_t large = 0;
     uint32_t slot = 0;
     const SegmentMap* previous = nullptr;
     const Segment* segment = record->segments;
@@ -195,9 +204,10 @@ uint32_t rmalloc::checkChain(const Chain* chain, const TagRecord* record)
         previous = map;
         segment = segment->next;
         ++segments;
+        large += isSmall(map->units) ? 0 : 1;
     }
     violations += segment == nullptr && previous == chain->last ? 0 : 1;
-    violations += segments == chain->segments ? 0 : 1;
+    violations += segments == chain->segments && large == chain->large ? 0 : 1;
     for (uint32_t i = 0; i < chain->bounds.length; ++i) {
         const bool empty = chain->slots[i] == nullptr;
         violations += empty && chain->bounds.row[i] != 0 ? 1 : 0;

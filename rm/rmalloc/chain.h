@@ -32,13 +32,13 @@ namespace rmalloc
 
 // The free block that blocks are being cut from: place.h.
 struct Place {
-    uint32_t floor;       // units: requests of at least so many do not fit before it
-    uint32_t offset;      // of the free block
-    SegmentMap* map;      // its segment
-    uint32_t units;       // of the free block as it is now; 0: no place is known
-    uint32_t link;        // in its header
-    uint32_t cut;         // units of the block that was cut last
-    BlockHeader* header;  // of that block, while it is live and the place is known; null
+    uint32_t floor;     // units: requests of at least so many do not fit before it
+    uint32_t offset;    // of the free block
+    SegmentMap* map;    // its segment
+    BlockHeader* from;  // its header
+    uint32_t units;     // of the free block as it is now; 0: no place is known
+    uint32_t link;      // in its header
+    uint32_t cut;  // units of the block behind it that was cut last, while that is live; 0: none
 };
 
 struct Chain {
@@ -48,6 +48,7 @@ struct Chain {
     MaxTree bounds;      // one for each slot
     uint32_t used;       // slots given out so far, those that have become empty included
     uint32_t segments;
+    uint32_t large;  // those of them that are not small
     Place place;
 };
 

@@ -13,10 +13,18 @@ constexpr uint32_t kNoPlaces = 2;
 constexpr uint32_t kFirstPlaces = 8;
 constexpr uint32_t kHashBits = 64;
 
+static_assert(kUnitsOfPage == kStrip,
+              "a word of 64 bits tells where small segments begin in a page");
+
+// The largest small segment, in the last unit of a page, ends with the next one.
+static_assert(isSmall(62) && !isSmall(63) &&
+              kSegmentHeader + 62 * kUnit <= (1U << kPageShift) + kUnit);
+
 Region noRegions[kNoPlaces];
 
-// The pages of the region that was emptied last, all null; or null.
+// Of the region that was emptied last, all zero; or null.
 SegmentMap** sparePages = nullptr;
+uint64_t* spareSmalls = nullptr;
 
 constexpr uint32_t shiftFor(uint32_t capacity)
 {
@@ -71,47 +79,57 @@ bool resize(uint32_t capacity)
     return true;
 }
 
-SegmentMap** newPages()
+// Makes sure that there is something for each page: what was kept, or what the platform gives.
+template <typename OfPage>
+bool provide(OfPage** row, OfPage** spare)
 {
-    SegmentMap** pages = sparePages;
-    sparePages = nullptr;
-    return pages != nullptr ? pages
-                            : static_cast<SegmentMap**>(std::calloc(kPagesOfRegion, sizeof(void*)));
+    if (*row == nullptr) {
+        *row = *spare != nullptr
+                   ? *spare
+                   : static_cast<OfPage*>(std::calloc(1, sizeof(OfPage[kPagesOfRegion])));
+        *spare = nullptr;
+    }
+    return *row != nullptr;
 }
 
-// Makes sure that the region is there, and that it stays until release() has been called as often.
-// It gets pages unless it is to lie in one segment as a whole.
-bool reserve(uintptr_t number, bool asWhole)
+template <typename OfPage>
+void keep(OfPage* row, OfPage** spare)
+{
+    if (row != nullptr) {
+        std::free(*spare);
+        *spare = row;
+    }
+}
+
+enum class Needs { kNothing, kPages, kSmalls };
+
+// Makes sure that the region is there with what is needed, and that it stays until release() has
+// been called as often. Null when there is no memory.
+Region* reserve(uintptr_t number, Needs needs)
 {
     // At least half of the places stay free, so that a search soon meets one.
     const bool none = pageTable.regions == noRegions;
     if ((none || (pageTable.count + 1) * 2 > pageTable.capacity) &&
         !resize(none ? kFirstPlaces : pageTable.capacity * 2)) {
-        return false;
+        return nullptr;
     }
-    Region* region = placeFor(pageTable, number);
-    if (region->used == 0) {
-        SegmentMap** pages = nullptr;
-        if (!asWhole) {
-            pages = newPages();
-            if (pages == nullptr) {
-                return false;
-            }
-        }
-        *region = {number, nullptr, pages, 0};
-        ++pageTable.count;
+    Region* place = placeFor(pageTable, number);
+    Region region = place->used != 0 ? *place : Region{number, nullptr, nullptr, nullptr, 0};
+    if ((needs == Needs::kPages && !provide(&region.pages, &sparePages)) ||
+        (needs == Needs::kSmalls && !provide(&region.smalls, &spareSmalls))) {
+        return nullptr;
     }
-    ++region->used;
-    return true;
+    pageTable.count += region.used == 0 ? 1 : 0;
+    ++region.used;
+    *place = region;
+    return place;
 }
 
 // Takes a region out; those behind it that it has displaced move up.
 void removeRegion(Region* region)
 {
-    if (region->pages != nullptr) {
-        std::free(sparePages);
-        sparePages = region->pages;
-    }
+    keep(region->pages, &sparePages);
+    keep(region->smalls, &spareSmalls);
     region->used = 0;
     --pageTable.count;
     const uint32_t mask = pageTable.capacity - 1;
@@ -127,9 +145,8 @@ void removeRegion(Region* region)
     }
 }
 
-void release(uintptr_t number)
+void release(Region* region)
 {
-    Region* region = placeFor(pageTable, number);
     if (--region->used == 0) {
         removeRegion(region);
     }
@@ -162,7 +179,7 @@ SegmentMap** pageOf(const Region* region, uintptr_t page)
     return &region->pages[page & (kPagesOfRegion - 1)];
 }
 
-// For a page in which other segments may be.
+// For a page in which another segment may be.
 void addToPage(Region* region, uintptr_t page, SegmentMap* map)
 {
     SegmentMap** where = pageOf(region, page);
@@ -234,16 +251,15 @@ void removeFromRegion(Region* region, SegmentMap* map)
         removeRegion(region);
     }
 }
-}  // namespace
 
-bool rmalloc::addToPageTable(SegmentMap* map)
+bool addLarge(SegmentMap* map)
 {
     const uintptr_t first = beginOf(map) >> kRegionShift;
     const uintptr_t last = lastByteOf(map) >> kRegionShift;
     for (uintptr_t number = first; number <= last; ++number) {
-        if (!reserve(number, isWhole(number, map))) {
+        if (reserve(number, isWhole(number, map) ? Needs::kNothing : Needs::kPages) == nullptr) {
             while (number > first) {
-                release(--number);
+                release(placeFor(pageTable, --number));
             }
             return false;
         }
@@ -254,7 +270,7 @@ bool rmalloc::addToPageTable(SegmentMap* map)
     return true;
 }
 
-void rmalloc::removeFromPageTable(SegmentMap* map)
+void removeLarge(SegmentMap* map)
 {
     const uintptr_t last = lastByteOf(map) >> kRegionShift;
     for (uintptr_t number = beginOf(map) >> kRegionShift; number <= last; ++number) {
@@ -262,10 +278,89 @@ void rmalloc::removeFromPageTable(SegmentMap* map)
     }
 }
 
+// The units of a page at which small segments begin.
+uint64_t* smallsOf(const Region* region, uintptr_t address)
+{
+    return &region->smalls[address >> kPageShift & (kPagesOfRegion - 1)];
+}
+
+constexpr uint32_t unitOf(uintptr_t address)
+{
+    return static_cast<uint32_t>(address / kUnit) % kUnitsOfPage;
+}
+
+// Of a map that may have been written over.
+uintptr_t beginOfSmall(const SegmentMap* map)
+{
+    return reinterpret_cast<uintptr_t>(smallSegmentOf(map));
+}
+
+bool addSmall(const SegmentMap* map)
+{
+    const uintptr_t begin = beginOfSmall(map);
+    const Region* region = reserve(begin >> kRegionShift, Needs::kSmalls);
+    if (region == nullptr) {
+        return false;
+    }
+    *smallsOf(region, begin) |= bitOf(unitOf(begin));
+    return true;
+}
+
+void removeSmall(const SegmentMap* map)
+{
+    const uintptr_t begin = beginOfSmall(map);
+    Region* region = placeFor(pageTable, begin >> kRegionShift);
+    *smallsOf(region, begin) &= ~bitOf(unitOf(begin));
+    release(region);
+}
+}  // namespace
+
+bool rmalloc::addToPageTable(SegmentMap* map)
+{
+    return isSmall(map->units) ? addSmall(map) : addLarge(map);
+}
+
+void rmalloc::removeFromPageTable(SegmentMap* map)
+{
+    if (isSmall(map->units)) {
+        removeSmall(map);
+    } else {
+        removeLarge(map);
+    }
+}
+
+SegmentMap* rmalloc::smallHolding(uintptr_t address)
+{
+    constexpr uintptr_t kPage = uintptr_t{1} << kPageShift;
+    uintptr_t page = address / kPage * kPage;
+    uint64_t begins = 0;
+    const Region* region = regionOf(pageTable, page >> kRegionShift);
+    if (region != nullptr && region->smalls != nullptr) {
+        begins = *smallsOf(region, page) & (~uint64_t{0} >> (kUnitsOfPage - 1 - unitOf(address)));
+    }
+    if (begins == 0) {
+        // It may have begun in the page before.
+        page -= kPage;
+        region = regionOf(pageTable, page >> kRegionShift);
+        begins = region != nullptr && region->smalls != nullptr ? *smallsOf(region, page) : 0;
+    }
+    if (begins == 0) {
+        return nullptr;
+    }
+    SegmentMap* map = mapOfSmall(page + uintptr_t{lastBit(begins)} * kUnit);
+    prefetchSmallMap(map);
+    const auto anchor = reinterpret_cast<uintptr_t>(&smallSegmentOf(map)->anchor);
+    const bool holds =
+        address > anchor && address - anchor <= uintptr_t{map->units} * kUnit && isIntact(map);
+    return holds ? map : nullptr;
+}
+
 void rmalloc::trimPageTable()
 {
     std::free(sparePages);
+    std::free(spareSmalls);
     sparePages = nullptr;
+    spareSmalls = nullptr;
     if (pageTable.count == 0 && pageTable.regions != noRegions) {
         std::free(pageTable.regions);
         pageTable = {noRegions, kNoPlaces, shiftFor(kNoPlaces), 0};
@@ -274,7 +369,7 @@ void rmalloc::trimPageTable()
 
 namespace
 {
-// The segments of one page, from the last one down.
+// The large segments of one page, from the last one down.
 uint32_t checkPage(uintptr_t page, const SegmentMap* map)
 {
     uint32_t violations = 0;
@@ -284,8 +379,20 @@ uint32_t checkPage(uintptr_t page, const SegmentMap* map)
             beginOf(map) >> kPageShift <= page && lastByteOf(map) >> kPageShift >= page;
         const SegmentMap* below = begins ? map->below : nullptr;
         const bool ordered = below == nullptr || lastByteOf(below) < beginOf(map);
-        violations += reaches && ordered ? 0 : 1;
+        violations += reaches && ordered && !isSmall(map->units) ? 0 : 1;
         map = ordered ? below : nullptr;
+    }
+    return violations;
+}
+
+// The small segments that begin in a page.
+uint32_t checkSmalls(uintptr_t page, uint64_t begins)
+{
+    uint32_t violations = 0;
+    for (; begins != 0; begins &= begins - 1) {
+        const uintptr_t begin = (page << kPageShift) + uintptr_t{firstBit(begins)} * kUnit;
+        const SegmentMap* map = mapOfSmall(begin);
+        violations += beginOf(map) == begin && isSmall(map->units) ? 0 : 1;
     }
     return violations;
 }
@@ -294,14 +401,21 @@ uint32_t checkRegion(const Region& region)
 {
     uint32_t violations = regionOf(pageTable, region.number) == &region ? 0 : 1;
     if (region.whole != nullptr) {
-        const bool holds =
-            region.pages == nullptr && region.used == 1 && isWhole(region.number, region.whole);
+        const bool holds = region.pages == nullptr && region.smalls == nullptr &&
+                           region.used == 1 && isWhole(region.number, region.whole);
         return violations + (holds ? 0 : 1);
     }
     uint32_t used = 0;
     for (uint32_t i = 0; i < kPagesOfRegion; ++i) {
-        used += region.pages[i] != nullptr ? 1 : 0;
-        violations += checkPage(region.number * kPagesOfRegion + i, region.pages[i]);
+        const uintptr_t page = region.number * kPagesOfRegion + i;
+        if (region.pages != nullptr) {
+            used += region.pages[i] != nullptr ? 1 : 0;
+            violations += checkPage(page, region.pages[i]);
+        }
+        if (region.smalls != nullptr) {
+            used += static_cast<uint32_t>(__builtin_popcountll(region.smalls[i]));
+            violations += checkSmalls(page, region.smalls[i]);
+        }
     }
     return violations + (used == region.used ? 0 : 1);
 }

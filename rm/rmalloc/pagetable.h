@@ -5,20 +5,27 @@
 // there is one segment or a million, and touches nothing at the address.
 //
 // The address space is cut into pages of 512 bytes, which have nothing to do with the machine's.
-// 512 of them are a region; a hash table leads from a region's number to its pages. A page knows
-// the segment that begins last of those that reach into it, and each segment knows the one below it
-// in the page in which it begins. Segments are at least 32 bytes, and most are larger than a page,
-// so the way down is short. A region that lies in one segment as a whole needs no pages.
+// 512 of them are a region, and a hash table leads from a region's number to what its pages know:
 //
-// The pages of the region that was emptied last are kept for the next one, and so is the hash
-// table: a segment that comes and goes at the border of a region, or alone, costs no more than any
-// other.
+//   large segments  are larger than a page. A page knows the one that begins last of those that
+//                   reach into it, and that one knows the other. A region that lies in one segment
+//                   as a whole needs no pages.
+//   small segments  have their maps before them, so it is enough to know where they begin: a page
+//                   has a bit for each of its units. Where one comes, goes or is looked up, no map
+//                   of another is read; in a large heap each would be a cache miss. A small segment
+//                   ends in the page behind the one in which it begins at the latest.
 //
-// Invariant: the segments of a page hang together in descending order of their addresses; a region
-// is there as long as a page of it has a segment. checkPageTable() tests it.
+// What was had for the pages of the region that was emptied last is kept for the next one, and so
+// is the hash table: a segment that comes and goes at the border of a region, or alone, costs no
+// more than any other.
 //
-// Cost: one pointer for 512 bytes of a segment; 4 KiB for a region that is used at all, and 8 to 16
-// words for its entry. The memory comes from the platform and is not counted in memused.
+// Invariant: the large segments of a page hang together in descending order of their addresses; a
+// region is there as long as a large one reaches into it or a small one begins in it.
+// checkPageTable() tests it.
+//
+// Cost: 8 bytes (for large segments, one pointer) for 512 bytes of a segment; 4 KiB for a region
+// that is used at all, 8 KiB for one with segments of both kinds, and 10 to 20 words for its entry.
+// The memory comes from the platform and is not counted in memused.
 #ifndef RM_RMALLOC_PAGETABLE_H
 #define RM_RMALLOC_PAGETABLE_H
 
@@ -33,12 +40,14 @@ namespace rmalloc
 constexpr unsigned kPageShift = 9;     // 512 bytes
 constexpr unsigned kRegionShift = 18;  // 512 pages
 constexpr uint32_t kPagesOfRegion = 1U << (kRegionShift - kPageShift);
+constexpr uint32_t kUnitsOfPage = (1U << kPageShift) / kUnit;
 
 struct Region {
     uintptr_t number;    // address >> kRegionShift
     SegmentMap* whole;   // the segment that the region lies in as a whole; null
-    SegmentMap** pages;  // kPagesOfRegion of them; null when there is such a segment
-    uint32_t used;       // pages with a segment, or the one segment, and reservations; 0: not there
+    SegmentMap** pages;  // kPagesOfRegion of them; null until there is another large one
+    uint64_t* smalls;    // as many; bit u: a small one begins at unit u; null until there is one
+    uint32_t used;  // pages with a large one, or the one; small ones; reservations; 0: not there
 };
 
 struct PageTable {
@@ -81,27 +90,32 @@ inline const Region* regionOf(const PageTable& table, uintptr_t number)
     return nullptr;
 }
 
+// The small segment in whose data area the address lies; null, also when its map is not intact.
+SegmentMap* smallHolding(uintptr_t address);
+
 // The segment in whose data area the header lies; null. Reads nothing at `header`.
 inline SegmentMap* mapHolding(const BlockHeader* header)
 {
     const auto address = reinterpret_cast<uintptr_t>(header);
     const Region* region = regionOf(pageTable, address >> kRegionShift);
-    if (region == nullptr) {
-        return nullptr;
+    SegmentMap* map = nullptr;
+    if (region != nullptr) {
+        map = region->whole;
+        if (region->pages != nullptr) {
+            map = region->pages[address >> kPageShift & (kPagesOfRegion - 1)];
+            prefetchMap(map);
+        }
     }
-    SegmentMap* map = region->whole;
-    if (map == nullptr) {
-        map = region->pages[address >> kPageShift & (kPagesOfRegion - 1)];
-        prefetchMap(map);
-    }
-    while (map != nullptr) {
+    for (; map != nullptr; map = map->below) {
         const auto anchor = reinterpret_cast<uintptr_t>(&map->segment->anchor);
         if (address > anchor) {
-            return address - anchor <= uintptr_t{map->units} * kUnit ? map : nullptr;
+            if (address - anchor <= uintptr_t{map->units} * kUnit) {
+                return map;
+            }
+            break;
         }
-        map = map->below;
     }
-    return nullptr;
+    return smallHolding(address);
 }
 
 }  // namespace rmalloc

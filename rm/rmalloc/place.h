@@ -10,8 +10,8 @@
 // that was cut last makes it what it was before.
 //
 // Invariant: while a place is known, its free block is as it says, no free block before it in the
-// chain has `floor` units or more, and `header` is the block behind it, or null. checkPlace() tests
-// it.
+// chain has `floor` units or more, and behind it is a live block of `cut` units, if that is not 0.
+// checkPlace() tests it.
 #ifndef RM_RMALLOC_PLACE_H
 #define RM_RMALLOC_PLACE_H
 
@@ -26,7 +26,7 @@ namespace rmalloc
 inline void forgetPlace(Chain* chain)
 {
     chain->place.units = 0;
-    chain->place.header = nullptr;
+    chain->place.cut = 0;
 }
 
 inline bool isPlace(const Chain* chain, const FreeBlock& free)
@@ -37,13 +37,12 @@ inline bool isPlace(const Chain* chain, const FreeBlock& free)
 
 // Remembers where a block was cut after a search. A request that is smaller than the floor may have
 // found a free block before the place; the place stays what it is then.
-inline void notePlace(Chain* chain, const FreeBlock& free, uint32_t need, BlockHeader* header)
+inline void notePlace(Chain* chain, const FreeBlock& free, uint32_t need, BlockHeader* from)
 {
     Place& place = chain->place;
     if (place.units == 0 || need >= place.floor || isPlace(chain, free)) {
-        const uint32_t link = blockAt(free.map->segment, free.offset)->word1;
-        place = {need, free.offset, free.map, free.units - need, link, need, header};
-        if (!isLink(free.map, free.offset, link)) {
+        place = {need, free.offset, free.map, from, free.units - need, from->word1, need};
+        if (!isLink(free.map, free.offset, from->word1)) {
             forgetPlace(chain);  // written over; what is given back there has to be looked at
         }
     }
@@ -59,7 +58,7 @@ inline void* cutAtPlace(Tag tag, uint32_t need)
         return nullptr;
     }
     SegmentMap* map = place.map;
-    BlockHeader* from = blockAt(map->segment, place.offset);
+    BlockHeader* from = place.from;
     if (from->units != place.units || from->word1 != place.link) {
         return nullptr;
     }
@@ -68,19 +67,21 @@ inline void* cutAtPlace(Tag tag, uint32_t need)
     shrinkFree(map, place.offset, rest);
     BlockHeader* header = &from[rest];
     *header = {kLiveMagic, need};
-    map->segment->blocks = ++map->blocks;
+    segmentAt(from, place.offset)->blocks = ++map->blocks;
     tagTable[tag].allocated += need * kUnit;
     place.units = rest;
     place.cut = need;
-    place.header = header;
     return header + 1;
 }
 
 // True for the block that was cut last at the place, which is still known.
 inline bool isLastCut(Tag tag, const BlockHeader* header)
 {
-    return static_cast<uint16_t>(tag) < static_cast<uint16_t>(nTags) &&
-           chains[tag].place.header == header && header != nullptr;
+    if (static_cast<uint16_t>(tag) >= static_cast<uint16_t>(nTags)) {
+        return false;
+    }
+    const Place& place = chains[tag].place;
+    return place.from + place.units == header && place.cut != 0;
 }
 
 // Puts the block that was cut last back to where it was cut from. False, with nothing changed, when
@@ -90,23 +91,22 @@ inline bool isLastCut(Tag tag, const BlockHeader* header)
     Chain* chain = &chains[tag];
     Place& place = chain->place;
     SegmentMap* map = place.map;
-    Segment* segment = map->segment;
-    BlockHeader* header = place.header;
-    BlockHeader* from = blockAt(segment, place.offset);
+    BlockHeader* from = place.from;
+    BlockHeader* header = from + place.units;
     const bool sound = header->word1 == kLiveMagic && header->units == place.cut &&
                        from->units == place.units && from->word1 == place.link;
     if (!sound || map->blocks == 1) {
         return false;
     }
     place.units += place.cut;
-    place.header = nullptr;
     header->word1 = place.link;
     from->units = place.units;
     clearEnd(map, place.offset + from->units - place.cut - 1);
     growFree(map, place.offset, place.units);
     noteFree(chain, map, place.units);
-    segment->blocks = --map->blocks;
+    segmentAt(from, place.offset)->blocks = --map->blocks;
     tagTable[tag].allocated -= place.cut * kUnit;
+    place.cut = 0;
     return true;
 }
 

@@ -20,6 +20,7 @@
 #include "rm/base.h"
 
 #include <csetjmp>
+#include <cstddef>
 #include <cstdint>
 
 namespace rmalloc
@@ -44,7 +45,7 @@ struct BlockHeader {
     uint32_t units;  // size of the block in units, this header included
 };
 
-// The head of every piece of memory that a tag gets from the platform; the data area follows.
+// The head of every segment that a tag gets from the platform; the data area follows.
 // The anchor has the shape of a free block of 0 units: merging with it never happens, and linking
 // after it is the same step as linking after a real free block. On a 32-bit machine its alignment
 // leaves an unused word before it, so the header is 24 bytes everywhere.
@@ -119,6 +120,13 @@ constexpr uint32_t unitsFor(uint32_t size)
 inline BlockHeader* blockAt(Segment* segment, uint32_t offset)
 {
     return &segment->anchor + offset;
+}
+
+// The segment that has the block at `offset`.
+inline Segment* segmentAt(BlockHeader* block, uint32_t offset)
+{
+    const auto anchor = reinterpret_cast<uintptr_t>(block) - uintptr_t{offset} * kUnit;
+    return reinterpret_cast<Segment*>(anchor - offsetof(Segment, anchor));
 }
 
 inline uint32_t offsetOf(const Segment* segment, const BlockHeader* block)

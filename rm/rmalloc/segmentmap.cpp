@@ -11,29 +11,16 @@ using namespace rmalloc;
 
 namespace
 {
-// Strips that are in use: the anchor has a bit, and so has the unit behind the segment, which is
-// asked for a free block that begins there.
-constexpr uint32_t usedStrips(uint32_t units)
+uint32_t linesOf(std::size_t bytes)
 {
-    return (units + 1) / kStrip + 1;
-}
-
-// Those, and one that endsFrom() may read.
-constexpr uint32_t allStrips(uint32_t units)
-{
-    return usedStrips(units) + 1;
-}
-
-bool isSmall(uint32_t units)
-{
-    return usedStrips(units) == 1;
+    return static_cast<uint32_t>((bytes + kLine - 1) / kLine);
 }
 
 // Bytes of a map before its bounds. A node of them is one line when the map begins with one.
 std::size_t bytesBeforeBounds(uint32_t units)
 {
     const std::size_t bytes = sizeof(SegmentMap) + allStrips(units) * sizeof(Strip);
-    return isSmall(units) ? bytes : (bytes + kLine - 1) / kLine * kLine;
+    return isSmall(units) ? bytes : linesOf(bytes) * kLine;
 }
 
 std::size_t bytesOfMap(uint32_t units)
@@ -41,41 +28,56 @@ std::size_t bytesOfMap(uint32_t units)
     return bytesBeforeBounds(units) + bytesOfMaxTree(usedStrips(units));
 }
 
-// Maps of one strip are all alike, and where every block is a segment of its own they come and go
-// with each: one is kept. They stand next to their segments, which are looked at with them.
-SegmentMap* spareMap = nullptr;
-
-uint32_t linesOf(std::size_t bytes)
-{
-    return static_cast<uint32_t>((bytes + kLine - 1) / kLine);
-}
-
-// Maps of segments of the usual sizes are. A large one is zeroed by the platform: what it needs is
+// Maps of segments of the usual sizes are. A larger one is zeroed by the platform: what it needs is
 // then not touched before it is used.
 bool isPiece(uint32_t units)
 {
-    return !isSmall(units) && bytesOfMap(units) <= kLargestPiece * kLine;
+    return bytesOfMap(units) <= kLargestPiece * kLine;
 }
 
-SegmentMap* newMemory(uint32_t units)
+// For the map of a segment that is not small.
+void* newMemory(uint32_t units)
 {
     const std::size_t bytes = bytesOfMap(units);
-    void* memory = nullptr;
-    if (isPiece(units)) {
-        memory = newPiece(linesOf(bytes));
-    } else if (isSmall(units) && spareMap != nullptr) {
-        memory = std::memset(static_cast<void*>(spareMap), 0, bytes);
-        spareMap = nullptr;
+    return isPiece(units) ? newPiece(linesOf(bytes)) : std::calloc(1, bytes);
+}
+
+void freeMemory(SegmentMap* map)
+{
+    if (isPiece(map->units)) {
+        freePiece(map, linesOf(bytesOfMap(map->units)));
     } else {
-        memory = std::calloc(1, bytes);
+        std::free(map);
     }
-    return static_cast<SegmentMap*>(memory);
+}
+
+SegmentMap* newSmallSegment(uint32_t bytes)
+{
+    void* memory = rm_getSeg(static_cast<uint32_t>(kBeforeSmall) + bytes);
+    if (memory == nullptr) {
+        return nullptr;
+    }
+    auto* map = static_cast<SegmentMap*>(std::memset(memory, 0, kBeforeSmall));
+    map->segment = smallSegmentOf(map);
+    return map;
+}
+
+SegmentMap* newLargeSegment(uint32_t bytes, uint32_t units)
+{
+    auto* segment = static_cast<Segment*>(rm_getSeg(bytes));
+    auto* map = segment == nullptr ? nullptr : static_cast<SegmentMap*>(newMemory(units));
+    if (map == nullptr) {
+        rm_freeSeg(segment);
+        return nullptr;
+    }
+    map->segment = segment;
+    return map;
 }
 }  // namespace
 
-SegmentMap* rmalloc::newSegmentMap(uint32_t units)
+SegmentMap* rmalloc::newSegment(uint32_t bytes, uint32_t units)
 {
-    SegmentMap* map = newMemory(units);
+    SegmentMap* map = isSmall(units) ? newSmallSegment(bytes) : newLargeSegment(bytes, units);
     if (map != nullptr) {
         char* bounds = reinterpret_cast<char*>(map) + bytesBeforeBounds(units);
         map->bounds = makeMaxTree(bounds, usedStrips(units));
@@ -84,24 +86,17 @@ SegmentMap* rmalloc::newSegmentMap(uint32_t units)
     return map;
 }
 
-void rmalloc::freeSegmentMap(SegmentMap* map)
+void rmalloc::freeSegment(SegmentMap* map)
 {
     if (map == nullptr) {
         return;
     }
-    if (isPiece(map->units)) {
-        freePiece(map, linesOf(bytesOfMap(map->units)));
-    } else if (isSmall(map->units) && spareMap == nullptr) {
-        spareMap = map;
+    if (isSmall(map->units)) {
+        rm_freeSeg(map);
     } else {
-        std::free(map);
+        rm_freeSeg(map->segment);
+        freeMemory(map);
     }
-}
-
-void rmalloc::trimSegmentMaps()
-{
-    std::free(spareMap);
-    spareMap = nullptr;
 }
 
 void rmalloc::drawEmpty(SegmentMap* map)

@@ -2,9 +2,9 @@
 //
 // Why: the headers inside a segment say everything, but one has to walk through them to learn it,
 // with a cache miss at every step. The map says the same in two bits for each unit, so that the
-// blocks around a place, and their sizes, are found in one or two words of 64 units. It also stands
-// where no overrun of the host's reaches it: what the allocator decides, it decides by the map, and
-// a header that does not agree with it has been written over.
+// blocks around a place, and their sizes, are found in one or two words of 64 units. And it stands
+// outside of the segment, where the host's overruns come last: what the allocator decides, it
+// decides by the map, and a header that does not agree with it has been written over.
 //
 //   starts   bit u: a free block starts at unit u
 //   ends     bit u: a block, free or live, ends with unit u; the anchor at 0 does
@@ -14,6 +14,10 @@
 // at most 64 units shows its end in the 64 bits from its start on. There is at most one larger free
 // block that starts in a strip, and it is the largest, so the strip's bound is its size exactly.
 //
+// A segment whose bits fit into one strip is small. Where every block is a segment of its own all
+// of them are, and there are as many as there are blocks: the map of a small one stands right
+// before it, in the same memory, so that each leads to the other without a look at it.
+//
 // A block of more than 64 units is believed to be live only when none of the words between its ends
 // has a bit set: one word for 512 bytes of it.
 //
@@ -22,14 +26,16 @@
 // tests the map against the headers.
 //
 // Cost: 2 bits for a unit and 4 bytes for a strip, that is 1 byte for 25 bytes of the segment; what
-// SegmentMap itself takes; and up to two lines for rounding. The memory comes from the platform and
-// is not counted in memused.
+// SegmentMap itself takes; and up to two lines for rounding. Before a small segment, 128 bytes, 96
+// where pointers are half as large. The memory comes from the platform and is not counted in
+// memused.
 #ifndef RM_RMALLOC_SEGMENTMAP_H
 #define RM_RMALLOC_SEGMENTMAP_H
 
 #include "rm/rmalloc/maxtree.h"
 #include "rm/rmalloc/rmalloc.h"
 
+#include <cstddef>
 #include <cstdint>
 
 namespace rmalloc
@@ -42,12 +48,13 @@ struct Strip {
     uint64_t ends;
 };
 
-// The strips stand behind it, in the same memory, and then the bounds.
+// The strips stand behind it, in the same memory, and then the bounds; behind those of a small
+// segment, the segment.
 struct alignas(Strip) SegmentMap {
     Segment* segment;
     SegmentMap* next;      // in the chain of the tag
     SegmentMap* previous;  // in the chain of the tag
-    SegmentMap* below;     // for the page table: the segment at lower addresses in the same page
+    SegmentMap* below;     // for the page table: the large one at lower addresses in the same page
     MaxTree bounds;
     uint32_t units;    // of the segment's data area
     uint32_t blocks;   // live ones; the segment says the same to whoever reads it
@@ -56,6 +63,48 @@ struct alignas(Strip) SegmentMap {
     SegmentMap* self;  // and its row of slots
     Tag tag;
 };
+
+// Strips that a segment uses: the anchor has a bit, and so has the unit behind the segment, which
+// is asked for a free block that begins there.
+constexpr uint32_t usedStrips(uint32_t units)
+{
+    return (units + 1) / kStrip + 1;
+}
+
+// Those, and one that endsFrom() may read.
+constexpr uint32_t allStrips(uint32_t units)
+{
+    return usedStrips(units) + 1;
+}
+
+constexpr bool isSmall(uint32_t units)
+{
+    return usedStrips(units) == 1;
+}
+
+// What a small segment has before it. It begins where memory from the platform could.
+constexpr std::size_t kBeforeSmall = (sizeof(SegmentMap) + allStrips(1) * sizeof(Strip) +
+                                      sizeof(Bound) + (alignof(std::max_align_t) - 1)) /
+                                     alignof(std::max_align_t) * alignof(std::max_align_t);
+
+static_assert(kBeforeSmall % alignof(Segment) == 0);
+
+inline Segment* smallSegmentOf(const SegmentMap* map)
+{
+    return reinterpret_cast<Segment*>(reinterpret_cast<uintptr_t>(map) + kBeforeSmall);
+}
+
+inline SegmentMap* mapOfSmall(uintptr_t segment)
+{
+    return reinterpret_cast<SegmentMap*>(segment - kBeforeSmall);
+}
+
+// False when an overrun from the memory in front has reached the map of a small segment: it meets
+// the first word first.
+inline bool isIntact(const SegmentMap* map)
+{
+    return !isSmall(map->units) || map->segment == smallSegmentOf(map);
+}
 
 // What lies around a block, as the plain walk along the free chain would find it.
 struct Neighbours {
@@ -70,12 +119,12 @@ struct FreeBlock {
     uint32_t units;
 };
 
-// A map of a segment of so many units that does not exist yet; null when there is no memory.
-SegmentMap* newSegmentMap(uint32_t units);
-void freeSegmentMap(SegmentMap* map);
+// The map of a new segment of `bytes`, with so many units; null when there is no memory. Nothing is
+// drawn in it, and nothing written to the segment.
+SegmentMap* newSegment(uint32_t bytes, uint32_t units);
 
-// Gives back a map that was kept for the next small segment.
-void trimSegmentMaps();
+// Gives both back to the platform.
+void freeSegment(SegmentMap* map);
 
 // Draws the segment as one free block.
 void drawEmpty(SegmentMap* map);
@@ -96,6 +145,14 @@ inline void prefetchMap(const SegmentMap* map)
     __builtin_prefetch(reinterpret_cast<const void*>(address + 256), 1);
     __builtin_prefetch(reinterpret_cast<const void*>(address + 320), 1);
     __builtin_prefetch(reinterpret_cast<const void*>(address + 384), 1);
+}
+
+// The same for that of a small segment.
+inline void prefetchSmallMap(const SegmentMap* map)
+{
+    const auto address = reinterpret_cast<uintptr_t>(map);
+    __builtin_prefetch(reinterpret_cast<const void*>(address), 1);
+    __builtin_prefetch(reinterpret_cast<const void*>(address + 64), 1);
 }
 
 // --- Reading

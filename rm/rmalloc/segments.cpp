@@ -67,6 +67,9 @@ inline bool agrees(const SegmentMap* map, uint32_t offset, uint32_t units)
 // A free block that a request can be cut from.
 inline bool isUsable(const FreeBlock& free, uint32_t need)
 {
+    if (!isIntact(free.map)) {
+        return false;
+    }
     const BlockHeader* header = blockAt(free.map->segment, free.offset);
     if (header->units != free.units) {
         return false;
@@ -103,8 +106,8 @@ void* allocSegBlock(uint32_t need, const FreeBlock& free, Tag tag)
         }
     } else {
         block->units = rest;
-        block = &block[rest];
         notePlace(chain, free, need, block);
+        block = &block[rest];
     }
     const Bound known = chain->bounds.row[map->slot];
     const Bound largest = cutFree(map, free, need, known);
@@ -127,20 +130,16 @@ SegmentMap* allocSeg(Tag tag, uint32_t need)
         bytes = record->segmentSize;
         units = (record->segmentSize - kSegmentHeader) / kUnit;
     }
-    Segment* segment = nullptr;
+    SegmentMap* map = nullptr;
     if (bytes <= std::numeric_limits<uint32_t>::max()) {
-        segment = static_cast<Segment*>(rm_getSeg(static_cast<uint32_t>(bytes)));
-    }
-    SegmentMap* map = segment == nullptr ? nullptr : newSegmentMap(units);
-    if (map != nullptr) {
-        map->segment = segment;
-        map->tag = tag;
+        map = newSegment(static_cast<uint32_t>(bytes), units);
     }
     if (map == nullptr || !reserveSlot(&chains[tag]) || !addToPageTable(map)) {
-        freeSegmentMap(map);
-        rm_freeSeg(segment);
+        freeSegment(map);
         rmsrv::outOfMemory();
     }
+    map->tag = tag;
+    Segment* segment = map->segment;
     segment->next = nullptr;
     segment->units = units;
     segment->blocks = 0;
@@ -289,8 +288,7 @@ void rmalloc::returnSegment(SegmentMap* map)
     memused -= map->units * kUnit + kSegmentHeader;
     ++segmentsReturned;
     removeFromPageTable(map);
-    rm_freeSeg(map->segment);
-    freeSegmentMap(map);
+    freeSegment(map);
 }
 
 void* rmalloc::resizeInPlace(Tag tag, const LiveBlock& block, uint32_t need, uint32_t keepBytes,

@@ -163,13 +163,13 @@ void setJump(TagRecord* record, jmp_buf env)
 void freeSegments(Tag tag)
 {
     TagRecord* record = &tagTable[tag];
-    SegmentMap* map = chains[tag].first;
-    emptyChain(&chains[tag]);
-    while (map != nullptr) {
-        SegmentMap* next = map->next;
-        returnSegment(map);
-        map = next;
+    Chain* chain = &chains[tag];
+    for (uint32_t slot = 0; slot < chain->used; ++slot) {
+        if (chain->slots[slot] != nullptr) {
+            returnSegment(chain->slots[slot]);
+        }
     }
+    emptyChain(chain);
     record->segments = nullptr;
     record->allocated = 0;
     record->name = nullptr;
@@ -300,7 +300,6 @@ void rm_freeall()
     rm_freeSeg(tagTable);
     freeChains(chains);
     trimPageTable();
-    trimSegmentMaps();
     trimPieces();
     tagTabSize = 0;
     tagTable = nullptr;

@@ -21,7 +21,9 @@
 
 namespace
 {
+using rmalloc::kPagesOfRegion;
 using rmalloc::pageTable;
+using rmalloc::SegmentMap;
 using rmtest::bytesFor;
 using rmtest::Call;
 using rmtest::CallRecord;
@@ -152,7 +154,7 @@ TEST_F(NoBookkeeping, ForTheFirstRegionLeavesTheTableOfRegionsEmpty)
     const std::string before = wholeHeap();
     for (int i = 0; i < 3; ++i) {
         ScopedFault fault({.call = Call::kCalloc, .error = ENOMEM, .when = [](const CallRecord& c) {
-                               return c.args[0] == rmalloc::kPagesOfRegion;
+                               return c.args[1] == sizeof(SegmentMap* [kPagesOfRegion]);
                            }});
         EXPECT_EQ(fatalLines([&] { rm_getMemory(100, tag); }), outOfMemory());
         EXPECT_EQ(fault.hits(), 1);

@@ -45,9 +45,8 @@ class ChainTest : public rmtest::HeapTest
     // A segment that is in no chain yet.
     static SegmentMap* makeSegment(uint32_t units)
     {
-        auto* segment = static_cast<Segment*>(rm_getSeg(rmalloc::kSegmentHeader + units * 8));
-        SegmentMap* map = rmalloc::newSegmentMap(units);
-        map->segment = segment;
+        SegmentMap* map = rmalloc::newSegment(rmalloc::kSegmentHeader + units * 8, units);
+        Segment* segment = map->segment;
         segment->next = nullptr;
         segment->units = units;
         segment->blocks = 0;
@@ -78,8 +77,7 @@ class ChainTest : public rmtest::HeapTest
     {
         SegmentMap* map = order_[n];
         rmalloc::unlink(&chain_, &record_, map);
-        rm_freeSeg(map->segment);
-        rmalloc::freeSegmentMap(map);
+        rmalloc::freeSegment(map);
         order_.erase(order_.begin() + static_cast<std::ptrdiff_t>(n));
     }
 
@@ -255,8 +253,7 @@ TEST_F(ChainOrder, IsForgottenAsAWhole)
     EXPECT_EQ(chain_.segments, 0U);
     EXPECT_EQ(chain_.place.units, 0U);
     for (SegmentMap* map : order_) {
-        rm_freeSeg(map->segment);
-        rmalloc::freeSegmentMap(map);
+        rmalloc::freeSegment(map);
     }
     order_.clear();
     record_.segments = nullptr;
@@ -658,8 +655,7 @@ TEST_F(CheckChain, SeesASegmentBehindTheLastOne)
     order_[1]->segment->next = other->segment;
     EXPECT_NE(checkChain(&chain_, &record_), 0U);
     order_[1]->segment->next = nullptr;
-    rm_freeSeg(other->segment);
-    rmalloc::freeSegmentMap(other);
+    rmalloc::freeSegment(other);
 }
 
 TEST_F(CheckChain, SeesAnotherLastOne)
@@ -668,6 +664,19 @@ TEST_F(CheckChain, SeesAnotherLastOne)
     chain_.last = order_[0];
     EXPECT_EQ(checkChain(&chain_, &record_), 1U);
     chain_.last = order_[1];
+}
+
+TEST_F(CheckChain, SeesAWrongCountOfLargeSegments)
+{
+    addMany(2);
+    add(200);
+    ASSERT_EQ(chain_.large, 1U);
+    for (const uint32_t count : {0U, 2U}) {
+        chain_.large = count;
+        EXPECT_NE(checkChain(&chain_, &record_), 0U) << count;
+    }
+    chain_.large = 1;
+    EXPECT_EQ(checkChain(&chain_, &record_), 0U);
 }
 
 TEST_F(CheckChain, SeesAWrongCount)

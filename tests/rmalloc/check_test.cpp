@@ -256,11 +256,11 @@ TEST_F(CheckMemory, SaysNothingMoreOfATagWhoseChainIsWrong)
     const Drawn drawn = draw("5 [1] | [2]");
     rmalloc::Chain& chain = rmalloc::chains[drawn.tag];
     chain.segments = 1;
-    chain.place.header = headerBefore(drawn.live[0]);
+    chain.place.cut = 2;
     chain.first->tag = 0;
     EXPECT_EQ(check(), Lines{found(drawn.tag, nullptr, kWrongChain)});
     chain.segments = 2;
-    chain.place.header = nullptr;
+    chain.place.cut = 0;
     chain.first->tag = drawn.tag;
 }
 

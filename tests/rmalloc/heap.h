@@ -296,7 +296,8 @@ inline bool traceIsWhole()
 }
 
 // What the library has got from the platform since the case began and not given back, by the trace:
-// segments from malloc, what is kept beside them from calloc and aligned_alloc.
+// segments from malloc, with the maps of small ones; what is kept beside from calloc and
+// aligned_alloc.
 inline std::vector<int64_t> outstanding()
 {
     std::vector<int64_t> held;

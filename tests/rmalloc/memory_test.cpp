@@ -3,6 +3,7 @@
 #include "tests/rmalloc/heap.h"
 
 #include "rm.h"
+#include "rm/rmalloc/chain.h"
 #include "rm/rmalloc/rmalloc.h"
 #include "rm/rmsrv/rmsrv.h"
 
@@ -1152,7 +1153,7 @@ TEST_F(GrowMemory, GivesTheSegmentOfItsLastBlockBackFirst)
 {
     const Drawn drawn = draw("[6]");
     rm_setTagAlloc(0, drawn.tag);
-    const auto old = reinterpret_cast<intptr_t>(tagTable[drawn.tag].segments);
+    const auto old = reinterpret_cast<intptr_t>(rmalloc::chains[drawn.tag].first);  // small
     rm_growMemory(drawn.live[0], bytesFor(9), drawn.tag);
     EXPECT_EQ(layout(drawn.tag), "[9]");
     const auto calls = rmtest::callTrace({Call::kMalloc, Call::kFree});

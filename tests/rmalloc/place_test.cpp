@@ -75,7 +75,7 @@ std::string placeText(Tag tag)
 {
     const Place& place = placeOf(tag);
     if (place.units == 0) {
-        return place.header == nullptr ? "none" : "none, and yet a block";
+        return place.cut == 0 ? "none" : "none, and yet a block";
     }
     const std::vector<rmalloc::Segment*> segments = segmentsOf(tag);
     std::size_t n = 0;
@@ -84,8 +84,8 @@ std::string placeText(Tag tag)
     }
     std::string text = "floor " + std::to_string(place.floor) + ": " + std::to_string(place.units) +
                        " at " + std::to_string(place.offset) + " of segment " + std::to_string(n);
-    if (place.header != nullptr) {
-        text += ", last cut " + std::to_string(place.header->units);
+    if (place.cut != 0) {
+        text += ", last cut " + std::to_string(place.cut);
     }
     return text;
 }
@@ -703,7 +703,7 @@ TEST_F(CheckPlace, SeesASegmentOfAnotherTag)
 TEST_F(CheckPlace, SeesThatTheLastBlockIsNotBehindTheFreeOne)
 {
     const Cut cut = cutThree();
-    expectSeen(cut.tag, &Place::header, headerBefore(cut.drawn.live[0]));
+    expectSeen(cut.tag, &Place::from, placeOf(cut.tag).from - 1);
 }
 
 TEST_F(CheckPlace, SeesThatTheLastBlockIsNotLive)

@@ -54,6 +54,12 @@ inline uint32_t unitsOf(const Pieces& pieces)
     return pieces.back().offset + pieces.back().units - 1;
 }
 
+// The map of a new segment with room for so many units and no more.
+inline rmalloc::SegmentMap* newMap(uint32_t units)
+{
+    return rmalloc::newSegment(rmalloc::kSegmentHeader + units * rmalloc::kUnit, units);
+}
+
 // A segment with its blocks, and a map of it.
 class Made
 {
@@ -63,12 +69,11 @@ class Made
 
     explicit Made(std::string_view drawing) : Made(piecesOf(drawing), true) {}
 
-    Made(Pieces blocks, bool isDrawn)
-        : pieces(std::move(blocks)),
-          memory_(kSegmentUnits + unitsOf(pieces), kOldHeader),
-          map(rmalloc::newSegmentMap(unitsOf(pieces)))
+    Made(Pieces blocks, bool isDrawn) : pieces(std::move(blocks)), map(newMap(unitsOf(pieces)))
     {
-        map->segment = new (memory_.data()) rmalloc::Segment{};
+        std::fill_n(reinterpret_cast<rmalloc::BlockHeader*>(map->segment),
+                    kSegmentUnits + unitsOf(pieces), kOldHeader);
+        new (map->segment) rmalloc::Segment{};
         map->segment->units = unitsOf(pieces);
         writeHeaders();
         if (isDrawn) {
@@ -76,7 +81,7 @@ class Made
         }
     }
 
-    ~Made() { rmalloc::freeSegmentMap(map); }
+    ~Made() { rmalloc::freeSegment(map); }
 
     Made(const Made&) = delete;
     Made& operator=(const Made&) = delete;
@@ -144,8 +149,6 @@ class Made
     Pieces pieces;
 
   private:
-    std::vector<rmalloc::BlockHeader> memory_;
-
   public:
     rmalloc::SegmentMap* map;
 };

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -21,6 +22,7 @@ using rmtest::Call;
 using rmtest::kSegmentSizes;
 using rmtest::kSizes;
 using rmtest::Made;
+using rmtest::newMap;
 using rmtest::Piece;
 using rmtest::Pieces;
 using rmtest::same;
@@ -37,20 +39,72 @@ class MapSearch : public rmtest::RmTest
 
 // --- A new map
 
-TEST_F(MapOfSegment, IsGotAtOnce)
+TEST_F(MapOfSegment, IsGotBesideTheSegment)
 {
     rmtest::resetCalls();
     const Made made(10'000);
     EXPECT_EQ(rmtest::callCount(Call::kCalloc), 1);
-    EXPECT_EQ(rmtest::callCount(Call::kMalloc), 0);
+    const auto calls = rmtest::callTrace({Call::kMalloc});
+    ASSERT_EQ(calls.size(), 1U);
+    EXPECT_EQ(calls[0].args[0], 24 + 10'000 * 8);
+    EXPECT_EQ(calls[0].result, reinterpret_cast<intptr_t>(made.map->segment));
 }
 
-TEST_F(MapOfSegment, GoesBackAtOnce)
+TEST_F(MapOfSegment, GoesBackWithTheSegment)
 {
-    SegmentMap* map = rmalloc::newSegmentMap(10'000);
+    SegmentMap* map = newMap(10'000);
     rmtest::resetCalls();
-    rmalloc::freeSegmentMap(map);
-    EXPECT_EQ(rmtest::callCount(Call::kFree), 1);
+    rmalloc::freeSegment(map);
+    EXPECT_EQ(rmtest::callCount(Call::kFree), 2);
+}
+
+TEST_F(MapOfSegment, GoesBackWhenThereIsNone)
+{
+    rmalloc::freeSegment(nullptr);
+    EXPECT_EQ(rmalloc::checkPieces(), 0U);
+}
+
+// The bits of 62 units, with that of the anchor and that behind them, are one strip.
+TEST_F(MapOfSegment, OfASmallSegmentStandsBeforeItInTheSameMemory)
+{
+    for (const uint32_t units : {1U, 2U, 61U, 62U}) {
+        ASSERT_TRUE(rmalloc::isSmall(units));
+        rmtest::resetCalls();
+        SegmentMap* map = newMap(units);
+        const auto calls = rmtest::callTrace({Call::kMalloc});
+        ASSERT_EQ(calls.size(), 1U);
+        EXPECT_EQ(calls[0].result, reinterpret_cast<intptr_t>(map));
+        EXPECT_EQ(calls[0].args[0], static_cast<int64_t>(rmalloc::kBeforeSmall + 24 + units * 8));
+        EXPECT_EQ(rmtest::callCount(Call::kCalloc), 0);
+        EXPECT_EQ(rmtest::callCount(Call::kAlignedAlloc), 0);
+        EXPECT_EQ(map->segment, rmalloc::smallSegmentOf(map));
+        EXPECT_EQ(rmalloc::mapOfSmall(reinterpret_cast<uintptr_t>(map->segment)), map);
+        EXPECT_LE(reinterpret_cast<uintptr_t>(map->bounds.row + 1),
+                  reinterpret_cast<uintptr_t>(map->segment));
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(map->segment) % alignof(std::max_align_t), 0U);
+        rmtest::resetCalls();
+        rmalloc::freeSegment(map);
+        EXPECT_EQ(rmtest::callCount(Call::kFree), 1);
+    }
+    EXPECT_FALSE(rmalloc::isSmall(63));
+}
+
+// It may get the memory of another one that was in use.
+TEST_F(MapOfSegment, OfASmallSegmentShowsNothingOfAnEarlierOne)
+{
+    SegmentMap* map = newMap(7);
+    rmalloc::drawEmpty(map);
+    map->slot = 5;
+    map->blocks = 3;
+    rmalloc::freeSegment(map);
+    SegmentMap* next = newMap(7);
+    EXPECT_EQ(next->units, 7U);
+    EXPECT_EQ(next->slot, 0U);
+    EXPECT_EQ(next->blocks, 0U);
+    EXPECT_EQ(rmalloc::stripsOf(next)->starts, 0U);
+    EXPECT_EQ(rmalloc::stripsOf(next)->ends, 0U);
+    EXPECT_EQ(largestBound(next->bounds), 0);
+    rmalloc::freeSegment(next);
 }
 
 // Pieces of memory that have gone back to the platform.
@@ -69,24 +123,42 @@ TEST_F(MapOfSegment, OfTheUsualSizesIsAPieceOfASlab)
     rmalloc::trimPieces();
     for (const uint32_t units : {63U, 200U, 1000U, 1021U, 1022U}) {
         rmtest::resetCalls();
-        SegmentMap* map = rmalloc::newSegmentMap(units);
+        SegmentMap* map = newMap(units);
         EXPECT_EQ(rmtest::callCount(Call::kCalloc), 0) << units;
         EXPECT_EQ(rmtest::callCount(Call::kAlignedAlloc), 1) << units;
-        rmalloc::freeSegmentMap(map);
-        SegmentMap* next = rmalloc::newSegmentMap(units);
+        rmalloc::freeSegment(map);
+        SegmentMap* next = newMap(units);
         EXPECT_EQ(next, map);
-        rmalloc::freeSegmentMap(next);
+        rmalloc::freeSegment(next);
         EXPECT_EQ(rmalloc::checkPieces(), 0U);
         rmalloc::trimPieces();
-        EXPECT_EQ(givenBack(), 1) << units;
+        EXPECT_EQ(givenBack(), 2 + 1) << units;  // the segments, and the slab
     }
 }
 
 TEST_F(MapOfSegment, IsNullWithoutMemory)
 {
-    const ScopedFault fault({.call = Call::kCalloc, .also = Call::kAlignedAlloc, .error = ENOMEM});
-    EXPECT_EQ(rmalloc::newSegmentMap(1000), nullptr);
-    EXPECT_EQ(fault.hits(), 1);
+    for (const uint32_t units : {1000U, 10'000U}) {
+        rmalloc::trimPieces();
+        rmtest::resetCalls();
+        const ScopedFault fault(
+            {.call = Call::kCalloc, .also = Call::kAlignedAlloc, .error = ENOMEM});
+        EXPECT_EQ(newMap(units), nullptr);
+        EXPECT_EQ(fault.hits(), 1);
+        EXPECT_EQ(givenBack(), 1) << "the segment";
+    }
+}
+
+TEST_F(MapOfSegment, IsNullWithoutMemoryForTheSegment)
+{
+    for (const uint32_t units : {10U, 1000U, 10'000U}) {
+        rmtest::resetCalls();
+        const ScopedFault fault({.call = Call::kMalloc, .error = ENOMEM});
+        EXPECT_EQ(newMap(units), nullptr);
+        EXPECT_EQ(fault.hits(), 1);
+        EXPECT_EQ(rmtest::callCount(Call::kCalloc), 0);
+        EXPECT_EQ(givenBack(), 0);
+    }
 }
 
 TEST_F(MapOfSegment, HasItsStripsBehindItAndThenItsBounds)
@@ -111,36 +183,18 @@ TEST_F(MapOfSegment, HasABoundForEveryStripThatIsInUse)
 TEST_F(MapOfSegment, TakesOneByteForTwentyFiveOfTheSegmentAndItsOwnSize)
 {
     for (const uint32_t units : kSegmentSizes) {
-        rmalloc::trimSegmentMaps();
         rmtest::resetCalls();
         const Made made(units);
         const auto calls = rmtest::callTrace({Call::kCalloc});
-        ASSERT_EQ(calls.empty(), units > 62 && units < 1023) << units;
-        // A piece ends with its one node of bounds.
-        const int64_t bytes = calls.empty() ? reinterpret_cast<char*>(made.map->bounds.row + 16) -
-                                                  reinterpret_cast<char*>(made.map)
+        ASSERT_EQ(calls.empty(), units < 1023) << units;
+        // A piece ends with its one node of bounds, that of a small segment where this begins.
+        const char* end = units <= 62 ? reinterpret_cast<char*>(made.map->segment)
+                                      : reinterpret_cast<char*>(made.map->bounds.row + 16);
+        const int64_t bytes = calls.empty() ? end - reinterpret_cast<char*>(made.map)
                                             : calls[0].args[0] * calls[0].args[1];
         // Rounded up to strips and whole nodes on each of a few levels.
         EXPECT_LE(bytes, static_cast<int64_t>(sizeof(SegmentMap)) + units * 8 / 25 + 5 * 64);
     }
-}
-
-TEST_F(MapOfSegment, OfOneStripIsKeptForTheNextOne)
-{
-    rmalloc::trimSegmentMaps();
-    rmtest::resetCalls();
-    SegmentMap* map = rmalloc::newSegmentMap(7);
-    rmalloc::setFree(map, 3, 2);
-    rmalloc::freeSegmentMap(map);
-    SegmentMap* next = rmalloc::newSegmentMap(50);
-    EXPECT_EQ(next, map);
-    EXPECT_EQ(next->units, 50U);
-    EXPECT_EQ(rmalloc::stripsOf(next)->starts, 0U);
-    EXPECT_EQ(largestBound(next->bounds), 0);
-    EXPECT_EQ(rmtest::callCount(Call::kCalloc), 1);
-    rmalloc::freeSegmentMap(next);
-    rmalloc::trimSegmentMaps();
-    EXPECT_EQ(rmtest::callTrace({Call::kFree}).back().args[0], reinterpret_cast<intptr_t>(next));
 }
 
 TEST_F(MapOfSegment, ShowsNothingAtFirst)

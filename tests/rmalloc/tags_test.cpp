@@ -5,6 +5,7 @@
 #include "rm/file/file.h"
 #include "rm/rmalloc/chain.h"
 #include "rm/rmalloc/rmalloc.h"
+#include "rm/rmalloc/segmentmap.h"
 #include "rm/rmsrv/rmsrv.h"
 #include "rm/rmutil/rmutil.h"
 
@@ -20,6 +21,7 @@
 
 namespace
 {
+using rmalloc::kBeforeSmall;
 using rmalloc::nTags;
 using rmalloc::tagTable;
 using rmalloc::tagTabSize;
@@ -596,11 +598,24 @@ TEST_F(SetTagAlloc, WithNoMultipleOfEightCountsTheBytesAskedForAndGivesBackUnits
     const Tag tag = newTag();
     rm_setTagAlloc(111, tag);
     void* block = rm_getMemory(8, tag);
-    EXPECT_EQ(callTrace({Call::kMalloc}).back().args[0], 111);
     EXPECT_EQ(rm_memused(), kFirstTable + 111);
     rm_freeMemory(block, tag);
     EXPECT_EQ(rm_memused(), kFirstTable + 111 - 104);
     expectDrift(7);
+}
+
+TEST_F(SetTagAlloc, IsWhatThePlatformIsAskedForAndWhatStandsBeforeASmallOne)
+{
+    const Tag tag = newTag();
+    rm_setTagAlloc(1111, tag);
+    rm_getMemory(8, tag);
+    EXPECT_EQ(callTrace({Call::kMalloc}).back().args[0], 1111);
+    rm_setTagAlloc(111, tag);
+    rm_getMemory(1056, tag);  // all that is left in the first one
+    rm_getMemory(8, tag);
+    EXPECT_EQ(callTrace({Call::kMalloc}).back().args[0], static_cast<int64_t>(kBeforeSmall + 111));
+    rm_freeTagMemory(tag, 1);
+    expectDrift(7 + 7);
 }
 
 TEST_F(SetTagAlloc, WithNoMultipleOfEightDriftsInTheSameWayWhenATagIsFreed)
