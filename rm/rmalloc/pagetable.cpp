@@ -349,9 +349,10 @@ SegmentMap* rmalloc::smallHolding(uintptr_t address)
     }
     SegmentMap* map = mapOfSmall(page + uintptr_t{lastBit(begins)} * kUnit);
     prefetchSmallMap(map);
-    const auto anchor = reinterpret_cast<uintptr_t>(&smallSegmentOf(map)->anchor);
-    const bool holds =
-        address > anchor && address - anchor <= uintptr_t{map->units} * kUnit && isIntact(map);
+    const Segment* segment = smallSegmentOf(map);
+    const auto anchor = reinterpret_cast<uintptr_t>(&segment->anchor);
+    const bool holds = address > anchor && map->segment == segment &&
+                       address - anchor <= uintptr_t{map->units} * kUnit;
     return holds ? map : nullptr;
 }
 
