@@ -22,8 +22,8 @@ static void fail(const char* what)
 }
 
 /* Whether `what` stands here. This and skip() look no further than they have to, as strncmp() and
- * strspn() would: under the address sanitizer, with its strict checks, each of those reads on to the
- * end of the text, which is minutes for a text of megabytes. */
+ * strspn() would: under the address sanitizer, with its strict checks, each of those reads on to
+ * the end of the text, which is minutes for a text of megabytes. */
 static int stands(const char* what)
 {
     for (size_t i = 0; what[i] != '\0'; ++i) {
