@@ -31,8 +31,8 @@ struct LiveBlock {
     __builtin_prefetch(header, 1);
     SegmentMap* map = isAligned(pointer) ? mapHolding(header) : nullptr;
     if (map != nullptr) {
-        if (map->bounds.length == 1) {
-            __builtin_prefetch(map->previous, 1);  // a small segment may go with its block
+        if (isSmall(map->units)) {
+            __builtin_prefetch(map->previous, 1);  // the segment may go with its block
             __builtin_prefetch(map->next, 1);
         }
         const uint32_t offset = offsetOf(map->segment, header);

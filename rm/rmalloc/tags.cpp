@@ -164,6 +164,7 @@ void freeSegments(Tag tag)
 {
     TagRecord* record = &tagTable[tag];
     Chain* chain = &chains[tag];
+    // By the slots: maps need not lead to one another. A row of one slot goes with its map.
     for (uint32_t slot = 0; slot < chain->used; ++slot) {
         if (chain->slots[slot] != nullptr) {
             returnSegment(chain->slots[slot]);
