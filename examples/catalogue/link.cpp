@@ -113,7 +113,8 @@ bool pauseOnce(Patience& patience)
         return false;
     }
     const int64_t us = std::min(patience.pauseUs, leftUs);
-    const timespec time = {us / 1000000, static_cast<long>(us % 1000000) * 1000};
+    const timespec time = {static_cast<time_t>(us / 1000000),
+                           static_cast<long>(us % 1000000) * 1000};
     nanosleep(&time, nullptr);
     patience.pauseUs = std::min(patience.pauseUs * 2, kLongestPauseUs);
     return true;

@@ -112,7 +112,8 @@ enum Status : uint16_t {
         5  // the server met an error; its log says which. The request may be done or not
 };
 
-struct RequestHead {
+// Both heads are aligned alike on every machine.
+struct alignas(8) RequestHead {
     uint32_t magic;
     int32_t pid;        // of the client
     uint64_t sequence;  // begins anywhere, so that a reused process id does no harm
@@ -123,7 +124,7 @@ struct RequestHead {
     uint16_t unused[3];  // 0
 };
 
-struct AnswerHead {
+struct alignas(8) AnswerHead {
     uint32_t magic;
     int32_t pid;  // as in the request, like the next one
     uint64_t sequence;

@@ -312,7 +312,7 @@ void indexInput(const Input& input, RecordIndex& index)
 {
     index.assign(std::bit_ceil(2 * input.records.size() + 1), kNoRecord);
     for (uint32_t number = 0; number < input.records.size(); ++number) {
-        std::size_t at = input.records[number].hash & (index.size() - 1);
+        auto at = static_cast<std::size_t>(input.records[number].hash & (index.size() - 1));
         while (index[at] != kNoRecord) {
             at = (at + 1) & (index.size() - 1);
         }
@@ -322,7 +322,7 @@ void indexInput(const Input& input, RecordIndex& index)
 
 uint32_t findInput(const Input& input, const RecordIndex& index, std::string_view name)
 {
-    std::size_t at = hashBytes(name) & (index.size() - 1);
+    auto at = static_cast<std::size_t>(hashBytes(name) & (index.size() - 1));
     while (index[at] != kNoRecord && input.records[index[at]].key != name) {
         at = (at + 1) & (index.size() - 1);
     }

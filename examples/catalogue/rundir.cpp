@@ -107,14 +107,15 @@ int findObject(Kind kind, key_t key)
 }
 
 // Makes the object that has this key; -1 with errno when there is one already, or it cannot be.
-int makeObject(Kind kind, key_t key, std::size_t bytes)
+int makeObject(Kind kind, key_t key, uint64_t bytes)
 {
     constexpr int kNew = IPC_CREAT | IPC_EXCL | 0777;  // the library's mode
     switch (kind) {
         case Kind::kSet:
             return semget(key, kSemaphores, kNew);
         case Kind::kSegment:
-            return shmget(key, bytes, kNew);
+            // What is more than the machine can address is refused like all that is too much.
+            return shmget(key, static_cast<std::size_t>(std::min<uint64_t>(bytes, SIZE_MAX)), kNew);
         case Kind::kQueue:
             break;
     }
@@ -138,13 +139,12 @@ void removeObject(Kind kind, int id)
 
 // Makes all objects of a token file. False when one of them exists, or cannot be made; then there
 // is none, and errno says why.
-bool makeObjects(const Token& token, const std::vector<std::size_t>& segments,
-                 std::vector<int>& ids)
+bool makeObjects(const Token& token, const std::vector<uint64_t>& segments, std::vector<int>& ids)
 {
     const std::size_t before = ids.size();
     for (int object = 0; object < token.objects; ++object) {
         const key_t key = ftok(token.file, 1 + object);
-        const std::size_t bytes =
+        const uint64_t bytes =
             token.kind == Kind::kSegment ? segments[static_cast<std::size_t>(object)] : 0;
         const int id = key == -1 ? -1 : makeObject(token.kind, key, bytes);
         if (id == -1) {
@@ -309,7 +309,7 @@ void removeStaleRuns(int parentFd, const std::string& parent)
 }
 }  // namespace
 
-bool RunDirectory::make(const std::string& parent, const std::vector<std::size_t>& segments)
+bool RunDirectory::make(const std::string& parent, const std::vector<uint64_t>& segments)
 {
     path_ = parent + "/" + std::string(kPrefix) + std::string(kRandomPart);
     parentFd_ = open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -345,7 +345,7 @@ bool RunDirectory::makeOwned()
 
 // The library truncates the token files that it finds here, so they keep their numbers, and the
 // keys are those that were tried.
-bool RunDirectory::claimObjects(const std::vector<std::size_t>& segments)
+bool RunDirectory::claimObjects(const std::vector<uint64_t>& segments)
 {
     int taken = 0;
     for (const Token& token : kTokens) {

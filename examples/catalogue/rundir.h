@@ -3,6 +3,7 @@
 #define CATALOGUE_RUNDIR_H
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,7 +18,7 @@ class RunDirectory
     // one, and makes in it what the library will find under the keys of its token files: a
     // semaphore set, queues, and segments of these sizes, in bytes. False after having said why
     // not.
-    bool make(const std::string& parent, const std::vector<std::size_t>& segments);
+    bool make(const std::string& parent, const std::vector<uint64_t>& segments);
 
     // Lets clients in, and no more: makes and removes the files of their channels. False after
     // having said why not.
@@ -34,7 +35,7 @@ class RunDirectory
 
   private:
     bool makeOwned();
-    bool claimObjects(const std::vector<std::size_t>& segments);
+    bool claimObjects(const std::vector<uint64_t>& segments);
     bool noteObjects();
 
     std::string path_;  // as the user may look for it

@@ -67,7 +67,8 @@ void blockSignals()
 Asked& awaitSignals(std::chrono::milliseconds wait)
 {
     const sigset_t set = handledSignals();
-    const timespec time = {wait.count() / 1000, static_cast<long>(wait.count() % 1000) * 1000000};
+    const timespec time = {static_cast<time_t>(wait.count() / 1000),
+                           static_cast<long>(wait.count() % 1000) * 1000000};
     const timespec none = {};
     for (int signalNumber = sigtimedwait(&set, nullptr, &time); signalNumber > 0;
          signalNumber = sigtimedwait(&set, nullptr, &none)) {

@@ -87,7 +87,8 @@ uint64_t checksumOf(const SlotHead& head, const char* texts)
 {
     const char* const behind = reinterpret_cast<const char*>(&head.checksum + 1);
     const uint64_t hash = hashBytes({behind, sizeof(head) - sizeof(head.checksum)});
-    return head.movedTo != 0 ? hash : hashBytes({texts, textLength(head)}, hash);
+    return head.movedTo != 0 ? hash
+                             : hashBytes({texts, static_cast<std::size_t>(textLength(head))}, hash);
 }
 
 // Of the file that this process has open for the bucket.
@@ -182,7 +183,8 @@ bool readSlot(Store& store, uint32_t bucket, const IndexEntry& where, SlotHead& 
 uint32_t sealSlot(Store& store, SlotHead& head)
 {
     char* const texts = store.image + sizeof(head);
-    std::memset(texts + textLength(head), 0, head.capacity - textLength(head));
+    const auto used = static_cast<uint32_t>(textLength(head));
+    std::memset(texts + used, 0, head.capacity - used);
     head.checksum = checksumOf(head, texts);
     std::memcpy(store.image, &head, sizeof(head));
     return static_cast<uint32_t>(sizeof(head)) + head.capacity;

@@ -35,8 +35,9 @@ constexpr uint32_t kFirstSlots = 16;
 // The registry as it is made: its record, its slots, the map of the used ones.
 constexpr uint32_t kRegistryBytes =
     blockBytes(sizeof(Bag)) + blockBytes(kFirstSlots * sizeof(EmRec)) + blockBytes(4);
-constexpr uint32_t kObjectBytes = 24;  // what rm_OSemLoad leaves for a loaded module
-constexpr uint32_t kFunctionsBytes =   // a list of one to three functions
+// What rm_OSemLoad leaves for a loaded module: two pointers and the head of their block.
+constexpr uint32_t kObjectBytes = 8 + 2 * sizeof(void*);
+constexpr uint32_t kFunctionsBytes =  // a list of one to three functions
     blockBytes(sizeof(Bag)) + blockBytes(3 * sizeof(ems::EmFcnRec));
 
 // "m07": a name for which plain modules have an entry point.

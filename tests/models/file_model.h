@@ -317,14 +317,18 @@ class FileModel
 
     void put(Slot& file, std::string_view bytes)
     {
+        if (bytes.empty()) {
+            return;  // nothing is written, so no file grows
+        }
         if ((file.flags & RM_O_APPEND) != 0) {
             file.at = file.file->size();
         }
-        const std::size_t end = file.at + bytes.size();
+        const auto from = static_cast<std::size_t>(file.at);
+        const std::size_t end = from + bytes.size();
         if (file.file->size() < end) {
             file.file->resize(end, '\0');
         }
-        file.file->replace(file.at, bytes.size(), bytes);
+        file.file->replace(from, bytes.size(), bytes);
         file.at = end;
     }
 
@@ -333,7 +337,7 @@ class FileModel
         if (file.at >= file.file->size()) {
             return "";
         }
-        std::string bytes = file.file->substr(file.at, length);
+        std::string bytes = file.file->substr(static_cast<std::size_t>(file.at), length);
         file.at += bytes.size();
         file.position += static_cast<uint32_t>(bytes.size());
         return bytes;

@@ -368,7 +368,7 @@ class PlainAllocator
             bytes = record.segmentSize;
             units = (record.segmentSize - kSegmentHeader) / kUnit;
         }
-        auto* segment = static_cast<Segment*>(std::malloc(bytes));
+        auto* segment = static_cast<Segment*>(std::malloc(static_cast<std::size_t>(bytes)));
         if (segment == nullptr) {
             throw std::bad_alloc();
         }

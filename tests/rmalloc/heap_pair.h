@@ -182,7 +182,7 @@ class HeapPair
     {
         std::string text;
         for (uint64_t i = calls_ - std::min<uint64_t>(calls_, kRecent); i < calls_; ++i) {
-            const Recent& call = recent_[i % kRecent];
+            const Recent& call = recent_[static_cast<std::size_t>(i % kRecent)];
             std::array<char, 128> line{};
             std::snprintf(line.data(), line.size(), "%llu: %s, tag %d, block %u: %u, now %u\n",
                           static_cast<unsigned long long>(i),
@@ -375,7 +375,7 @@ class HeapPair
     // Begins a call.
     void note(Kind kind, Tag tag, uint32_t name = 0, uint32_t before = 0, uint32_t now = 0)
     {
-        recent_[calls_ % kRecent] = {kind, tag, name, before, now};
+        recent_[static_cast<std::size_t>(calls_ % kRecent)] = {kind, tag, name, before, now};
         ++calls_;
         ++figures_.calls[static_cast<std::size_t>(kind)];
         figures_.amongMany += live_.size() >= kManyBlocks ? 1 : 0;

@@ -48,7 +48,7 @@ void PrintTo(const Run& run, std::ostream* out)
 class PageTableRandom : public rmtest::PageTableCase, public ::testing::WithParamInterface<Run>
 {
   protected:
-    uint64_t below(uint64_t limit) { return random_() % limit; }
+    uintptr_t below(uintptr_t limit) { return static_cast<uintptr_t>(random_() % limit); }
 
     // The model's answer.
     const SegmentMap* modelAt(uintptr_t address) const

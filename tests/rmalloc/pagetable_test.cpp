@@ -444,7 +444,8 @@ TEST_F(PageTableTest, FindsWhatIsLeftWhenRegionsGoInAnyOrder)
         std::vector<Placed> segments;
         for (uintptr_t number = 0; number < 16; ++number) {
             const bool isSmall = number % 2 == 0;
-            const uintptr_t region = random() % (isSmall ? 15 : 64) * 16 + number;
+            const auto row = static_cast<uintptr_t>(random() % (isSmall ? 15 : 64));
+            const uintptr_t region = row * 16 + number;
             segments.emplace_back(Shape{(isSmall ? base() : beyond()) + region * kRegion,
                                         isSmall ? uintptr_t{64} : uintptr_t{600}});
         }

@@ -124,10 +124,11 @@ inline ReportModel::Segment foundSegment(const rmalloc::Segment* segment)
     ReportModel::Segment found{anchorOf(segment), segment->units, segment->blocks, {}};
     std::vector<uint32_t> words((std::size_t{segment->units} + 1) * 2);
     std::memcpy(words.data(), &segment->anchor, words.size() * sizeof(uint32_t));
-    for (std::size_t at = 0; at < words.size();) {
-        const uint32_t units = words[at + 1];
-        found.pieces.push_back({units, words[at] == 0xFFEEDDCC});
-        at += std::size_t{2} * std::max(units, 1U);
+    for (uint64_t at = 0; at < words.size();) {
+        const auto index = static_cast<std::size_t>(at);
+        const uint32_t units = words[index + 1];
+        found.pieces.push_back({units, words[index] == 0xFFEEDDCC});
+        at += uint64_t{2} * std::max(units, 1U);
     }
     return found;
 }

@@ -354,6 +354,8 @@ TEST_F(LogStampFails, AKeptOneNeedsNoCalendar)
     EXPECT_EQ(fault.hits(), 0);
 }
 
+// Where a time has 32 bits it ends before the calendar does.
+#if __TIMESIZE == 64
 TEST_F(LogStampFails, AYearBeyondTheCalendarHasNone)
 {
     clockTime = std::numeric_limits<time_t>::max();
@@ -361,6 +363,7 @@ TEST_F(LogStampFails, AYearBeyondTheCalendarHasNone)
     clockTime = kMarch1996;
     EXPECT_EQ(line(), kMarchLine);
 }
+#endif
 
 // --- The line in one piece
 

@@ -214,8 +214,8 @@ class FastTime
                             const int64_t result = rmtest::passThrough(call);
                             auto* now = call.pointer<timespec>(1);
                             const int64_t ns = now->tv_nsec + waitedNs_ * kFaster;
-                            now->tv_sec += ns / kNsPerSecond;
-                            now->tv_nsec = ns % kNsPerSecond;
+                            now->tv_sec += static_cast<time_t>(ns / kNsPerSecond);
+                            now->tv_nsec = static_cast<long>(ns % kNsPerSecond);
                             return result;
                         }}};
 };

@@ -318,7 +318,7 @@ void PrintTo(const Junk& junk, std::ostream* out)
 }
 
 const Junk kJunk[] = {{"Small", 1},
-                      {"Text", 0x5A5A'5A5A'5A5A'5A5A},
+                      {"Text", ~uintptr_t{0} / 0xFF * 0x5A},
                       {"Ones", ~uintptr_t{0}},
                       {"Aligned", 0x1000},
                       {"BelowTheHeaders", 8}};

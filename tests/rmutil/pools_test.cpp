@@ -202,11 +202,12 @@ TEST_F(PoolGet, OfASmallerSizeGivesTheLargerElementAsItIs)
 TEST_F(PoolGet, WhatFitsIntoTheElementsUnitsIsNotTooLarge)
 {
     RmPool* pool = unlocked();
-    void* element = rm_getFromPool(57, pool);
+    constexpr uint32_t kFull = 64 - sizeof(void*);  // with the link, a whole number of units
+    void* element = rm_getFromPool(kFull - 7, pool);
     rm_putInPool(element, pool);
-    EXPECT_EQ(rm_getFromPool(64, pool), element);
+    EXPECT_EQ(rm_getFromPool(kFull, pool), element);
     rm_putInPool(element, pool);
-    EXPECT_NE(rm_getFromPool(65, pool), element);
+    EXPECT_NE(rm_getFromPool(kFull + 1, pool), element);
 }
 
 TEST_F(PoolGet, OfALargerSizeFreesTheElementAndGivesAFreshBlock)
@@ -463,10 +464,12 @@ TEST_F(PoolGet, OfTheLargestSizeAsksForAllOfIt)
                                      return false;
                                  },
                              .action = nullptr});
-    EXPECT_EQ(fatalLines([&] { rm_getFromPool(0xFFFF'FFF7U, pool); }), outOfMemory());
+    constexpr uint32_t kLargest = 0xFFFF'FFFFU - sizeof(void*);
+    EXPECT_EQ(fatalLines([&] { rm_getFromPool(kLargest, pool); }), outOfMemory());
     EXPECT_EQ(static_cast<uint32_t>(asked), 0xFFFF'FFFFU);
 }
 
+// With the link they are more than 32 bits count.
 class PoolHugeSize : public PoolTest, public ::testing::WithParamInterface<uint32_t>
 {
 };
@@ -483,7 +486,7 @@ TEST_P(PoolHugeSize, IsOutOfMemoryAndLeavesThePoolAsItWas)
 }
 
 INSTANTIATE_TEST_SUITE_P(All, PoolHugeSize,
-                         ::testing::Values(0xFFFF'FFF8U, 0xFFFF'FFF9U, 0xFFFF'FFFCU, 0xFFFF'FFFEU,
+                         ::testing::Values(0U - kLink, 1U - kLink, 0xFFFF'FFFDU, 0xFFFF'FFFEU,
                                            0xFFFF'FFFFU));
 
 // --- Without memory

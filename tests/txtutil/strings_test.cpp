@@ -599,6 +599,8 @@ TEST_F(Words, WithoutMemoryTheFatalPathLeavesTextAndArrayAlone)
     EXPECT_EQ(rmalloc::checkMemory(), 0U);
 }
 
+// A text of that many words, and their array, do not fit into what 32 bits address.
+#if UINTPTR_MAX > UINT32_MAX
 // One gigabyte of "a a a ...", the same 16 MB over and over again, and a terminator.
 class HugeText
 {
@@ -650,6 +652,8 @@ TEST_F(Words, MoreThanAnArrayCanHoldAreOutOfMemory)
     EXPECT_EQ(count, HugeText::kWords);
     EXPECT_EQ(argv, &dummy);
 }
+
+#endif
 
 TEST_F(Words, AnInvalidTagIsFatal)
 {

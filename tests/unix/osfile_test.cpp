@@ -1030,8 +1030,8 @@ rmtest::Fault disk(uint64_t blocksFree, uint64_t blocksForUsers, uint64_t blockS
                 *status = {};
                 status->f_bfree = blocksFree;
                 status->f_bavail = blocksForUsers;
-                status->f_bsize = blockSize;
-                status->f_frsize = blockSize;
+                status->f_bsize = static_cast<unsigned long>(blockSize);
+                status->f_frsize = static_cast<unsigned long>(blockSize);
                 status->f_blocks = blocksFree * 2;
                 return 0;
             }};

@@ -39,7 +39,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-constexpr uint32_t kRecordBytes = 24;
+constexpr uint32_t kRecordBytes = 8 + 2 * sizeof(void*);
 
 int64_t wordOf(const void* pointer)
 {
@@ -228,7 +228,7 @@ TEST_F(OsModuleLoad, BindsAllSymbolsAtOnce)
     EXPECT_EQ(asked.mode, RTLD_NOW);
 }
 
-TEST_F(OsModuleLoad, GivesARecordOf24BytesWithObjectAndEntryPoint)
+TEST_F(OsModuleLoad, GivesARecordOfTwoPointersWithObjectAndEntryPoint)
 {
     EXPECT_EQ(loadFake("./geo", &module_), 0);
     ASSERT_NE(module_, nullptr);

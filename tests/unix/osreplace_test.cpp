@@ -268,8 +268,8 @@ TEST_F(LockFile, AsksAgainAndAgainUntilTheTimeIsOverWithoutAnAlarm)
     int64_t now = 0;
     const ScopedFault clock(
         {.call = Call::kClockGettime, .times = kForever, .action = [&now](const CallRecord& call) {
-             *call.pointer<timespec>(1) = {.tv_sec = now / 1'000'000'000,
-                                           .tv_nsec = now % 1'000'000'000};
+             *call.pointer<timespec>(1) = {.tv_sec = static_cast<time_t>(now / 1'000'000'000),
+                                           .tv_nsec = static_cast<long>(now % 1'000'000'000)};
              return int64_t{0};
          }});
     const ScopedFault pause(

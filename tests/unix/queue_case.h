@@ -195,7 +195,7 @@ inline uint64_t messagesIn(int id)
 inline void limitBytes(int id, uint64_t bytes)
 {
     msqid_ds state = stateOf(id);
-    state.msg_qbytes = bytes;
+    state.msg_qbytes = static_cast<msglen_t>(bytes);
     EXPECT_EQ(msgctl(id, IPC_SET, &state), 0) << std::strerror(errno);
 }
 
@@ -225,7 +225,8 @@ inline bool enterOwnLimits(std::size_t mostBytesOfAMessage, std::size_t mostByte
     // What is made here would be looked for, and removed, among the objects outside.
     static ScopedFault unnoted(
         {.call = Call::kMsgget, .times = kForever, .action = [](const CallRecord& call) -> int64_t {
-             return syscall(SYS_msgget, call.args[0], call.args[1]);
+             return syscall(SYS_msgget, static_cast<long>(call.args[0]),
+                            static_cast<long>(call.args[1]));
          }});
     return setLimit("/proc/self/uid_map", "0 " + owner + " 1") &&
            setLimit("/proc/sys/kernel/msgmax", std::to_string(mostBytesOfAMessage)) &&

@@ -112,7 +112,7 @@ class Placer
             return place;
         }
         const uint64_t whole = size / bytesPerRow_ + (size % bytesPerRow_ != 0 ? 1 : 0);
-        const Place place = {rows_, std::max<std::size_t>(whole, 1), 0};
+        const Place place = {rows_, static_cast<std::size_t>(std::max<uint64_t>(whole, 1)), 0};
         rows_ += place.rows;
         // Nothing stands behind the end of a segment that fills rows.
         x_ = size > bytesPerRow_ ? kRowWidth : width;

@@ -6,6 +6,7 @@
 #include "text.h"
 
 #include <algorithm>
+#include <limits>
 #include <string_view>
 
 namespace rmheap
@@ -80,10 +81,11 @@ bool readNumber(std::string_view text, std::size_t& value)
 {
     Scanner scanner = {text};
     uint64_t number = 0;
-    if (!scanner.number(number) || !scanner.rest.empty() || number == 0) {
+    if (!scanner.number(number) || !scanner.rest.empty() || number == 0 ||
+        number > std::numeric_limits<std::size_t>::max()) {
         return false;
     }
-    value = number;
+    value = static_cast<std::size_t>(number);
     return true;
 }
 

@@ -23,7 +23,10 @@ constexpr long kFiles = 8'000;
 class RandomFormatFiles : public rmtest::RmTest
 {
   protected:
-    std::size_t upTo(std::size_t most) { return random_() % (most + 1); }
+    std::size_t upTo(std::size_t most)
+    {
+        return static_cast<std::size_t>(random_() % (uint64_t{most} + 1));
+    }
 
     bool oneIn(std::size_t n) { return random_() % n == 0; }
 
