@@ -1,7 +1,7 @@
-# Runs EXAMPLE in the empty directory SCRATCH, into which the files GIVEN are copied; as often as
-# RUNS says, each time in what the run before has left. It must end with 0, not by the fatal path
-# (whose status is 0 as well), and leave no file but those named LEAVES, which it must: a token file
-# that is left means a semaphore set that is.
+# Runs EXAMPLE, under EMULATOR if there is one, in the empty directory SCRATCH, into which the files
+# GIVEN are copied; as often as RUNS says, each time in what the run before has left. It must end with
+# 0, not by the fatal path (whose status is 0 as well), and leave no file but those named LEAVES, which
+# it must: a token file that is left means a semaphore set that is.
 file(REMOVE_RECURSE ${SCRATCH})
 file(MAKE_DIRECTORY ${SCRATCH})
 if(GIVEN)
@@ -9,7 +9,7 @@ if(GIVEN)
 endif()
 unset(ENV{CATPATH}) # it would move the default INI file out of the directory
 foreach(run RANGE 1 ${RUNS})
-    execute_process(COMMAND ${EXAMPLE}
+    execute_process(COMMAND ${EMULATOR} ${EXAMPLE}
         WORKING_DIRECTORY ${SCRATCH}
         RESULT_VARIABLE result
         OUTPUT_VARIABLE output
