@@ -331,6 +331,7 @@ RM_API int16_t rm_systemLog(int16_t level);
  * @param ... the arguments of the format
  * @fatal never without a log file; with one, lock, syscall and mode, as rm_filePrintf()
  * @locks #fileSem, when the line goes to the log file
+ * @log as rm_filePrintf(), when the line goes to the log file
  */
 RM_API void rm_systemLogWrite(const char* format, ...) RM_PRINTF(1, 2);
 
@@ -344,6 +345,7 @@ RM_API void rm_systemLogWrite(const char* format, ...) RM_PRINTF(1, 2);
  * @param ... the arguments of the format
  * @fatal as rm_systemLogWrite(); never at level 0
  * @locks as rm_systemLogWrite()
+ * @log as rm_systemLogWrite()
  */
 RM_API void rm_systemLogOptWrite(const char* format, ...) RM_PRINTF(1, 2);
 
@@ -1608,7 +1610,8 @@ RM_API int32_t rm_flWrite(int32_t fd, const void* buffer, int32_t length);
 RM_API int16_t rm_flSeek(int32_t fd, int32_t offset, int16_t whence, uint32_t* position);
 
 /**
- * Measures an open file. The descriptor stays where it stands.
+ * Measures an open file. The descriptor stays where it stands, or at the end where the system does
+ * not lead it back.
  *
  * @param fd the descriptor
  * @param[out] size bytes; 4 GiB - 1 for any larger file
@@ -1619,7 +1622,7 @@ RM_API int16_t rm_flSize(int32_t fd, uint32_t* size);
 
 /**
  * Extends a file with zeros. A file that is large enough is left as it is: nothing shrinks.
- * **The descriptor then stands at 0**, not at the end.
+ * **The descriptor then stands at 0**, not at the end; where that seek fails nobody is told.
  *
  * @param fd the descriptor, open for writing
  * @param size bytes
@@ -2129,7 +2132,7 @@ RM_API int32_t rm_fileCopy(const char* source, const char* destination);
  *         destination may be a part of it.
  * @fatal lock, memory, syscall
  * @locks #fileSem, when it copies
- * @log as rm_fileCopy()
+ * @log as rm_fileCopy() and rm_fileSync()
  */
 RM_API int16_t rm_fileMove(const char* source, const char* destination);
 
@@ -2353,7 +2356,7 @@ RM_API int16_t rm_iniGet(const char* section, const char* key, char* buffer, int
  *         place: see above what stands where then
  * @fatal memory, lock, syscall; the copy may stay behind, and the file is untouched
  * @locks that on the copy, up to 14 s, and as long for a file that is missing; #fileSem
- * @log as rm_fileRead() and rm_fileWrite()
+ * @log as rm_fileRead(), rm_fileWrite() and rm_fileSync()
  */
 RM_API int16_t rm_iniSetPrivate(const char* section, const char* key, const char* value,
                                 const char* path);
@@ -2902,6 +2905,7 @@ RM_API DArray* darrayCreate(int16_t maxEntries, int16_t entriesPerBlock, int16_t
  *
  * @param array the array, or null
  * @fatal never
+ * @log as rm_freeTagMemory(), for an array whose tag was released before
  */
 RM_API void darrayDestroy(DArray* array);
 
