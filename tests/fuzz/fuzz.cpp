@@ -26,7 +26,12 @@ std::string scratch;         // the directory for files
 std::string logged;          // since it was last taken
 bool logIsExpected = false;  // else a line goes to descriptor 2 as well, and fails the input
 FileHandle heldHandle = RM_NONE;
-FILE* logStream = nullptr;  // in the place of stderr while an input runs
+FILE* logStream = nullptr;       // in the place of stderr while an input runs
+jmp_buf* fatalTarget = nullptr;  // of the input as a whole
+bool startedAnew = false;        // all memory was given back since the input began
+std::string usualSegments;       // SEG_ALLOC as it was at first
+std::string printedText;         // by the last call that might not come back
+FILE* printStream = nullptr;     // in the place of stdout meanwhile
 
 ssize_t writeLog(void* /*cookie*/, const char* bytes, std::size_t size)
 {
@@ -37,11 +42,24 @@ ssize_t writeLog(void* /*cookie*/, const char* bytes, std::size_t size)
     return static_cast<ssize_t>(size);
 }
 
+ssize_t writePrinted(void* /*cookie*/, const char* bytes, std::size_t size)
+{
+    printedText.append(bytes, size);
+    return static_cast<ssize_t>(size);
+}
+
+FILE* streamInto(cookie_write_function_t* write)
+{
+    cookie_io_functions_t functions = {};
+    functions.write = write;
+    FILE* stream = fopencookie(nullptr, "w", functions);
+    FUZZ_CHECK(stream != nullptr && setvbuf(stream, nullptr, _IONBF, 0) == 0);
+    return stream;
+}
+
 void removeScratch()
 {
-    for (const std::string& name : rmfuzz::directoryEntries()) {
-        unlink(rmfuzz::pathOf(name).c_str());
-    }
+    rmfuzz::clearDirectory();
     rmdir(scratch.c_str());
 }
 
@@ -57,6 +75,23 @@ void makeScratch()
     FUZZ_CHECK(std::atexit(removeScratch) == 0);
 }
 
+// Never closed: the handle table would be made and freed by every call that opens a file.
+void holdHandle()
+{
+    heldHandle = rm_fileOpen("/dev/null", RM_O_RDONLY, 0, 0, 0);
+    FUZZ_CHECK(heldHandle != RM_NONE);
+}
+
+// The banner of the fatal path comes once in a process: no input shall be the one that sees it.
+void useUpBanner()
+{
+    FILE* const standardError = stderr;
+    stderr = logStream;
+    logIsExpected = true;
+    FUZZ_CHECK(!rmfuzz::comesBack([] { fatalRMExit("none"); }));
+    stderr = standardError;
+}
+
 // A client that is alone needs no semaphores.
 bool setUp()
 {
@@ -65,14 +100,12 @@ bool setUp()
     fileCommit = 0;
     unsetenv("CATPATH");
     makeScratch();
-    cookie_io_functions_t functions = {};
-    functions.write = writeLog;
-    logStream = fopencookie(nullptr, "w", functions);
-    FUZZ_CHECK(logStream != nullptr);
-    FUZZ_CHECK(setvbuf(logStream, nullptr, _IONBF, 0) == 0);
-    // Never closed: the handle table would be made and freed by every call that opens a file.
-    heldHandle = rm_fileOpen("/dev/null", RM_O_RDONLY, 0, 0, 0);
-    FUZZ_CHECK(heldHandle != RM_NONE);
+    logStream = streamInto(writeLog);
+    printStream = streamInto(writePrinted);
+    const char* segments = std::getenv("SEG_ALLOC");
+    usualSegments = segments == nullptr ? "0" : segments;
+    useUpBanner();
+    holdHandle();
     return true;
 }
 
@@ -91,8 +124,10 @@ struct State {
     int descriptor;
 };
 
+// The held handle has its descriptor, also when others have taken it meanwhile.
 State stateNow()
 {
+    FUZZ_CHECK(rm_fileSeek(heldHandle, 0) == 0);
     return {rm_memused(), rmalloc::nTags, lowestFreeDescriptor()};
 }
 
@@ -104,10 +139,26 @@ void runWithoutJump(const uint8_t* data, std::size_t size)
     }
     rm_errorJump(frame);
     rm_exitJump(frame);
+    fatalTarget = &frame;
     rmfuzz::Input input(data, size);
     rmfuzz::fuzzInput(input);
+    fatalTarget = nullptr;
+}
+
+// Back to what an input begins with. A segment size that is no multiple of 8 is counted whole when
+// the segment is got, and in units when it is given back, so bytes may be left over.
+void endAnew()
+{
+    startedAnew = false;
+    setenv("SEG_ALLOC", usualSegments.c_str(), 1);
+    rm_freeall();
+    FUZZ_CHECK(file::ftab == nullptr && rmalloc::tagTable == nullptr);
+    rmalloc::memused = 0;
+    holdHandle();
 }
 }  // namespace
+
+const char* const rmfuzz::kFatalEnd = "Exiting to shutdown processing";
 
 void rmfuzz::fail(const char* condition, const char* file, int line)
 {
@@ -221,6 +272,24 @@ std::vector<std::string> rmfuzz::directoryEntries()
     return names;
 }
 
+rmfuzz::InDirectory::InDirectory() : before_(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+{
+    FUZZ_CHECK(before_ != -1 && chdir(scratch.c_str()) == 0);
+}
+
+rmfuzz::InDirectory::~InDirectory()
+{
+    FUZZ_CHECK(fchdir(before_) == 0);
+    close(before_);
+}
+
+void rmfuzz::clearDirectory()
+{
+    for (const std::string& name : directoryEntries()) {
+        unlink(pathOf(name).c_str());
+    }
+}
+
 void rmfuzz::expectLog()
 {
     logIsExpected = true;
@@ -229,6 +298,51 @@ void rmfuzz::expectLog()
 std::string rmfuzz::takeLog()
 {
     return std::exchange(logged, {});
+}
+
+std::vector<std::string> rmfuzz::takeLines()
+{
+    constexpr std::size_t kStamp = 22;  // bytes: "[07-Mar-96 14:05:09]  "
+    const std::string text = takeLog();
+    std::vector<std::string> lines;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = text.find('\n', at);
+        FUZZ_CHECK(end != std::string::npos && end >= at + kStamp);
+        lines.push_back(text.substr(at + kStamp, end - at - kStamp));
+        at = end + 1;
+    }
+    return lines;
+}
+
+bool rmfuzz::comesBack(const std::function<void()>& body)
+{
+    jmp_buf frame;
+    volatile bool returned = false;
+    FILE* const standardOutput = stdout;
+    stdout = printStream;
+    printedText.clear();
+    if (setjmp(frame) == 0) {
+        rm_errorJump(frame);
+        body();
+        returned = true;
+    }
+    stdout = standardOutput;
+    if (fatalTarget != nullptr) {
+        rm_errorJump(*fatalTarget);
+    }
+    return returned;
+}
+
+const std::string& rmfuzz::printed()
+{
+    return printedText;
+}
+
+void rmfuzz::beginAnew(bool exactSegments)
+{
+    setenv("SEG_ALLOC", exactSegments ? "1" : "0", 1);
+    rm_freeall();
+    startedAnew = true;
 }
 
 int LLVMFuzzerInitialize(int* /*count*/, char*** /*arguments*/)
@@ -250,12 +364,17 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     stderr = standardError;
 
     FUZZ_CHECK(logIsExpected || logged.empty());
+    const bool anew = startedAnew;
+    if (anew) {
+        FUZZ_CHECK(rmalloc::checkMemory() == 0);
+        endAnew();
+    }
     FUZZ_CHECK(file::nHandles == 1 && file::usedEntry(heldHandle) != nullptr);
     FUZZ_CHECK(file::checkFtab() == 0);
     FUZZ_CHECK(rmalloc::checkMemory() == 0);
     const State after = stateNow();
-    FUZZ_CHECK(after.memory == before.memory);
-    FUZZ_CHECK(after.tags == before.tags);
+    FUZZ_CHECK(anew || after.memory == before.memory);
+    FUZZ_CHECK(anew || after.tags == before.tags);
     FUZZ_CHECK(after.descriptor == before.descriptor);
     return ready ? 0 : 1;
 }

@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -114,12 +115,45 @@ void writeFile(const std::string& path, std::string_view bytes);
 std::string readFile(const std::string& path);
 std::vector<std::string> directoryEntries();
 
+// As long as it lives, the directory is the current one: some names have no room for a path.
+class InDirectory
+{
+  public:
+    InDirectory();
+    ~InDirectory();
+
+    InDirectory(const InDirectory&) = delete;
+    InDirectory& operator=(const InDirectory&) = delete;
+
+  private:
+    int before_;
+};
+
+// Removes all files in it.
+void clearDirectory();
+
 // --- The log
 
 // From here to the end of the input, lines may be logged.
 void expectLog();
 // What has been logged since the last call, or since the input began.
 std::string takeLog();
+// The same as messages, without their stamps.
+std::vector<std::string> takeLines();
+
+// --- The library as a whole
+
+// Runs `body`. False when it took the fatal path; what it had in progress is then abandoned.
+// Nothing of it reaches standard output.
+bool comesBack(const std::function<void()>& body);
+// What the last one has printed to standard output.
+const std::string& printed();
+// The last line of the fatal path, which is always the same here: its banner has been used up.
+extern const char* const kFatalEnd;
+
+// Gives all memory back, as a host does that starts over, and says how segments are got from here
+// on: each as large as one request, or as their tags ask. Whatever the input leaves is given back.
+void beginAnew(bool exactSegments);
 
 // --- The target's own
 

@@ -33,7 +33,7 @@ search_one() {
     [ ! -f "$dictionary" ] || options=(-dict="$dictionary")
     mkdir -p "$build/corpus/$target"
     "$programs/fuzz_$target" "${options[@]}" -max_total_time="$seconds" -max_len="$max_length" \
-        -timeout=10 -print_final_stats=1 -artifact_prefix="$build/finds/$target-" \
+        -len_control=10 -timeout=10 -print_final_stats=1 -artifact_prefix="$build/finds/$target-" \
         "$build/corpus/$target" "tests/fuzz/corpus/$target" >"$build/$target.log" 2>&1 &
     program=$!
     trap 'kill "$program"' TERM
@@ -54,7 +54,7 @@ report() {
     status=$(cat "$build/$target.status")
     find=$(grep -aoE 'Test unit written to .*' "$build/$target.log" | tail -n 1 || true)
     find=${find#Test unit written to }
-    printf '%-12s %10s executions, %7s a second, corpus %4s, %5s edges, %s finds\n' "$target" \
+    printf '%-13s %10s executions, %7s a second, corpus %4s, %5s edges, %s finds\n' "$target" \
         "$(last_number "$target" 'stat::number_of_executed_units:')" \
         "$(last_number "$target" 'stat::average_exec_per_sec:')" \
         "$(last_number "$target" 'corp:')" "$(last_number "$target" 'cov:')" \
@@ -109,7 +109,7 @@ merge() {
     }
     find "$corpus" -type f -delete
     cp -t "$corpus" "$merged"/*
-    printf '%-12s %4s inputs, were %4s, %7s bytes\n' "$target" "$(find "$corpus" -type f | wc -l)" \
+    printf '%-13s %4s inputs, were %4s, %7s bytes\n' "$target" "$(find "$corpus" -type f | wc -l)" \
         "$before" "$(cat "$corpus"/* | wc -c)"
 }
 

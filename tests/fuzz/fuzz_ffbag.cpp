@@ -19,10 +19,8 @@
 #include <array>
 #include <cstring>
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
-#include <unistd.h>
 
 // The calls of the system, by the names that the library's file is compiled with.
 extern "C" int fuzzShmget(key_t key, std::size_t size, int flags) noexcept;
@@ -108,30 +106,6 @@ Arena& sharedArena()
 
 std::size_t bytesAskedFor = 0;
 
-// As long as it lives, the files of the directory for them are found by their names alone: a prefix
-// has no room for its path.
-class InScratch
-{
-  public:
-    InScratch() : before_(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC))
-    {
-        FUZZ_CHECK(before_ != -1);
-        FUZZ_CHECK(chdir(rmfuzz::directory().c_str()) == 0);
-    }
-
-    ~InScratch()
-    {
-        FUZZ_CHECK(fchdir(before_) == 0);
-        close(before_);
-    }
-
-    InScratch(const InScratch&) = delete;
-    InScratch& operator=(const InScratch&) = delete;
-
-  private:
-    int before_;
-};
-
 // A bag and its model, which do the same things.
 class Pair
 {
@@ -180,7 +154,8 @@ class Pair
                 break;
             case kWriteElement:
                 if (size() > Field::kSlots) {
-                    write(Field::kSlots + input.byte() % (size() - Field::kSlots), input.byte());
+                    const std::size_t at = input.byte() % (size() - Field::kSlots);
+                    write(Field::kSlots + at, input.byte());
                 }
                 break;
         }
@@ -291,7 +266,7 @@ void rmfuzz::fuzzInput(Input& input)
     expectLog();  // of the checker
     const uint16_t capacity = input.byte();
     const uint16_t elementSize = kElementSizes.at(input.byte() % kElementSizes.size());
-    const InScratch inScratch;
+    const InDirectory inDirectory;
     Pair plain(capacity, elementSize, false);
     Pair created(capacity, elementSize, true);
     for (int left = kMostSteps; left > 0 && !input.empty();) {
