@@ -96,7 +96,7 @@ static_assert(isWhenNarrow(sizeof(UdpListEntry), 16));
 static_assert(isWhenNarrow(sizeof(darrays::Entry), 8));
 static_assert(isWhenNarrow(sizeof(darrays::Block), 12));
 
-class Machines : public RmTest
+class Machines : public HeapTest
 {
   protected:
     // The units of a live block, as the word in front of it says.
