@@ -436,7 +436,7 @@ TEST_F(FfBagPop, LeavesTheBytesOfTheSlotAndTheNextSlot)
     Bytes after = bag.bytes(kPage);
     EXPECT_EQ(draw(bag), "ab.");
     EXPECT_EQ(bag.get(FfBagModel::kCount), 0);
-    after[FfBagModel::kCount] = before[FfBagModel::kCount];
+    std::copy_n(&before[FfBagModel::kCount], sizeof(uint16_t), &after[FfBagModel::kCount]);
     EXPECT_EQ(after, before);
 }
 

@@ -259,7 +259,9 @@ void printGroups(const std::vector<std::string>& findings)
         words >> number >> scenario >> host >> call;
         const std::string rule =
             open == std::string::npos ? "" : finding.substr(open, close - open + 1) + " ";
-        ++groups[rule + scenario + " " + call];
+        std::string group = rule;
+        group.append(scenario).append(" ").append(call);
+        ++groups[group];
     }
     for (const auto& [group, count] : groups) {
         std::printf("%6zu  %s\n", count, group.c_str());
@@ -374,6 +376,7 @@ int runAll(const Plan& plan, const Options& options, const std::string& parent)
 {
     const std::vector<std::size_t> numbers = chosen(plan, options);
     std::vector<Job> jobs;
+    jobs.reserve(numbers.size());
     for (const std::size_t number : numbers) {
         jobs.push_back(plan.jobs[number - 1]);
     }

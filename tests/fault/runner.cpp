@@ -251,11 +251,51 @@ Life Cell::live(const Run& run, const Injection& injection)
     return life;
 }
 
+namespace
+{
+
+// What the workers share: the next job that nobody has taken, and what came of each.
+struct Board {
+    std::atomic<std::size_t>* next;
+    Verdict* verdicts;
+};
+
+// Lives through jobs until none is left, and writes the findings down.
+void work(const std::vector<Run>& runs, const std::vector<Job>& jobs,
+          const std::vector<std::size_t>& numbers, const Board& board, Cell& cell,
+          std::ostream& report)
+{
+    for (std::size_t i = board.next->fetch_add(1); i < jobs.size() && stopped == 0;
+         i = board.next->fetch_add(1)) {
+        const Run& run = runs[jobs[i].run];
+        const Life life = cell.live(run, jobs[i].injection);
+        if (stopped != 0) {
+            return;  // it was ended from outside
+        }
+        std::vector<std::string> findings = judgeLife(life);
+        const auto known =
+            std::erase_if(findings, [&](const std::string& each) { return isKnown(life, each); });
+        board.verdicts[i] = {1, fateOf(life),
+                             static_cast<uint8_t>(std::min<std::size_t>(findings.size(), 255)),
+                             static_cast<uint8_t>(known > 0 ? 1 : 0)};
+        if (findings.empty()) {
+            continue;
+        }
+        report << '#' << numbers[i] << ' ' << nameOf(run, jobs[i].injection) << '\n';
+        for (const std::string& finding : findings) {
+            report << "  " << finding << '\n';
+        }
+        report << '\0' << std::flush;
+    }
+}
+
+}  // namespace
+
 Tally runJobs(const std::vector<Run>& runs, const std::vector<Job>& jobs,
               const std::vector<std::size_t>& numbers, int workers, const std::string& parent)
 {
-    auto* next = new (shared<std::atomic<std::size_t>>(1)) std::atomic<std::size_t>(0);
-    auto* verdicts = shared<Verdict>(std::max<std::size_t>(jobs.size(), 1));
+    const Board board = {new (shared<std::atomic<std::size_t>>(1)) std::atomic<std::size_t>(0),
+                         shared<Verdict>(std::max<std::size_t>(jobs.size(), 1))};
     std::fflush(nullptr);
     std::vector<pid_t> pids;
     for (int worker = 0; worker < workers; ++worker) {
@@ -269,27 +309,7 @@ Tally runJobs(const std::vector<Run>& runs, const std::vector<Job>& jobs,
         {
             Cell cell(parent, worker);
             std::ofstream report(parent + "/findings" + std::to_string(worker), std::ios::binary);
-            for (std::size_t i = next->fetch_add(1); i < jobs.size() && stopped == 0;
-                 i = next->fetch_add(1)) {
-                const Life life = cell.live(runs[jobs[i].run], jobs[i].injection);
-                if (stopped != 0) {
-                    break;  // it was ended from outside
-                }
-                std::vector<std::string> findings = judgeLife(life);
-                const auto known = std::erase_if(
-                    findings, [&](const std::string& each) { return isKnown(life, each); });
-                verdicts[i] = {1, fateOf(life),
-                               static_cast<uint8_t>(std::min<std::size_t>(findings.size(), 255)),
-                               static_cast<uint8_t>(known > 0 ? 1 : 0)};
-                if (!findings.empty()) {
-                    report << '#' << numbers[i] << ' '
-                           << nameOf(runs[jobs[i].run], jobs[i].injection) << '\n';
-                    for (const std::string& finding : findings) {
-                        report << "  " << finding << '\n';
-                    }
-                    report << '\0' << std::flush;
-                }
-            }
+            work(runs, jobs, numbers, board, cell, report);
         }
         _exit(0);
     }
@@ -300,7 +320,7 @@ Tally runJobs(const std::vector<Run>& runs, const std::vector<Job>& jobs,
             std::for_each(pids.begin(), pids.end(), [](pid_t each) { kill(each, SIGTERM); });
         }
     }
-    tally.verdicts.assign(verdicts, verdicts + jobs.size());
+    tally.verdicts.assign(board.verdicts, board.verdicts + jobs.size());
     for (int worker = 0; worker < workers; ++worker) {
         std::ifstream report(parent + "/findings" + std::to_string(worker), std::ios::binary);
         for (std::string finding; std::getline(report, finding, '\0');) {

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -45,7 +46,7 @@ void readStream()
 {
     static char lines[4000];
     std::memset(lines, 'x', sizeof(lines));
-    std::memcpy(lines, "first\nsecond\n", 13);
+    std::string_view("first\nsecond\n").copy(lines, sizeof(lines));
     lines[700] = '\n';
     lines[3999] = '\n';
     writeFile("read", {lines, sizeof(lines)});

@@ -153,6 +153,16 @@ std::string contentsAndClose(int fd)
     return text;
 }
 
+// Without the line in which an emulator tells of the signal that ended its program.
+std::string withoutEmulator(std::string text)
+{
+    const std::size_t line = text.rfind("qemu: uncaught target signal ");
+    if (line != std::string::npos && (line == 0 || text[line - 1] == '\n')) {
+        text.erase(line, text.find('\n', line) - line + 1);
+    }
+    return text;
+}
+
 void setStatus(ChildResult& result, int status)
 {
     result.exited = WIFEXITED(status);
@@ -372,7 +382,7 @@ ChildResult runChild(const std::function<void()>& body, Milliseconds limit)
     }
     result.seconds = std::chrono::duration<double>(Clock::now() - started).count();
     result.out = contentsAndClose(out);
-    result.err = contentsAndClose(err);
+    result.err = withoutEmulator(contentsAndClose(err));
     reportFailedChild(result);
     return result;
 }
@@ -491,7 +501,7 @@ ChildResult Peer::wait(Milliseconds limit)
         waited_ = true;
         result_.seconds = std::chrono::duration<double>(Clock::now() - started_).count();
         result_.out = contentsAndClose(out_);
-        result_.err = contentsAndClose(err_);
+        result_.err = withoutEmulator(contentsAndClose(err_));
         out_ = -1;
         err_ = -1;
         closeChannel();
