@@ -133,10 +133,12 @@ void sendRaw(int queue, uint16_t code, uint16_t length, std::string_view data)
     }
 }
 
+constexpr uint64_t kAsItIs = UINT64_MAX;  // bytes of data: those that there are
+
 void sendAnswer(uint16_t channel, uint16_t status, AnswerHead head, std::string_view data,
-                std::size_t pretended = SIZE_MAX)
+                uint64_t pretended = kAsItIs)
 {
-    head.dataBytes = static_cast<uint32_t>(pretended == SIZE_MAX ? data.size() : pretended);
+    head.dataBytes = static_cast<uint32_t>(pretended == kAsItIs ? data.size() : pretended);
     std::string message(reinterpret_cast<const char*>(&head), sizeof(head));
     message += data;
     message += std::string(5, '\0');  // as the library lets them travel
@@ -237,7 +239,7 @@ AnswerHead forgedHead(const Pending& pending)
 void sendCommonLies(const Pending& pending, const AnswerHead& good, std::string_view data)
 {
     const uint16_t channel = pending.head.channel;
-    const auto lie = [&](auto change, std::size_t pretended = SIZE_MAX) {
+    const auto lie = [&](auto change, uint64_t pretended = kAsItIs) {
         AnswerHead head = good;
         change(head);
         sendAnswer(channel, kAnswerDone, head, data, pretended);
