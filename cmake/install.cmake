@@ -29,3 +29,7 @@ foreach(tool IN ITEMS rmini rmheap rmipc)
             DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
     endif()
 endforeach()
+
+# The manual pages of the interface, in a tree in which `./run docs` has made them.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/build/docs/man/man3 ${PROJECT_SOURCE_DIR}/build/docs/man/man7
+    DESTINATION ${CMAKE_INSTALL_MANDIR} OPTIONAL)
