@@ -93,17 +93,18 @@ void noteRoom(DArray* array, int16_t number)
     }
 }
 
-// Takes the first free entry of a block, below which all are full, out of its list. kNoSlot when
-// somebody else was quicker.
+// Takes the first free entry of a block out of its list. kNoSlot when somebody else was quicker.
 int16_t takeFree(DArray* array, int32_t number)
 {
     Block* block = array->blocks[number];
     rm_enterCritSec(kSection);
     const int16_t slot = block->freeHead;
     if (slot != kNoSlot) {
+        // Looked for again: somebody may have deleted below it meanwhile.
+        const int32_t lowest = blockWithRoom(array);
         block->freeHead = block->entries[slot].nextFree;
         if (array->firstWithRoom != ~number) {
-            array->firstWithRoom = static_cast<int16_t>(number);
+            array->firstWithRoom = static_cast<int16_t>(lowest);
         } else if (block->freeHead == kNoSlot) {
             array->firstWithRoom = array->blockCount;
         }
@@ -235,10 +236,12 @@ int16_t darrayCreateEntry(DArray* array, const char* name, void** data)
             }
             rm_enterCritSec(kSection);
             if (number == array->blockCount) {  // else somebody else has made one
+                const int32_t lowest = blockWithRoom(array);
                 darrayMakeNewBlock(array);
-                array->firstWithRoom = static_cast<int16_t>(~number);
+                array->firstWithRoom = static_cast<int16_t>(lowest == number ? ~number : lowest);
             }
             rm_exitCritSec(kSection);
+            continue;
         }
         const int16_t slot = takeFree(array, number);
         if (slot == kNoSlot) {

@@ -21,6 +21,9 @@ bool counting = false;
 // What another caller does while the next one waits to enter; once.
 std::function<void()> meanwhile;
 
+// What another caller does, or sees, as soon as the next one has left; once.
+std::function<void()> afterwards;
+
 void note(int sign, int16_t section)
 {
     if (counting && section == kSection) {
@@ -48,6 +51,9 @@ void __wrap_rm_exitCritSec(int16_t section)
 {
     note(-1, section);
     __real_rm_exitCritSec(section);
+    if (section == kSection && afterwards) {
+        std::exchange(afterwards, nullptr)();
+    }
 }
 
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
@@ -147,6 +153,52 @@ TEST_F(DArrayCriticalSection, IsNotEnteredByLookups)
                     darrayGetEntryName(array, 0);
                 }),
                 IsEmpty());
+}
+
+TEST_F(DArrayCriticalSection, IsEnteredByADeletionWhenTheNameIsGone)
+{
+    DArray* array = makeWith(10, 100, 10);
+    const char* name = "unseen";
+    Slots free = {-1};
+    meanwhile = [&] {
+        name = darrayGetEntryName(array, 3);
+        free = freeList(array, 0);
+    };
+    darrayDeleteEntry(array, 3);
+    EXPECT_EQ(name, nullptr);
+    EXPECT_EQ(free, Slots{});
+}
+
+TEST_F(DArrayCriticalSection, IsLeftByACreationBeforeTheNameIsThere)
+{
+    DArray* array = makeWith(1, 100, 10);
+    const char* name = "unseen";
+    Slots free;
+    afterwards = [&] {
+        name = darrayGetEntryName(array, 1);
+        free = freeList(array, 0);
+    };
+    EXPECT_EQ(create(array).index, 1);
+    EXPECT_EQ(name, nullptr);
+    EXPECT_EQ(free, upFrom(2, 8));
+}
+
+TEST_F(DArrayCriticalSection, IsWhereADeletionInALowerBlockIsNoted)
+{
+    DArray* array = makeWith(15, 20, 10);
+    meanwhile = [&] { darrayDeleteEntry(array, 3); };
+    EXPECT_EQ(create(array).index, 15);
+    EXPECT_EQ(darrays::checkDArray(array), 0U);
+    EXPECT_EQ(createMany(array, 6), (Slots{3, 16, 17, 18, 19, -1}));
+}
+
+TEST_F(DArrayCriticalSection, IsWhereADeletionBeforeANewBlockIsNoted)
+{
+    DArray* array = makeWith(10, 20, 10);
+    meanwhile = [&] { darrayDeleteEntry(array, 3); };
+    EXPECT_EQ(create(array).index, 3);
+    EXPECT_EQ(array->blockCount, 2);
+    EXPECT_EQ(createMany(array, 11), (Slots{10, 11, 12, 13, 14, 15, 16, 17, 18, 19, -1}));
 }
 
 }  // namespace
