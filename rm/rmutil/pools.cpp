@@ -106,6 +106,9 @@ PoolElement* sizedFor(uint32_t bytes, PoolElement* element, Tag tag)
 RmPool* rm_allocPool(uint32_t maximum, int16_t tag, const char* name, uint32_t timeout)
 {
     auto* pool = static_cast<RmPool*>(rm_getMemory(sizeof(RmPool), tag));
+    if (pool == nullptr) {
+        return nullptr;
+    }
     pool->freeList = nullptr;
     pool->tag = tag;
     pool->maximum = maximum;
