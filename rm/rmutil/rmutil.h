@@ -104,6 +104,9 @@ bool nextLine(LineContext* context, std::string_view* line);
 // The next line with every byte that it has, zeros too; the last one need not end with a newline.
 bool nextWhole(LineContext* context, std::string_view* line);
 
+// a + b, as the size of a line. Memory is out where 32 bits cannot count it: no block is that long.
+uint32_t addBytes(uint32_t a, uint32_t b);
+
 // Gives back what the buffer has beyond its size.
 void finishLines(LineContext* context);
 

@@ -127,10 +127,7 @@ bool reserve(LineContext* context)
 
 bool grow(LineContext* context)
 {
-    if (context->size > std::numeric_limits<uint32_t>::max() - kLineStep) {
-        rmsrv::outOfMemory();
-    }
-    context->size += kLineStep;
+    context->size = addBytes(context->size, kLineStep);
     return reserve(context);
 }
 
@@ -300,6 +297,14 @@ bool rmutil::nextLine(LineContext* context, std::string_view* line)
     return true;
 }
 
+uint32_t rmutil::addBytes(uint32_t a, uint32_t b)
+{
+    if (a > std::numeric_limits<uint32_t>::max() - b) {
+        rmsrv::outOfMemory();
+    }
+    return a + b;
+}
+
 bool rmutil::nextWhole(LineContext* context, std::string_view* line)
 {
     FileStream* stream = context->stream;
@@ -318,10 +323,7 @@ bool rmutil::nextWhole(LineContext* context, std::string_view* line)
             *line = {from, length};
             return true;
         }
-        if (length > std::numeric_limits<uint32_t>::max() - assembled) {
-            rmsrv::outOfMemory();
-        }
-        context->size = std::max(context->size, assembled + length);
+        context->size = std::max(context->size, addBytes(assembled, length));
         if (!reserve(context)) {
             stream->failed = true;
             return false;
