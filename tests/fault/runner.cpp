@@ -17,6 +17,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/msg.h>
@@ -306,6 +307,8 @@ Tally runJobs(const std::vector<Run>& runs, const std::vector<Job>& jobs,
         }
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         stopOnSignals();
+        // As root each has its objects for itself: the key of another's may be the same.
+        static_cast<void>(unshare(CLONE_NEWIPC));
         {
             Cell cell(parent, worker);
             std::ofstream report(parent + "/findings" + std::to_string(worker), std::ios::binary);

@@ -6,6 +6,11 @@
 #            <root of the sources> <object file...>]
 set -euo pipefail
 
+# As root a case has the objects of its server for itself: the key of another's may be the same.
+if [ -z "${CATALOGUE_ALONE-}" ] && unshare --ipc true 2>/dev/null; then
+    CATALOGUE_ALONE=1 exec unshare --ipc "$0" "$@"
+fi
+
 catalogue=$(realpath "$1")
 case_name=$2
 # The cases use these.

@@ -25,6 +25,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/ipc.h>
@@ -314,6 +315,10 @@ void guardThisProcess()
 
 void RmTest::SetUp()
 {
+    // Keys are 16 bits of the numbers of token files, so an object of a case that runs beside, or
+    // of a server on this machine, may have the same one. As root a case has a namespace of its
+    // own.
+    static_cast<void>(unshare(CLONE_NEWIPC));
     std::error_code ignored;
     before_ = std::filesystem::current_path(ignored);
     directory_ = makeDirectory();
