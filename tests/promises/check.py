@@ -38,11 +38,12 @@ def items(text):
 
 
 class Page:
-    def __init__(self, path, suite, seen):
+    def __init__(self, path, suite):
         self.name = path.stem
         self.complaints = []
         self.cases = set()
         self.unseen = 0
+        seen = {}
         text = path.read_text()
         self.promises = items(text)
         if not self.promises:
@@ -55,7 +56,7 @@ class Page:
             words = CASES.sub("", item)
             if words in seen:
                 self.complain(number, f"says again what {seen[words]} says")
-            seen[words] = f"{self.name}.md:{number}"
+            seen[words] = f"line {number}"
 
     def complain(self, number, what):
         self.complaints.append(f"{self.name}.md:{number}: {what}")
@@ -82,9 +83,8 @@ def main():
     options = parser.parse_args()
 
     suite = cases_of_the_suite(options.build)
-    seen = {}
     lists = [path for path in sorted(options.pages.glob("*.md")) if path.stem != "README"]
-    pages = [Page(path, suite, seen) for path in lists]
+    pages = [Page(path, suite) for path in lists]
     if options.table:
         print(f"{'page':14} {'promises':>9} {'cases':>6} {'cannot be seen':>15}")
         for page in pages:

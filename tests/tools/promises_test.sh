@@ -49,7 +49,7 @@ broken "a name with its parameter" "things.md:7: has no case" 's,IsRound,IsRound
 broken "a promise without a case" "things.md:7: has no case, and no reason" 's/ .Thing.IsRound.$//'
 broken "a case in the middle" "things.md:7: has no case" 's/.Thing.IsRound.$/& and more/'
 broken "a reason that is none" "things.md:10: has no case" 's/seen: .*/seen:/'
-broken "a promise made twice" "things.md:8: says again what things.md:7 says" '7p'
+broken "a promise made twice" "things.md:8: says again what line 7 says" '7p'
 broken "a long line" "things.md:3: is longer" '3s/$/ Words without an end, which nobody reads, and which no window shows as a whole, on any desk of anybody./'
 broken "a page without promises" "things.md:1: promises nothing" '/^[- ]/d'
 rm "$page"
