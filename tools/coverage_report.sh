@@ -2,14 +2,15 @@
 # coverage_report.sh BUILD_DIR
 # Lines and branches of rm/ that the suite has run, a row per file, with the lines it has not; the
 # same with its source as pages in BUILD_DIR/report. Branches that only an exception would take, or
-# that the compiler added, are no branches of the library: nothing in it throws.
+# that the compiler added, are no branches of the library: nothing in it throws. A line that was not
+# run is a failure, and so is a branch that was not taken and has no reason in coverage_untaken.txt.
 set -euo pipefail
 
 build=$1
 mkdir -p "$build/report"
 gcovr --root . --filter 'rm/' --exclude-throw-branches --exclude-unreachable-branches \
     --csv "$build/report/coverage.csv" --html-details "$build/report/index.html" \
-    --txt "$build/report/coverage.txt" "$build/CMakeFiles/rm_objects.dir"
+    --txt "$build/report/coverage.txt" --json "$build/report/coverage.json" "$build/CMakeFiles/rm_objects.dir"
 
 awk -F, '
     function percent(covered, total) {
@@ -39,3 +40,5 @@ awk -F, '
 missing=$(awk '/^rm\// && NF > 4 { sub(/^/, "    "); print "    " $1 ": " $NF }' "$build/report/coverage.txt")
 [ -z "$missing" ] || printf 'lines not run:\n%s\n' "$missing"
 echo "pages: $build/report/index.html"
+tools/coverage_branches.py "$build/report/coverage.json" tools/coverage_untaken.txt
+[ -z "$missing" ]

@@ -158,11 +158,7 @@ int16_t answerList(LineContext* lines, const char* section, const Answer& answer
         result = RM_NOT_FOUND;  // what could not be read is not taken for the end
     }
     if (answer.size > 0) {
-        // The last entry is cut where the buffer is full: two zeros end the list in any case.
-        *list.at = '\0';
-        if (list.left == 0 && list.at > answer.buffer) {
-            list.at[-1] = '\0';
-        }
+        *list.at = '\0';  // each entry ends with a zero, a cut one too: two of them end the list
     }
     return result;
 }

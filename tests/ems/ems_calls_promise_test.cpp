@@ -1,6 +1,6 @@
 // Modules from outside: what loads, lookups and unloads ask of the system, of the log and of the
 // functions that they give.
-#include "tests/support/modules.h"
+#include "ems_case.h"
 
 #include "rm.h"
 #include "rm/ems.h"
@@ -72,6 +72,7 @@ void rm_getEmList(uint16_t* emCount, const EmListEntry** emList, uint16_t* iefCo
 
 namespace
 {
+using rmtest::addressOf;
 using rmtest::Call;
 using rmtest::callCount;
 using rmtest::CallRecord;
@@ -79,28 +80,13 @@ using rmtest::callTrace;
 using rmtest::captureStderr;
 using rmtest::catchFatal;
 using rmtest::installModule;
+using rmtest::kUntouched;
+using rmtest::load;
+using rmtest::nothing;
 using rmtest::resetCalls;
 using rmtest::ScopedFault;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-constexpr int16_t kUntouched = -77;
-
-char nothing;  // its address is no function's
-
-int16_t load(const std::string& path)
-{
-    int16_t handle = kUntouched;
-    EXPECT_EQ(rm_emLoad(path.c_str(), &handle), 0) << path;
-    return handle;
-}
-
-void* addressOf(int16_t handle, const char* name, int16_t status = 0)
-{
-    void* address = &nothing;
-    EXPECT_EQ(rm_emGetFcnAddr(handle, name, &address), status) << name;
-    return address;
-}
 
 // The calls of the trace that are neither memory nor the test's own, as "name text".
 std::vector<std::string> systemCalls()

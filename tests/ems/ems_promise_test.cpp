@@ -1,6 +1,6 @@
 // The registry of modules step by step: what it holds, when it is made, and what a module finds in
 // it while its own code runs.
-#include "tests/support/modules.h"
+#include "ems_case.h"
 
 #include "rm.h"
 #include "rm/bag.h"
@@ -38,6 +38,7 @@ void rm_getEmList(uint16_t* emCount, const EmListEntry** emList, uint16_t* iefCo
 namespace
 {
 using ems::EmBag;
+using rmtest::addressOf;
 using rmtest::bytesOfTag0;
 using rmtest::Call;
 using rmtest::callCount;
@@ -46,29 +47,14 @@ using rmtest::callTrace;
 using rmtest::captureStderr;
 using rmtest::catchFatal;
 using rmtest::installModule;
+using rmtest::kUntouched;
+using rmtest::load;
+using rmtest::nothing;
 using rmtest::onModuleClose;
 using rmtest::onModuleEntry;
 using rmtest::ScopedFault;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
-
-constexpr int16_t kUntouched = -77;
-
-char nothing;  // its address is no function's
-
-int16_t load(const std::string& path)
-{
-    int16_t handle = kUntouched;
-    EXPECT_EQ(rm_emLoad(path.c_str(), &handle), 0) << path;
-    return handle;
-}
-
-void* addressOf(int16_t handle, const char* name, int16_t status = 0)
-{
-    void* address = &nothing;
-    EXPECT_EQ(rm_emGetFcnAddr(handle, name, &address), status) << name;
-    return address;
-}
 
 // A slot of a bag as the words that it is made of.
 std::vector<void*> wordsOf(Bag* bag, uint16_t slot)

@@ -30,6 +30,8 @@ namespace
 using namespace fault;
 
 constexpr std::size_t kShownFindings = 25;
+constexpr std::ptrdiff_t kMostPerAbsent =
+    50;  // injections, of which one may have had no call to fail
 constexpr unsigned long kAskOnly = 0xFFFFFFFF;  // of personality()
 
 struct Options {
@@ -388,6 +390,14 @@ int runAll(const Plan& plan, const Options& options, const std::string& parent)
                                       [](const Verdict& verdict) { return verdict.done == 0; });
     if (undone > 0) {
         tally.findings.push_back(std::to_string(undone) + " injections were not made");
+    }
+    const auto absent = std::count_if(tally.verdicts.begin(), tally.verdicts.end(),
+                                      [](const Verdict& verdict) { return verdict.absent != 0; });
+    if (absent > 0) {
+        std::printf("\n%td injections were meant for a call that a worker does not make\n", absent);
+    }
+    if (absent * kMostPerAbsent > std::ssize(jobs)) {
+        tally.findings.emplace_back("too many calls are made now and then only");
     }
     tally.findings.insert(tally.findings.begin(), plan.findings.begin(), plan.findings.end());
     const auto known = std::count_if(tally.verdicts.begin(), tally.verdicts.end(),

@@ -66,7 +66,7 @@ void judgeEnding(const Life& life, Findings* findings)
         findings->push_back("[ends] it did not come to its last line");
     }
     if (injected(life) && life.page->hits == 0) {
-        findings->push_back("[hit] the call was not made");
+        findings->push_back(std::string(kHit) + " the call was not made");
     }
 }
 

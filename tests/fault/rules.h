@@ -47,6 +47,9 @@ std::span<const Deviation> knownDeviations();
 // The finding is one of them.
 bool isKnown(const Life& life, const std::string& finding);
 
+// How the finding begins that the call to fail was not made.
+constexpr std::string_view kHit = "[hit]";
+
 // Every rule that was broken, "[rule] text"; what the host itself has found comes first.
 std::vector<std::string> judgeLife(const Life& life);
 

@@ -261,6 +261,14 @@ struct Board {
     Verdict* verdicts;
 };
 
+// How often memory is asked for depends on where it lies: the heap knows its segments by their
+// addresses, and those move with what this process has in memory by now. So a call that was counted
+// elsewhere may be one more than are made here.
+bool isAbsent(Cell& cell, const Run& run, const Injection& injection)
+{
+    return cell.live(run, {}).page->calls[injection.row] < injection.k;
+}
+
 // Lives through jobs until none is left, and writes the findings down.
 void work(const std::vector<Run>& runs, const std::vector<Job>& jobs,
           const std::vector<std::size_t>& numbers, const Board& board, Cell& cell,
@@ -276,9 +284,13 @@ void work(const std::vector<Run>& runs, const std::vector<Job>& jobs,
         std::vector<std::string> findings = judgeLife(life);
         const auto known =
             std::erase_if(findings, [&](const std::string& each) { return isKnown(life, each); });
-        board.verdicts[i] = {1, fateOf(life),
-                             static_cast<uint8_t>(std::min<std::size_t>(findings.size(), 255)),
-                             static_cast<uint8_t>(known > 0 ? 1 : 0)};
+        board.verdicts[i] = {1, fateOf(life), 0, static_cast<uint8_t>(known > 0 ? 1 : 0), 0};
+        if (life.page->hits == 0 && isAbsent(cell, run, jobs[i].injection)) {
+            std::erase_if(findings, [](const std::string& each) { return each.starts_with(kHit); });
+            board.verdicts[i].absent = 1;
+        }
+        board.verdicts[i].findings =
+            static_cast<uint8_t>(std::min<std::size_t>(findings.size(), 255));
         if (findings.empty()) {
             continue;
         }

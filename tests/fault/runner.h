@@ -28,6 +28,7 @@ struct Verdict {
     Fate fate;
     uint8_t findings;  // 255 and more count as 255
     uint8_t known;     // 1: what was found is known
+    uint8_t absent;    // 1: the call was not made, and without a fault it is not made here either
 };
 
 std::string nameOf(const Host& host);

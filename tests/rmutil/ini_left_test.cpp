@@ -44,7 +44,7 @@ class IniLeft : public rmtest::RmTest
 };
 
 // The line of the value begins in the first block of 512 bytes and ends in the second one.
-TEST_F(IniLeft, HalfOfAValueIsNotGiven)
+TEST_F(IniLeft, AValueWhoseLineCannotBeReadIsNotThere)
 {
     writeFile(kFile, "[a]\n" + std::string(500, 'x') + "\nkey=a value of two halves\n");
     captureStderr([] {

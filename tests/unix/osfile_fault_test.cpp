@@ -1,7 +1,7 @@
 // Descriptors when the operating system refuses: each call that the primitives make is failed with
 // each error that its manual page names, once and for ever, and with short counts where it has
 // them.
-#include "tests/support/support.h"
+#include "osfile_case.h"
 
 #include "rm.h"
 #include "rm/unix/unix.h"
@@ -88,44 +88,19 @@ class FileValidateFaults : public rmtest::RmTest
 {
 };
 
-// With a file of ten digits behind the descriptor `fd_`.
-class DigitsTest : public rmtest::RmTest
-{
-  protected:
-    void SetUp() override
-    {
-        RmTest::SetUp();
-        writeFile("file", "0123456789");
-        ASSERT_EQ(rm_flOpen("file", RM_O_RDWR, 0, 0600, &fd_), 0);
-        resetCalls();
-    }
-
-    void TearDown() override
-    {
-        close(fd_);
-        RmTest::TearDown();
-    }
-
-    off_t position() const { return lseek(fd_, 0, SEEK_CUR); }
-
-    int32_t fd_ = -1;
-    int32_t count_ = 7;
-    std::array<char, 10> buffer_ = {};
-};
-
-class FlReadFaults : public DigitsTest
+class FlReadFaults : public rmtest::DigitsTest
 {
 };
 
-class FlSeekFaults : public DigitsTest
+class FlSeekFaults : public rmtest::DigitsTest
 {
 };
 
-class FlSizeFaults : public DigitsTest
+class FlSizeFaults : public rmtest::DigitsTest
 {
 };
 
-class FlSetSizeFaults : public DigitsTest
+class FlSetSizeFaults : public rmtest::DigitsTest
 {
 };
 

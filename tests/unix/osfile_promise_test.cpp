@@ -1,6 +1,6 @@
 // Descriptors after a failure and over many interruptions: where the position stands, what the
 // block of zeros holds, how often the system is asked again.
-#include "tests/support/support.h"
+#include "osfile_case.h"
 
 #include "rm.h"
 #include "rm/unix/unix.h"
@@ -25,42 +25,19 @@ using rmtest::ScopedFault;
 using rmtest::writeFile;
 using ::testing::ElementsAre;
 
-// With a file of ten digits behind the descriptor `fd_`.
-class FlPromiseCase : public rmtest::RmTest
-{
-  protected:
-    void SetUp() override
-    {
-        RmTest::SetUp();
-        writeFile("file", "0123456789");
-        ASSERT_EQ(rm_flOpen("file", RM_O_RDWR, 0, 0600, &fd_), 0);
-        resetCalls();
-    }
-
-    void TearDown() override
-    {
-        close(fd_);
-        RmTest::TearDown();
-    }
-
-    off_t position() const { return lseek(fd_, 0, SEEK_CUR); }
-
-    int32_t fd_ = -1;
-};
-
-class FlSetSizeFailed : public FlPromiseCase
+class FlSetSizeFailed : public rmtest::DigitsTest
 {
 };
 
-class FlSetSizeCalls : public FlPromiseCase
+class FlSetSizeCalls : public rmtest::DigitsTest
 {
 };
 
-class FlSizeCalls : public FlPromiseCase
+class FlSizeCalls : public rmtest::DigitsTest
 {
 };
 
-class FlManyInterruptions : public FlPromiseCase
+class FlManyInterruptions : public rmtest::DigitsTest
 {
 };
 

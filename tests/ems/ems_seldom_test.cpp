@@ -1,0 +1,158 @@
+// The registry of modules when its bags refuse: one that is not made, a lookup that misses what a
+// second one finds, and a registry that has lost its map.
+#include "tests/support/modules.h"
+
+#include "rm.h"
+#include "rm/bag.h"
+#include "rm/ems.h"
+#include "rm/rmalloc/rmalloc.h"
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+namespace
+{
+// The control record of the bags that are not made; null for none.
+const BagCtl* refused = nullptr;
+
+// Lookups that miss whatever stands in the bag, and all that were made.
+int misses = 0;
+int lookups = 0;
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
+extern "C" int16_t __real_bagCreate(const BagCtl* ctl, Bag** bag);
+extern "C" int16_t __wrap_bagCreate(const BagCtl* ctl, Bag** bag);
+extern "C" int16_t __real_bagFind(Bag* bag, const void* key, uint16_t* handle, void** pointer);
+extern "C" int16_t __wrap_bagFind(Bag* bag, const void* key, uint16_t* handle, void** pointer);
+
+int16_t __wrap_bagCreate(const BagCtl* ctl, Bag** bag)
+{
+    return refused != nullptr && ctl == refused ? int16_t{RM_INVALID} : __real_bagCreate(ctl, bag);
+}
+
+int16_t __wrap_bagFind(Bag* bag, const void* key, uint16_t* handle, void** pointer)
+{
+    ++lookups;
+    if (misses > 0) {
+        --misses;
+        return RM_NOT_FOUND;
+    }
+    return __real_bagFind(bag, key, handle, pointer);
+}
+
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+
+namespace
+{
+using ems::EmBag;
+using rmtest::blocksOfTag0;
+using rmtest::captureStderr;
+using rmtest::installModule;
+using rmtest::logLines;
+using rmtest::modulesEntered;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+char function;  // its address is what the cases register
+
+class EmBags : public rmtest::ModuleTest
+{
+  protected:
+    void TearDown() override
+    {
+        refused = nullptr;
+        misses = 0;
+        ModuleTest::TearDown();
+    }
+};
+
+TEST_F(EmBags, WithoutARegistryNothingIsInitialisedNorLoaded)
+{
+    const std::string path = installModule("plain", "./m00");
+    int16_t handle = -77;
+    refused = &ems::EmBagCtl;
+    EXPECT_EQ(rm_emInit(), RM_INVALID);
+    EXPECT_EQ(EmBag, nullptr);
+    EXPECT_EQ(rm_emLoad(path.c_str(), &handle), RM_INVALID);
+    EXPECT_EQ(EmBag, nullptr);
+    EXPECT_EQ(handle, -77);
+    EXPECT_THAT(modulesEntered(), IsEmpty());
+    refused = nullptr;
+    EXPECT_EQ(rm_emLoad(path.c_str(), &handle), RM_SUCCESS);
+    EXPECT_EQ(handle, 0);
+}
+
+TEST_F(EmBags, WithoutAListOfFunctionsARegistrationFailsAndTheModuleStays)
+{
+    ASSERT_EQ(rm_emInit(), RM_SUCCESS);
+    refused = &ems::EmFcnBagCtl;
+    EXPECT_EQ(rm_emRegFcn("geo", "f", &function), RM_INVALID);
+    EXPECT_EQ(EmBag->usedCount, 1);
+    const uint32_t blocks = blocksOfTag0();
+    EXPECT_EQ(rm_emRegFcn("geo", "f", &function), RM_INVALID);
+    EXPECT_EQ(EmBag->usedCount, 1);
+    EXPECT_EQ(blocksOfTag0(), blocks) << "nothing more is kept";
+    refused = nullptr;
+    EXPECT_EQ(rm_emRegFcn("geo", "f", &function), RM_SUCCESS);
+    void* address = nullptr;
+    EXPECT_EQ(rm_emGetFcnAddr(0, "f", &address), RM_SUCCESS);
+    EXPECT_EQ(address, &function);
+}
+
+TEST_F(EmBags, AreAskedTwiceForANameBeforeItIsLoaded)
+{
+    const std::string path = installModule("plain", "./m00");
+    int16_t handle = -77;
+    lookups = 0;
+    EXPECT_EQ(rm_emLoad(path.c_str(), &handle), RM_SUCCESS);
+    EXPECT_EQ(lookups, 2);
+    lookups = 0;
+    EXPECT_EQ(rm_emLoad(path.c_str(), &handle), RM_SUCCESS);
+    EXPECT_EQ(lookups, 1) << "once where the first one finds it";
+}
+
+TEST_F(EmBags, GiveAModuleThatOnlyTheSecondLookupFinds)
+{
+    const std::string first = installModule("plain", "./m00");
+    const std::string second = installModule("plain", "./m01");
+    int16_t handle = -77;
+    ASSERT_EQ(rm_emLoad(first.c_str(), &handle), RM_SUCCESS);
+    ASSERT_EQ(rm_emLoad(second.c_str(), &handle), RM_SUCCESS);
+    const uint32_t blocks = blocksOfTag0();
+    const std::size_t entered = modulesEntered().size();
+    handle = -77;
+    misses = 1;
+    EXPECT_EQ(rm_emLoad(first.c_str(), &handle), RM_SUCCESS);
+    EXPECT_EQ(misses, 0);
+    EXPECT_EQ(handle, 0);
+    EXPECT_EQ(modulesEntered().size(), entered) << "it is not loaded again";
+    EXPECT_EQ(blocksOfTag0(), blocks) << "the name is given back";
+}
+
+// Every slot counts as used then, and those that do not exist still do not.
+TEST_F(EmBags, WithoutAMapHaveNoModuleBehindTheLastSlot)
+{
+    const std::string path = installModule("plain", "./m00");
+    int16_t handle = -77;
+    ASSERT_EQ(rm_emLoad(path.c_str(), &handle), RM_SUCCESS);
+    uint16_t* map = std::exchange(EmBag->slotMap, nullptr);
+    void* address = &function;
+    for (const int beyond : {int{EmBag->slotCount}, EmBag->slotCount + 1, 32'767, -1}) {
+        const auto lines = logLines(captureStderr([&] {
+            const auto none = static_cast<int16_t>(beyond);
+            EXPECT_EQ(rm_emGetFcnAddr(none, "exportedSum", &address), RM_UNKNOWN_MODULE) << beyond;
+            EXPECT_EQ(rm_emUnload(none), RM_UNKNOWN_MODULE) << beyond;
+        }));
+        EXPECT_THAT(lines, ElementsAre("markSlotUsed failed", "markSlotUsed failed"));
+    }
+    EXPECT_EQ(address, &function);
+    EmBag->slotMap = map;
+    EXPECT_EQ(rm_emUnload(handle), RM_SUCCESS);
+}
+
+}  // namespace
