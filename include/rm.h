@@ -1102,7 +1102,8 @@ RM_API int16_t rm_syncDelete(int16_t handle);
  * @return 0 when the lock is held; ::RM_TIMEOUT when it was not free in time. Look at it even
  *         without a limit: once a timed wait of the process has timed out, a signal ends a wait
  *         without limit in the same way.
- * @fatal syscall, also when the object is deleted meanwhile
+ * @fatal syscall, also when the set is removed meanwhile; an object that is deleted beside others
+ *        stays held
  * @log "Invalid Semaphore Handle"; "semop() failure"
  */
 RM_API int16_t rm_syncEnterExcl(int16_t handle, uint32_t timeout);

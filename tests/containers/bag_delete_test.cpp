@@ -439,4 +439,27 @@ TEST_F(BagRead, ReachesEveryElementByItsHandle)
     }
 }
 
+// Compact bags have a shorter way for short elements.
+TEST_F(BagAdd, WritesIntoItsOwnSlotOnlyWhateverTheSize)
+{
+    for (const uint16_t flags : Numbers{kCompact, kMapped, kRing}) {
+        for (uint16_t size = 1; size <= 80; ++size) {
+            Bag* bag = make({.flags = flags, .initialSlots = 3, .elementSize = size});
+            std::string expected;
+            for (int i = 0; i < 3; ++i) {
+                std::string element;
+                for (uint16_t at = 0; at < size; ++at) {
+                    element += static_cast<char>(at + i * 83 + 1);
+                }
+                ASSERT_EQ(bagAdd(bag, element.data()), RM_SUCCESS);
+                expected += element;
+                std::string all = expected;
+                all.resize(std::size_t{3} * size, '\0');
+                ASSERT_EQ(std::string(static_cast<char*>(bag->data), all.size()), all)
+                    << flags << ", " << size;
+            }
+        }
+    }
+}
+
 }  // namespace

@@ -64,9 +64,10 @@ TEST_P(EveryFault, CreationWithoutMemoryIsFatalAndStoresNothing)
     rm_freeMemory(rm_getMemory(8, 0), 0);
     const int pieces = (GetParam() & kMapped) != 0 ? 3 : 2;
     for (int had = 0; had < pieces; ++had) {
-        Bag* bag = nullptr;
+        Bag* const untouched = reinterpret_cast<Bag*>(this);
+        Bag* bag = untouched;
         EXPECT_TRUE(fatalAfter(had, [&] { bagCreate(&ctl, &bag); })) << had;
-        EXPECT_EQ(bag, nullptr);
+        EXPECT_EQ(bag, untouched);
         EXPECT_EQ(rmalloc::checkMemory(), 0U);
     }
     rm_freeTagMemory(0, 0);

@@ -94,4 +94,23 @@ TEST_F(BagLarge, GoRoundBehindTheLastHandleAsRings)
     EXPECT_EQ(bag->curSlot, 0);
 }
 
+TEST_F(BagLarge, HaveElementsOf65535Bytes)
+{
+    constexpr uint16_t kSize = 65'535;
+    for (const uint16_t flags : {kCompact, kMapped}) {
+        Bag* bag =
+            make({.flags = flags, .initialSlots = 2, .growIncrement = 2, .elementSize = kSize});
+        for (const char letter : {'a', 'b', 'c'}) {
+            const std::string element(kSize, letter);
+            ASSERT_EQ(bagAdd(bag, element.data()), RM_SUCCESS);
+        }
+        for (const uint16_t handle : Numbers{0, 1, 2}) {
+            std::string copy(std::size_t{kSize} + 1, '!');
+            ASSERT_EQ(bagSetCurHandle(bag, handle), RM_SUCCESS);
+            ASSERT_EQ(bagGetCurData(bag, copy.data()), RM_SUCCESS);
+            EXPECT_TRUE(copy == std::string(kSize, "abc"[handle]) + '!') << handle;
+        }
+    }
+}
+
 }  // namespace

@@ -309,4 +309,21 @@ TEST_F(DArrayDestroy, DoesNothingToNull)
     EXPECT_EQ(rm_memused(), memory);
 }
 
+TEST_F(DArrayCreate, WithoutMemoryForItsRecordIsFatalAndTheOthersGoOn)
+{
+    segmentsOfOneBlock();
+    DArray* other = makeWith(1, 10, 10);
+    {
+        // The name of the tag, then the record.
+        const ScopedFault fault({.call = Call::kMalloc, .error = ENOMEM, .skip = 1});
+        const std::string log = captureStderr(
+            [] { EXPECT_EQ(rmtest::catchFatal([] { darrayCreate(10, 10, 4); }), 1); });
+        EXPECT_THAT(log, ::testing::HasSubstr("Out of memory!"));
+        EXPECT_EQ(fault.hits(), 1);
+    }
+    EXPECT_EQ(create(other).index, 1);
+    EXPECT_EQ(create(make(10, 10, 4)).index, 0);
+    EXPECT_EQ(rmalloc::checkMemory(), 0U);
+}
+
 }  // namespace

@@ -462,4 +462,17 @@ TEST_P(DArrayNoMemoryFor, LeavesTheRestOfTheArrayUsable)
 INSTANTIATE_TEST_SUITE_P(All, DArrayNoMemoryFor, ::testing::ValuesIn(kPieces),
                          [](const auto& parameter) { return parameter.param.name; });
 
+TEST_F(DArrayDeletedTwice, IsFatalForEveryCreationThatComesToIt)
+{
+    DArray* array = makeWith(10, 100, 10);
+    darrayDeleteEntry(array, 3);
+    darrayDeleteEntry(array, 3);
+    EXPECT_EQ(create(array).index, 3);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_THAT(fatalCreation(array), ElementsAre(kCorruption, kShutdown)) << i;
+    }
+    EXPECT_EQ(array->blockCount, 1);
+    forget(array);
+}
+
 }  // namespace

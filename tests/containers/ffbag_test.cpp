@@ -577,7 +577,9 @@ TEST_F(FfBagSize, OfElementsWithoutBytesCounts)
     EXPECT_EQ(push(bag, 'a'), "ok");
     EXPECT_EQ(push(bag, 'a'), "ok");
     EXPECT_EQ(push(bag, 'a'), "full");
-    EXPECT_EQ(pop(bag), "?");  // taken out, and the buffer is as it was
+    char letter = '?';
+    EXPECT_EQ(ffBagPop(bag.bag, &letter), 0);
+    EXPECT_EQ(letter, '?') << "taken out, and the buffer is as it was";
 }
 
 // A bag in memory that is no shared memory of this process, between two others.

@@ -22,6 +22,11 @@ const BagCtl* refused = nullptr;
 // Lookups that miss whatever stands in the bag, and all that were made.
 int misses = 0;
 int lookups = 0;
+int16_t missStatus = RM_NOT_FOUND;  // what those lookups give
+
+// What the linker's side says instead of doing it; 0 lets it.
+int16_t loadStatus = 0;
+int16_t addressStatus = 0;
 }  // namespace
 
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
@@ -40,9 +45,24 @@ int16_t __wrap_bagFind(Bag* bag, const void* key, uint16_t* handle, void** point
     ++lookups;
     if (misses > 0) {
         --misses;
-        return RM_NOT_FOUND;
+        return missStatus;
     }
     return __real_bagFind(bag, key, handle, pointer);
+}
+
+extern "C" int16_t __real_rm_OSemLoad(const char* name, void** module);
+extern "C" int16_t __wrap_rm_OSemLoad(const char* name, void** module);
+extern "C" int16_t __real_rm_OSemGetFcnAddr(void* module, const char* name, void** address);
+extern "C" int16_t __wrap_rm_OSemGetFcnAddr(void* module, const char* name, void** address);
+
+int16_t __wrap_rm_OSemLoad(const char* name, void** module)
+{
+    return loadStatus != 0 ? loadStatus : __real_rm_OSemLoad(name, module);
+}
+
+int16_t __wrap_rm_OSemGetFcnAddr(void* module, const char* name, void** address)
+{
+    return addressStatus != 0 ? addressStatus : __real_rm_OSemGetFcnAddr(module, name, address);
 }
 
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
@@ -67,6 +87,9 @@ class EmBags : public rmtest::ModuleTest
     {
         refused = nullptr;
         misses = 0;
+        missStatus = RM_NOT_FOUND;
+        loadStatus = 0;
+        addressStatus = 0;
         ModuleTest::TearDown();
     }
 };
@@ -153,6 +176,50 @@ TEST_F(EmBags, WithoutAMapHaveNoModuleBehindTheLastSlot)
     EXPECT_EQ(address, &function);
     EmBag->slotMap = map;
     EXPECT_EQ(rm_emUnload(handle), RM_SUCCESS);
+}
+
+TEST_F(EmBags, WhoseLookupFailsTakeNoRegistration)
+{
+    ASSERT_EQ(rm_emInit(), RM_SUCCESS);
+    ASSERT_EQ(rm_emRegFcn("geo", "f", &function), RM_SUCCESS);
+    const uint32_t blocks = blocksOfTag0();
+    misses = 1;
+    missStatus = RM_INVALID;
+    int16_t status = 0;
+    const auto lines =
+        logLines(captureStderr([&] { status = rm_emRegFcn("/x/geo", "g", &function); }));
+    EXPECT_EQ(status, RM_NOT_FOUND);
+    EXPECT_THAT(lines, ElementsAre("Can't register function 'g' for unknown extension module "
+                                   "'/x/geo'"));
+    EXPECT_EQ(EmBag->usedCount, 1);
+    EXPECT_EQ(blocksOfTag0(), blocks);
+}
+
+TEST_F(EmBags, StayAsTheyAreWhateverALoadFailsWith)
+{
+    const std::string path = installModule("plain", "./m00");
+    ASSERT_EQ(rm_emInit(), RM_SUCCESS);
+    const uint32_t blocks = blocksOfTag0();
+    for (const int status : {int{RM_OUT_OF_MEMORY}, 1, 5, -1}) {
+        int16_t handle = -77;
+        loadStatus = static_cast<int16_t>(status);
+        EXPECT_EQ(rm_emLoad(path.c_str(), &handle), status);
+        EXPECT_EQ(handle, -77);
+        EXPECT_EQ(EmBag->usedCount, 0);
+        EXPECT_EQ(blocksOfTag0(), blocks) << "the name is given back";
+    }
+}
+
+TEST_F(EmBags, HaveNoFunctionWhateverTheLinkerFailsWith)
+{
+    const std::string path = installModule("plain", "./m00");
+    int16_t handle = -77;
+    ASSERT_EQ(rm_emLoad(path.c_str(), &handle), RM_SUCCESS);
+    for (const int status : {1, 5, -1, int{RM_OUT_OF_MEMORY}}) {
+        void* address = nullptr;
+        addressStatus = static_cast<int16_t>(status);
+        EXPECT_EQ(rm_emGetFcnAddr(handle, "exportedSum", &address), RM_NOT_FOUND) << status;
+    }
 }
 
 }  // namespace

@@ -94,6 +94,10 @@ class KnownSize : public FileTest
 {
 };
 
+class SeekBehindTheEnd : public FileTest
+{
+};
+
 class GrowthOrder : public FileTest
 {
   protected:
@@ -364,6 +368,35 @@ TEST_F(RemoveByPath, TellsLettersOfDifferentCaseApart)
     EXPECT_EQ(rm_fileRemove("F"), 0);
     EXPECT_FALSE(std::filesystem::exists("F"));
     EXPECT_EQ(rm_fileRemove("f"), -1);
+}
+
+TEST_F(SeekBehindTheEnd, ExtendsNothing)
+{
+    rmDiskFull = 0;
+    writeFile("f", kDigits);
+    rm_fileOpen("f", RM_O_RDWR, 0, 0, 1000);
+    EXPECT_EQ(rm_fileSeek(0, 5000), 5000U);
+    EXPECT_EQ(rm_fileLength(0), 10U);
+    EXPECT_EQ(entryOf(0)->knownSize, 10U);
+    EXPECT_EQ(growSem, RM_NONE);
+}
+
+TEST_F(GrowthOrder, OfAnOpenAndAReopeningGrowSemIsTakenInsideFileSem)
+{
+    fileSem = rm_syncCreate("fileSem");
+    growSem = rm_syncCreate("growSem");
+    const auto inside =
+        ElementsAre(enters(fileSem), enters(growSem), leaves(growSem), leaves(fileSem));
+    {
+        const LockWatch locks;
+        openNew("f", 0, 600);
+        EXPECT_THAT(locks.steps(), inside);
+    }
+    park(0);
+    std::filesystem::resize_file("f", 10);
+    const LockWatch locks;
+    EXPECT_EQ(rm_fileLength(0), 600U);
+    EXPECT_THAT(locks.steps(), inside);
 }
 
 }  // namespace

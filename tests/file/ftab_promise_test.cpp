@@ -297,4 +297,66 @@ TEST_P(WaitForTheTable, IsOneOf14SecondsWhateverWaits)
     EXPECT_THAT(seconds, ElementsAre(14));
 }
 
+TEST_F(CloseOrder, AFreeSlotIsFoundInsideFileSem)
+{
+    openMany(1);
+    LockWatch locks;
+    EXPECT_THAT(linesOf([] { rm_fileClose(5); }), ElementsAre("rm_fileClose: invalid handle 5"));
+    EXPECT_THAT(locks.steps(), ElementsAre(enters(fileSem), leaves(fileSem)));
+}
+
+TEST_F(ModeBit, FatalAloneMakesAFailedTransferFatal)
+{
+    forEachBit([](uint16_t bit) {
+        const int16_t handle = rm_fileOpen("f", RM_O_RDWR, bit, 0, 0);
+        const auto ends = [](Call failing, const std::function<void()>& run) {
+            const ScopedFault fault({.call = failing, .error = EIO});
+            return fatalEnd(run).jumped;
+        };
+        const bool fatal = bit == FILE_FATAL;
+        EXPECT_EQ(ends(Call::kWrite, [&] { write(handle, "abc"); }), fatal);
+        EXPECT_EQ(ends(Call::kWrite, [&] { seekWrite(handle, 4, "abc"); }), fatal);
+        EXPECT_EQ(ends(Call::kRead, [&] { rm_fileRead(handle, operationBuffer, 3); }), fatal);
+        EXPECT_EQ(ends(Call::kRead, [&] { rm_fileSeekRead(handle, 4, operationBuffer, 3); }),
+                  fatal);
+        rm_fileClose(handle);
+    });
+}
+
+// The bit counts as writing, and the system opens such a file to be read.
+TEST_F(OpenToASize, WithTheAppendBitAloneIsAGrowthThatFails)
+{
+    writeFile("f", kDigits);
+    const FatalEnd end = fatalEnd([] { rm_fileOpen("f", RM_O_APPEND, 0, 11, 0); });
+    EXPECT_TRUE(end.jumped);
+    EXPECT_THAT(end.lines,
+                ElementsAre("Error expanding file f", "Fatal Exit: System Shutting down!"));
+    EXPECT_EQ(readFile("f"), kDigits);
+}
+
+TEST_F(OpenToASize, NoPresizeCountsWhenTheFileComesBackToo)
+{
+    writeFile("f", kDigits);
+    const int16_t handle = rm_fileOpen("f", RM_O_RDWR, FILE_NOPRESIZE, 600, 0);
+    park(handle);
+    EXPECT_EQ(rm_fileLength(handle), 10U);
+    EXPECT_EQ(entryOf(handle)->knownSize, 10U);
+}
+
+TEST_F(OpenToASize, NoPresizeDoesNotKeepWritesFromGrowingTheFile)
+{
+    const int16_t handle = openNew("f", FILE_NOPRESIZE, 600, 1000);
+    EXPECT_EQ(seekWrite(handle, 0, "x"), 1U);
+    EXPECT_EQ(rm_fileLength(handle), 1000U);
+}
+
+TEST_F(StreamParking, GoesOnAtTheEndThatItFoundOverWhatCameLater)
+{
+    openWith("f", kDigits, FILE_STREAM);
+    park(0);
+    writeFile("f", std::string(kDigits) + "theirs");
+    rm_filePrintf(0, "mine");
+    EXPECT_EQ(readFile("f"), "0123456789miners");
+}
+
 }  // namespace

@@ -842,4 +842,17 @@ TEST_F(SyncRemoval, LetsTheNextServerOfThatPrefixStartAfresh)
     holder->kill(SIGKILL);
     holder->wait();
 }
+
+TEST_F(SyncRemoval, OfOneObjectDoesNotWakeWhoWaitsForItAsALock)
+{
+    rm_syncCreate("keeper");
+    const SyncHandle lock = rm_syncCreate("lock");
+    rm_syncEnterExcl(lock, RM_WAIT_FOREVER);
+    const auto peer = entering(lock, 2000);
+    ASSERT_TRUE(entersWait(lock));
+    rm_syncDelete(lock);
+    EXPECT_EQ(semWaiters(os::iSem, lock), 1);
+    EXPECT_EQ(peer->hear(), "1");
+    peer->wait();
+}
 }  // namespace

@@ -299,4 +299,19 @@ TEST_F(ReportLosesLogFile, OfTheFatalModeEndsAsTheLogWriterDoes)
     EXPECT_EQ(linesThatBegin(lines, "reopenFile: errno=2: failed to create file 'logs/log'").size(),
               1U);
 }
+
+TEST_F(ReportLosesLogFile, OfTheFatalModeLeavesNothingToTheNextReport)
+{
+    makeHeap();
+    rm_fileClose(sysfile);
+    sysfile = rm_fileOpen("logs/log", RM_O_WRONLY | RM_O_CREAT, FILE_STREAM | FILE_FATAL, 0, 0);
+    int jumped = 0;
+    {
+        ScopedFault fault(loss(6));
+        linesOf([&] { jumped = rmtest::catchFatal([] { makeReport(kFullReport); }); });
+    }
+    EXPECT_EQ(jumped, 1);
+    rm_systemLog(1);  // the lost log file is not asked for again
+    EXPECT_EQ(report(kFullReport), foundHeap().lines(kFullReport, 0));
+}
 }  // namespace

@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -813,5 +815,35 @@ TEST_F(DamagedChain, DoesNotKeepTheTagFromBeingFreed)
     segmentsOf(drawn.tag)[0]->anchor.word1 = 0x41414141;
     EXPECT_EQ(linesOf([&] { rm_freeTagMemory(drawn.tag, 1); }), Lines{});
     EXPECT_EQ(rm_memused(), kFirstTable);
+}
+
+TEST_F(SegmentHeader, HasItsFieldsInTheirOrder)
+{
+    EXPECT_EQ(offsetof(rmalloc::Segment, next), 0U);
+    EXPECT_EQ(offsetof(rmalloc::Segment, units), sizeof(void*));
+    EXPECT_EQ(offsetof(rmalloc::Segment, blocks), sizeof(void*) + 4);
+    EXPECT_EQ(offsetof(rmalloc::Segment, anchor), 16U);
+    EXPECT_EQ(offsetof(rmalloc::BlockHeader, word1), 0U);
+    EXPECT_EQ(offsetof(rmalloc::BlockHeader, units), 4U);
+}
+
+// Where addresses have 32 bits, a word before the anchor is nobody's.
+TEST_F(SegmentHeader, LeavesTheWordBeforeTheAnchorAsItCame)
+{
+    constexpr std::size_t kWord = offsetof(rmalloc::Segment, blocks) + 4;
+    constexpr std::size_t kBytes = offsetof(rmalloc::Segment, anchor) - kWord;
+    EXPECT_EQ(kBytes, 8 - sizeof(void*));
+    const rmtest::ScopedFault dirt({.call = rmtest::Call::kMalloc,
+                                    .times = rmtest::kForever,
+                                    .action = [](const rmtest::CallRecord& call) {
+                                        const int64_t memory = rmtest::passThrough(call);
+                                        std::memset(reinterpret_cast<void*>(memory), 0xA5,
+                                                    static_cast<std::size_t>(call.args[0]));
+                                        return memory;
+                                    }});
+    const Drawn drawn = draw("2 [3] 1 [4]");
+    rm_freeMemory(drawn.live[0], drawn.tag);
+    const auto* bytes = reinterpret_cast<const char*>(segmentsOf(drawn.tag)[0]) + kWord;
+    EXPECT_EQ(std::string(bytes, kBytes), std::string(kBytes, '\xA5'));
 }
 }  // namespace

@@ -1334,4 +1334,26 @@ TEST_F(SegAllocVariable, IsLookedForInTheEnvironmentAgainAfterTheLocalOneWasFree
     rm_putLocalEnv("SEG_ALLOC=9");
     EXPECT_EQ(readFrom("2"), 2);
 }
+
+TEST_F(LargestTagTable, ReusesTheLowestOfManyReleasedTags)
+{
+    makeTableAlmostFull();
+    for (const Tag tag : std::initializer_list<Tag>{32'001, 4096, 64, 12'345, 4095, 63, 65}) {
+        rm_freeTagMemory(tag, 1);
+    }
+    for (const Tag tag : std::initializer_list<Tag>{63, 64, 65, 4095, 4096, 12'345, 32'001}) {
+        EXPECT_EQ(newTag(), tag);
+    }
+    EXPECT_EQ(newTag(), 32'760);
+}
+
+TEST_F(LargestTagTable, IsForgottenWithItsReleasedTags)
+{
+    makeTableAlmostFull();
+    rm_freeTagMemory(70, 1);
+    rm_freeTagMemory(12'345, 1);
+    rm_freeall();
+    EXPECT_EQ(newTag(), 1);
+    EXPECT_EQ(newTag(), 2);
+}
 }  // namespace

@@ -231,4 +231,33 @@ TEST_F(FatalMeetsItself, AFailureWithinTheHeadingLosesTheProblem)
     EXPECT_EQ(outcome.lines,
               withBanner({"***Fatal resource manager error***", lostLock()}, kShutdown));
 }
+
+TEST_F(FatalOutputs, AnErrorNumberIsTheSameInTheLogAndOnStandardOutput)
+{
+    for (const int32_t error : {-1, 99999, INT32_MIN, INT32_MAX}) {
+        const ChildResult child = runChild([error] { internalErrorExit("f", "m", error); });
+        const std::vector<std::string> lines = logLines(child.err);
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines.front(), rmtest::failure("f", "m", error));
+        EXPECT_EQ(child.out, lines.front() + "\n");
+    }
+}
+
+TEST_F(FatalWholeLog, OfALogicalFailureHasThePercentSignsOfItsProblem)
+{
+    EXPECT_EQ(
+        outcomeOf([] { fatalRMExit("100%d of %s, %n"); }).lines,
+        withBanner({"***Fatal resource manager error***", "    Specific problem: 100%d of %s, %n"},
+                   kShutdown));
+}
+
+TEST_F(FatalWholeLog, OfAChildLeavesThatOfItsParentWhole)
+{
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(logLines(runChild([] { internalErrorExit("f", "m", 0); }).err),
+                  withBanner({"**** f() m, errno=0 (Success)"}, kOperatingSystem));
+    }
+    EXPECT_EQ(outcomeOf([] { internalErrorExit("f", "m", 0); }).lines,
+              withBanner({"**** f() m, errno=0 (Success)"}, kShutdown));
+}
 }  // namespace

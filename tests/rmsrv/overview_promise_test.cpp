@@ -283,4 +283,19 @@ TEST_F(HostBegins, InWhateverOrderItLikes)
     } while (!HasFailure() && std::next_permutation(order.begin(), order.end()));
     EXPECT_EQ(orders, 60);
 }
+
+TEST_P(FirstUse, CountsNothingForTheHost)
+{
+    std::vector<uint32_t> expected(54);
+    expected[1] = std::string_view(GetParam().name) == "Statistics" ? 1 : 0;  // its own event
+    EXPECT_EQ(catchExit([&] {
+                  rm_statInit(54);
+                  GetParam().use();
+                  uint16_t count = 0;
+                  const uint32_t* first = rm_statRep(&count);
+                  EXPECT_EQ(std::vector<uint32_t>(first, first + count), expected);
+                  rm_exit(5);
+              }),
+              5);
+}
 }  // namespace

@@ -214,4 +214,15 @@ TEST_F(StartupCommit, AProfileThatCannotBeReadCountsAsNone)
     EXPECT_EQ(outcome.jumped, 0);
     EXPECT_EQ(fileCommit, 1);
 }
+
+TEST_F(StartupCommit, OfMinusOneIsReadAgainAtTheNextStart)
+{
+    // -1 is the setting that nobody has made.
+    writeProfile("FileCommit=-1\n");
+    start();
+    EXPECT_EQ(fileCommit, -1);
+    writeProfile("FileCommit=0\n");
+    start();
+    EXPECT_EQ(fileCommit, 0);
+}
 }  // namespace

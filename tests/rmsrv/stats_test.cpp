@@ -575,4 +575,15 @@ TEST_F(StatMemory, ThatCannotBeHadWithoutATargetEndsTheProcess)
     rmtest::expectEndAtOnce(child, 0);
     EXPECT_EQ(rmtest::logLines(child.err).front(), "Out of memory!");
 }
+
+TEST_F(StatMemory, WhenThatOfTagZeroGoesTheCountersCanBeUsedAgain)
+{
+    rm_statInit(3);
+    rm_statInc(1, 1);
+    rm_freeTagMemory(0, 0);
+    rm_statInc(2, 5);
+    Counters expected(kDefault);
+    expected[2] = 5;
+    EXPECT_EQ(counters(), expected);
+}
 }  // namespace

@@ -229,4 +229,33 @@ TEST_F(UserSlotKept, OfAWorkerIsItsOwn)
     EXPECT_STREQ(rmsrv::szUserName_save, "parent");
     EXPECT_EQ(rmsrv::hSess_save, 1);
 }
+
+TEST_F(FatalTargets, TheOneForFatalErrorsIsInheritedByAChildToo)
+{
+    static jmp_buf target;
+    const int code = setjmp(target);
+    if (code != 0) {
+        std::_Exit(40 + code);  // in the child, whose frames are a copy of these
+    }
+    rm_errorJump(target);
+    EXPECT_EQ(runChild([] { fatalRMExit("a problem"); }).status, 41);
+    rmsrv::error_jmpset = 0;
+}
+
+TEST_F(FatalTargets, AreCopiedInTheirWholeSize)
+{
+    // Behind the registers stands what only some jumps need: a mask of signals.
+    static jmp_buf target;
+    const auto bytesOf = [](const jmp_buf& buffer) {
+        return std::string(reinterpret_cast<const char*>(&buffer), sizeof buffer);
+    };
+    std::memset(static_cast<void*>(&target), 'e', sizeof target);
+    rm_errorJump(target);
+    std::memset(static_cast<void*>(&target), 'x', sizeof target);
+    rm_exitJump(target);
+    EXPECT_EQ(bytesOf(rmsrv::error_jmp_buf), std::string(sizeof(jmp_buf), 'e'));
+    EXPECT_EQ(bytesOf(rmsrv::exit_jmp_buf), std::string(sizeof(jmp_buf), 'x'));
+    rmsrv::error_jmpset = 0;  // no frame has them
+    rmsrv::exit_jmpset = 0;
+}
 }  // namespace

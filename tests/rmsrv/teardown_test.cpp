@@ -346,4 +346,16 @@ TEST_F(TeardownParts, OfTokensUnderAnotherPrefix)
     expectNothingLeft();
 }
 
+TEST_F(TeardownTarget, OfAFatalErrorFindsEverythingStanding)
+{
+    rmtest::resetCalls();
+    EXPECT_EQ(rmtest::outcomeOf([] { fatalRMExit("a problem"); }).jumped, 1);
+    EXPECT_THAT(rmtest::callTrace({Call::kShmctl, Call::kMsgctl, Call::kSemctl, Call::kUnlink}),
+                IsEmpty());
+    EXPECT_EQ(objectsLeft('m'), 2);
+    EXPECT_EQ(objectsLeft('q'), 2);
+    EXPECT_EQ(objectsLeft('s'), 1);
+    EXPECT_THAT(tokensLeft(), ElementsAre(kSegmentToken, kQueueToken, kSetToken));
+}
+
 }  // namespace

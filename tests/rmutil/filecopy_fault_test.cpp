@@ -484,4 +484,12 @@ TEST_P(CopyFaultSweep, EndsWhenWritesTakeNothing)
     }
 }
 
+TEST_F(CopyFatal, WithoutMemoryForTheBufferCostsTheDestination)
+{
+    writeFile("dst", "old");
+    const ScopedFault fault({.call = Call::kMalloc, .error = ENOMEM, .times = kForever});
+    EXPECT_TRUE(fatalEnd([] { rm_fileCopy("src", "dst"); }).jumped);
+    EXPECT_FALSE(isThere("dst"));
+}
+
 }  // namespace

@@ -463,6 +463,7 @@ TEST_F(IniReadFault, ListsAllOrSaysThatItCannotWhicheverCallFails)
     fresh(text);
     const Texts all = keys("a");
     ASSERT_EQ(all.size(), 25U);
+    const std::string whole = ask("a", nullptr, kRoomy, 0).bytes;
     for (const Failing& failing : kFailing) {
         filetest::forEach(failing.name, failing.errors, [&](int error, int times) {
             int hits = 1;
@@ -477,6 +478,13 @@ TEST_F(IniReadFault, ListsAllOrSaysThatItCannotWhicheverCallFails)
                     EXPECT_EQ(listOf(answer), all);
                 } else {
                     EXPECT_EQ(answer.result, RM_NOT_FOUND);
+                    // What had come by then is a list with its end, or nothing is.
+                    const std::string got = answer.bytes.substr(0, answer.bytes.find(kUntouched));
+                    if (!got.empty()) {
+                        EXPECT_EQ(got.back(), '\0');
+                        EXPECT_TRUE(got.size() == 1 || got[got.size() - 2] == '\0');
+                        EXPECT_TRUE(whole.starts_with(got.substr(0, got.size() - 1)));
+                    }
                 }
                 expectNothingLeftOpen();
             }

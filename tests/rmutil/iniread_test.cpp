@@ -509,4 +509,10 @@ TEST_F(IniMissing, AFileIsNotWrittenByReading)
     EXPECT_EQ(fault.hits(), 0);
 }
 
+TEST_F(IniEntries, DoNotEndAtAnIndentedHeader)
+{
+    writeFile(kFile, "[a]\nk=1\n [b]\nl=2\n");
+    EXPECT_THAT(entries("a"), ElementsAre("k=1", " [b]", "l=2"));
+}
+
 }  // namespace

@@ -780,4 +780,35 @@ TEST_F(LocalEnvTest, AgreesWithTheModelOnRandomSequences)
         ASSERT_EQ(rmalloc::checkMemory(), 0U);
     }
 }
+
+TEST_F(LocalEnvMemory, SlotsUpTo65535AreSlotsLikeAnyOther)
+{
+    constexpr uint16_t kSlots = UINT16_MAX - 1;
+    rm_putLocalEnv("FIRST=1");
+    rm_putLocalEnv("LAST=1");
+    char* first = LocalEnv[0];
+    char* last = LocalEnv[1];
+    LocalEnv = static_cast<char**>(rm_extendMemory(LocalEnv, kSlots * sizeof(char*), 0));
+    std::fill(LocalEnv, LocalEnv + kSlots, first);
+    LocalEnv[kSlots - 1] = last;
+    NumLocalEnv = kSlots;
+    EXPECT_EQ(rm_getLocalEnv("LAST"), last + 5);
+    rm_putLocalEnv("LAST=2");
+    EXPECT_STREQ(LocalEnv[kSlots - 1], "LAST=2");
+    rm_putLocalEnv("NEW=3");
+    EXPECT_EQ(NumLocalEnv, UINT16_MAX);
+    EXPECT_STREQ(rm_getLocalEnv("NEW"), "3");
+}
+
+TEST_F(RmGetenv, ANameThatIsTooLongForALocalValueIsAskedForInTheProcess)
+{
+    const std::string name(128, 'N');
+    rm_putLocalEnv((name + "=local").c_str());
+    setenv(name.substr(1).c_str(), "shorter", 1);
+    EXPECT_EQ(rm_getenv(name.c_str()), nullptr);
+    setenv(name.c_str(), "process", 1);
+    EXPECT_STREQ(rm_getenv(name.c_str()), "process");
+    unsetenv(name.c_str());
+    unsetenv(name.substr(1).c_str());
+}
 }  // namespace

@@ -345,4 +345,20 @@ TEST_F(PoolLock, GuardsACopyOfThePoolInEachProcess)
     EXPECT_EQ(rm_getFromPool(16, pool), element);
 }
 
+TEST_F(PoolLock, ThatIsGoneIsFatalInEveryCall)
+{
+    RmPool* pool = locked();
+    void* element = rm_getFromPool(16, pool);
+    rm_syncTerminate();
+    const std::vector<std::function<void()>> calls = {[&] { rm_getFromPool(16, pool); },
+                                                      [&] { rm_putInPool(element, pool); },
+                                                      [&] { rm_zFreePool(&pool); }};
+    for (const std::function<void()>& call : calls) {
+        const auto failed = [&] { EXPECT_EQ(rmtest::catchFatal(call), 1); };
+        rmtest::captureStdout([&] { rmtest::captureStderr(failed); });
+    }
+    EXPECT_NE(pool, nullptr);
+    EXPECT_THAT(freeElements(pool), IsEmpty());
+}
+
 }  // namespace

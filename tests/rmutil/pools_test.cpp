@@ -530,4 +530,48 @@ TEST_F(PoolGet, WithoutMemoryAnElementThatIsLargeEnoughIsStillGiven)
     EXPECT_EQ(rm_getFromPool(10'000, pool), element);
 }
 
+// The other process or pool that has the name has an object of its own.
+TEST_F(PoolAlloc, WithANameInUseMakesALockOfItsOwn)
+{
+    RmPool* one = locked(10);
+    RmPool* other = locked(10);
+    EXPECT_NE(one->lock, other->lock);
+    ASSERT_EQ(rm_syncEnterExcl(one->lock, RM_WAIT_FOREVER), 0);
+    EXPECT_NE(rm_getFromPool(16, other), nullptr);
+    EXPECT_EQ(lockOf(one), 0);
+    EXPECT_EQ(lockOf(other), 1);
+    rm_syncExitExcl(one->lock);
+}
+
+TEST_F(PoolAlloc, LeavesTheNameWithTheCaller)
+{
+    char name[] = "pool";
+    const RmPool* pool = rm_allocPool(0, tag_, name, 1000);
+    EXPECT_EQ(rmtest::allocated(tag_), rmalloc::unitsFor(sizeof(RmPool)) * rmalloc::kUnit);
+    name[0] = 'f';
+    EXPECT_EQ(rm_syncOpen("fool"), pool->lock);
+    EXPECT_EQ(rm_syncOpen("pool"), -1);
+}
+
+TEST_F(PoolAlloc, WithoutASyncObjectLeftIsFatal)
+{
+    for (int i = 0; i < os::kSyncSlots; ++i) {
+        rm_syncCreate("other");
+    }
+    EXPECT_THAT(fatalLines([this] { locked(); }),
+                ::testing::Contains(::testing::HasSubstr("Out of Semaphores!")));
+    EXPECT_EQ(rm_syncOpen("pool"), -1);
+    // The record was there first, and goes with the tag.
+    EXPECT_EQ(rmtest::allocated(tag_), rmalloc::unitsFor(sizeof(RmPool)) * rmalloc::kUnit);
+}
+
+TEST_F(PoolFree, ByTheReleaseOfTheTagLeavesTheSyncObject)
+{
+    const int16_t lock = locked()->lock;
+    rm_freeTagMemory(tag_, 0);
+    EXPECT_EQ(rmtest::allocated(tag_), 0U);
+    EXPECT_EQ(rm_syncOpen("pool"), lock);
+    EXPECT_EQ(rmtest::semValue(os::iSem, lock), 1);
+}
+
 }  // namespace

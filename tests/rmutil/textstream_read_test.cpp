@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <limits>
+#include <type_traits>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -48,6 +49,8 @@ constexpr int kHostNew = O_CREAT | O_TRUNC;
 
 const std::vector<Mode> kModes = {
     {"Read", "r", 0x000, O_RDONLY},
+    {"BehindItsEnd", "r\0w", 0x000, O_RDONLY},
+    {"BehindAnEmptyOne", "\0w+", 0x000, O_RDONLY},
     {"Write", "w", 0x301, O_WRONLY | kHostNew},
     {"ReadPlus", "r+", 0x002, O_RDWR},
     {"WritePlus", "w+", 0x302, O_RDWR | kHostNew},
@@ -163,6 +166,9 @@ TEST_F(StreamOpen, TheFieldsOfEveryReleaseStandInTheirOrder)
     EXPECT_EQ(offsetof(FileStream, cursor), 8U);
     EXPECT_EQ(offsetof(FileStream, buffer), 12U);
     EXPECT_EQ(sizeof(FileStream::buffer), 512U);
+    EXPECT_TRUE((std::is_same_v<decltype(FileStream::handle), int16_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(FileStream::pending), uint32_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(FileStream::cursor), uint32_t>));
 }
 
 TEST_F(StreamOpen, TheRecordBelongsToTagZero)

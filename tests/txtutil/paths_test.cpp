@@ -546,6 +546,7 @@ TEST_F(MakeAllocPath, MayBeVeryLong)
     const std::string base(100'000, 'b');
     setCatPath(catPath);
     EXPECT_EQ(made("./x", base.c_str(), "e"), catPath + "/x/" + base + ".e");
+    EXPECT_EQ(made("/d", "b", base.c_str()), "/d/b." + base);
 }
 
 // --- Paths in a buffer

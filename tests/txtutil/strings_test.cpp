@@ -657,13 +657,17 @@ TEST_F(Words, MoreThanAnArrayCanHoldAreOutOfMemory)
 
 TEST_F(Words, AnInvalidTagIsFatal)
 {
-    char** argv = nullptr;
+    char* dummy = nullptr;
+    char** argv = &dummy;
     int count = 0;
-    char text[] = "one";
+    char text[] = " one two ";
     static_cast<void>(rm_allocTag(nullptr, RM_NO_LIMIT));
     const std::string log = rmtest::captureStderr(
         [&] { EXPECT_EQ(catchFatal([&] { StrToArgv(text, &count, &argv, 99); }), 1); });
     EXPECT_EQ(rmtest::logLines(log).at(0), "Invalid tag 99 supplied to rm_getMemory");
+    EXPECT_EQ(count, 2);
+    EXPECT_EQ(argv, &dummy);
+    EXPECT_STREQ(text, " one two ");
 }
 
 TEST_F(Words, AgreeWithTheModelOnRandomTexts)
@@ -1342,5 +1346,22 @@ TEST(TextLiterals, AreReadAndNeverWritten)
     EXPECT_STREQ(buffer, "abcDEF");
     EXPECT_STREQ(StrArrayCat(entries, 2, 0), "abcDEF");
     rm_freeall();
+}
+
+TEST_F(Joined, AnEmptyEntryAloneIsTerminated)
+{
+    const ScopedFault fault(handOutAnX());
+    const char* const entries[] = {nullptr, ""};
+    EXPECT_EQ(StrArrayCat(entries, 2, 0), handedOut);
+    EXPECT_EQ(handedOut[0], '\0');
+    EXPECT_EQ(handedOut[1], 'x');
+}
+
+TEST_F(JoinedInBuffer, BehindATextThatFitsTheBufferStaysAsItIs)
+{
+    GuardedBuffer buffer(8);
+    const char* const entries[] = {"ab", "c"};
+    EXPECT_EQ(StrArrayCatBuf(entries, 2, buffer.data(), 8), 0);
+    EXPECT_EQ(buffer.shown(), "abc.####");
 }
 }  // namespace

@@ -135,4 +135,18 @@ TEST(GshmSlotFields, AreIdKeyNameAndAddressInThisOrder)
     EXPECT_EQ(os::rmGshm.size(), 20U);
     EXPECT_EQ(sizeof(os::nGshm), 2U);
 }
+
+TEST_F(GshmCalls, EnterNoLockWhereTheServerHasItsOwn)
+{
+    fileSem = rm_syncCreate("fileSem");
+    growSem = rm_syncCreate("growSem");
+    Lines calls = callsOf([] {
+        makeSome(2);
+        rm_gshmDelete(0);
+        rm_gshmDelete(1);
+    });
+    std::erase_if(calls, [](const std::string& call) { return !call.starts_with("sem"); });
+    EXPECT_THAT(calls, ::testing::IsEmpty());
+    rm_syncTerminate();
+}
 }  // namespace

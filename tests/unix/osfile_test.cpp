@@ -1138,4 +1138,17 @@ TEST_F(FileValidate, OpensNothing)
     EXPECT_EQ(rm_fileValidate("file"), 0);
     EXPECT_EQ(callCount(Call::kOpen), 0);
 }
+
+TEST_F(FlWrite, AWholeWriteIsOneCall)
+{
+    const Descriptor fd("file");
+    const std::string data(100'000, 'x');
+    resetCalls();
+    EXPECT_EQ(rm_flWrite(fd, data.data(), 100'000), 100'000);
+    const std::vector<CallRecord> calls = callTrace({Call::kWrite});
+    ASSERT_EQ(calls.size(), 1U);
+    EXPECT_EQ(calls[0].args[0], fd);
+    EXPECT_EQ(calls[0].pointer<const char>(1), data.data());
+    EXPECT_EQ(calls[0].args[2], 100'000);
+}
 }  // namespace

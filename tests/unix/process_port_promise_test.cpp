@@ -333,4 +333,16 @@ TEST_F(PortedEnvironment, IsNotAskedForWhatTheLocalOneHas)
     rm_putLocalEnv("RM_TEST_VARIABLE=LOCAL");
     EXPECT_THAT(askedBy([] { EXPECT_STREQ(rm_getenv("RM_TEST_VARIABLE"), "LOCAL"); }), IsEmpty());
 }
+
+TEST_F(PortedFrame, NeitherMarksNorEndsAWorkerWithoutATarget)
+{
+    static_cast<void>(rm_getMemory(1, 0));
+    inForeground = 0;
+    Asked seen;
+    captureStderr([&] { seen = askedBy([] { EXPECT_EQ(catchExit([] { rm_errorExit(); }), 1); }); });
+    inForeground = 1;
+    rmanTerm = 0;
+    EXPECT_THAT(seen,
+                ElementsAre("leave 0", "leave 1", "foreground?", "state 3", "enter 0", "leave 0"));
+}
 }  // namespace

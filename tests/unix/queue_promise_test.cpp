@@ -51,6 +51,9 @@ TEST_F(QueueTable, HasFiveSlotsWithTheirFieldsInOrder)
     EXPECT_EQ(offsetof(os::QueueSlot, key), 4U);
     EXPECT_EQ(offsetof(os::QueueSlot, buffer), 8U);
     EXPECT_EQ(offsetof(os::QueueSlot, name), 8U + sizeof(void*));
+    EXPECT_EQ(sizeof(os::QueueSlot::id), 4U);
+    EXPECT_EQ(sizeof(os::QueueSlot::key), 4U);
+    EXPECT_EQ(sizeof(os::nQueues), 2U);
 }
 
 TEST_F(QueueTable, IsEmptyAtTheStartAndCountsEachQueueOnce)
@@ -177,6 +180,36 @@ TEST_F(QueueRefused, LeavesASlotThatIsDeletedWithoutAskingTheSystem)
     EXPECT_FALSE(std::filesystem::exists(kToken));
     EXPECT_LT(rmalloc::tagTable[0].allocated, before - kReceived) << "the buffer stayed";
     rm_freeMemory(keeper, 0);
+}
+
+TEST_F(QueueRequest, OfTheFirstCreationAreTheTokenFileThenAllKeysThenTheQueue)
+{
+    resetCalls();
+    createQueue();
+    std::vector<Call> calls;
+    for (const CallRecord& call :
+         callTrace({Call::kOpen, Call::kFdopen, Call::kFtok, Call::kMsgget})) {
+        calls.push_back(call.call);
+    }
+    EXPECT_THAT(calls, ElementsAre(Call::kOpen, Call::kFdopen, Call::kFtok, Call::kFtok,
+                                   Call::kFtok, Call::kFtok, Call::kFtok, Call::kMsgget));
+}
+
+TEST_F(QueueRequest, OfTheLastDeletionAreTheRemovalThenTheTokenFile)
+{
+    createQueues(2);
+    rm_queueDelete(1);
+    const int id = idOf(0);
+    resetCalls();
+    EXPECT_EQ(rm_queueDelete(0), RM_SUCCESS);
+    const auto calls = callTrace({Call::kMsgctl, Call::kFclose, Call::kUnlink});
+    ASSERT_EQ(calls.size(), 3U);
+    EXPECT_EQ(calls[0].call, Call::kMsgctl);
+    EXPECT_EQ(calls[0].args[0], id);
+    EXPECT_EQ(calls[0].args[1], IPC_RMID);
+    EXPECT_EQ(calls[1].call, Call::kFclose);
+    EXPECT_EQ(calls[2].call, Call::kUnlink);
+    EXPECT_EQ(calls[2].path(), kToken);
 }
 
 }  // namespace

@@ -209,6 +209,7 @@ TEST_F(QueueToken, IsMadeWithTheFirstQueueAndEmpty)
 TEST_F(QueueToken, OfAnEarlierRunIsTruncatedAndKeepsItsIdentity)
 {
     writeFile(kToken, "of an earlier run");
+    std::filesystem::create_hard_link(kToken, "pinned");  // its number is not given to another
     const ino_t before = inodeOf(kToken);
     createQueue();
     EXPECT_EQ(readFile(kToken), "");

@@ -115,7 +115,7 @@ const Errors kSemgetErrors = {EACCES, EEXIST, EINVAL, ENOENT, ENOMEM, ENOSPC};
 // Of an operation that is not repeated when a signal interrupts it.
 const Errors kSemopErrors = {E2BIG, EACCES, EAGAIN, EFAULT, EFBIG,
                              EIDRM, EINTR,  EINVAL, ENOMEM, ERANGE};
-// Of the creation, which does not mind a semaphore that is at its limit.
+// Of the creation, which does not mind EAGAIN.
 const Errors kCreateSemopErrors = {E2BIG, EACCES, EFAULT, EFBIG, EIDRM,
                                    EINTR, EINVAL, ENOMEM, ERANGE};
 // Of a wait without limit.
@@ -745,7 +745,7 @@ TEST_F(SyncFailedCreate, UnderAnotherPrefixLeavesNoTokenFileWhenTheNextOneSuccee
     EXPECT_FALSE(std::filesystem::exists("two.ZNT.RM.SEM"));
 }
 
-TEST_F(SyncFailedCreate, AtItsFullSemaphoreIsNone)
+TEST_F(SyncFailedCreate, WithEagainIsNone)
 {
     ScopedFault fault({.call = Call::kSemop, .error = EAGAIN});
     EXPECT_EQ(rm_syncCreate("lock"), 0);

@@ -2050,4 +2050,55 @@ TEST_F(SyncModel, HoldsOverRandomOperations)
         rm_syncTerminate();
     }
 }
+
+TEST_F(SyncCreate, OnASemaphoreAtItsLimitIsFatal)
+{
+    create("keeper");
+
+    union {
+        int val;
+        long whole;
+    } most = {32767};
+
+    ASSERT_EQ(semctl(os::iSem, 1, SETVAL, most), 0);
+    EXPECT_EQ(printedBy([] { rm_syncCreate("lock"); }),
+              failure("rm_syncCreate", "semop() failure", ERANGE));
+    EXPECT_EQ(valueOf(1), 32767);
+    EXPECT_EQ(os::nSems, 1);
+    os::rmSem[1] = nullptr;  // named, and not counted
+}
+
+// Looking and signalling are two steps.
+TEST_F(SyncEvent, ThatAnotherOneSignalsBetweenTheTwoStepsIsFatal)
+{
+    create("event");
+    const ScopedFault meanwhile(
+        {.call = Call::kSemctl, .action = [](const CallRecord& record) -> int64_t {
+             const int64_t value = rmtest::passThrough(record);
+             sembuf step = {0, -1, IPC_NOWAIT};
+             EXPECT_EQ(semop(os::iSem, &step, 1), 0);
+             return value;
+         }});
+    EXPECT_EQ(printedBy([] { rm_syncResume(0); }),
+              failure("rm_syncResume", "semop() failure", EAGAIN));
+    EXPECT_EQ(valueOf(0), 0);
+}
+
+TEST_F(SyncEvent, WaitReplacesTheHandlerOfTheHostAndDoesNotRestoreIt)
+{
+    create("event");
+    rm_syncResume(0);
+    signal(SIGALRM, SIG_IGN);
+    EXPECT_EQ(rm_syncWait(0, 1000), 0);
+    EXPECT_EQ(signal(SIGALRM, SIG_DFL), &catchAlarm);
+}
+
+TEST_F(SyncEvent, WaitWithoutLimitLeavesTheHandlerOfTheHost)
+{
+    create("event");
+    rm_syncResume(0);
+    signal(SIGALRM, SIG_IGN);
+    EXPECT_EQ(rm_syncWait(0, RM_WAIT_FOREVER), 0);
+    EXPECT_EQ(signal(SIGALRM, SIG_DFL), SIG_IGN);
+}
 }  // namespace

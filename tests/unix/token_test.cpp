@@ -177,6 +177,7 @@ TEST_F(TokenOpen, TruncatesAFileThatIsThere)
 TEST_F(TokenOpen, KeepsTheIdentityOfAFileThatIsThere)
 {
     writeFile(kFile, "x");
+    std::filesystem::create_hard_link(kFile, "pinned");  // its number is not given to another
     struct stat before = {};
     struct stat after = {};
     ASSERT_EQ(stat(kFile, &before), 0);
