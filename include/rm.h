@@ -2364,9 +2364,9 @@ RM_API int16_t rm_iniSetPrivate(const char* section, const char* key, const char
 
 /**
  * As rm_iniSetPrivate(), on the default file. An entry that was set in section "ENVIRONMENT" is
- * also put into the local environment (rm_putLocalEnv()), in upper case, even when it found no place
- * in the file, and has its effect in this process at once: a `CATPATH` moves the default file
- * itself.
+ * also put into the local environment (rm_putLocalEnv()), in upper case, even when it found no
+ * place in the file, and has its effect in this process at once: a `CATPATH` moves the default
+ * file itself.
  *
  * @param section name of the section
  * @param key name of the key, or null

@@ -222,8 +222,9 @@ TEST_F(EmCalls, OfAnInitEndWithTheFirstListThatDoesNotFit)
         othersBehind = i % 2 == 0;
         EXPECT_EQ(rm_emInit(), RM_OUT_OF_MEMORY) << tooLong;
         EXPECT_EQ(ems::EmBag->usedCount, kMostModules);
-        for (int16_t handle = 0; handle < tooLong; ++handle) {
-            EXPECT_EQ(addressOf(handle, names.at(static_cast<std::size_t>(handle))), function());
+        for (int kind = 0; kind < tooLong; ++kind) {
+            const auto handle = static_cast<int16_t>(kind);
+            EXPECT_EQ(addressOf(handle, names.at(static_cast<std::size_t>(kind))), function());
         }
         for (const char* name : names) {
             const auto first = static_cast<int16_t>(tooLong);

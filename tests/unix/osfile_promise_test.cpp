@@ -22,7 +22,6 @@ using rmtest::CallRecord;
 using rmtest::callTrace;
 using rmtest::resetCalls;
 using rmtest::ScopedFault;
-using rmtest::writeFile;
 using ::testing::ElementsAre;
 
 class FlSetSizeFailed : public rmtest::DigitsTest
