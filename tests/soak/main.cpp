@@ -64,9 +64,8 @@ bool take(std::string_view argument)
 }
 
 // A key holds 16 bits of the number of its token file, so an object of another program can have the
-// same one; beside a busy machine that happens within the hour, and either takes the other's away.
-// Nobody else's objects are in a namespace of one's own. Without the privilege the run takes the
-// risk.
+// same one, and either takes the other's away. Nobody else's objects are in a namespace of one's
+// own. Without the privilege the run takes the risk.
 bool isAlone()
 {
     return unshare(CLONE_NEWIPC) == 0;
