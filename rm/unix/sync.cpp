@@ -9,8 +9,8 @@
 //
 // Owns: the table of names, the set and its token file, the alarm flag.
 //
-// Invariant: `nSems` counts the named slots; with any of them in use the set and its token exist.
-// checkSync() tests it.
+// Invariant: `nSems` counts the named slots but those whose creation failed half-way; while it
+// counts any, the set and its token exist. checkSync() tests it.
 //
 // Lifecycle: the set is made with the first object and goes with the last one. Processes that make
 // their objects in the same order under one prefix meet on the same semaphores. Creating adds 1 to
@@ -57,6 +57,11 @@ union semun {
     semid_ds* buf;
     unsigned short* array;
 };
+
+// The slots that have their name and do not count, because their creation ended in the fatal path.
+// To delete one takes nothing off the count: that would remove the set under an object that is
+// sound, for every process that shares it.
+std::array<bool, kSyncSlots> halfMade = {};
 
 enum class Check { kProceed, kNothingToDo };
 
@@ -237,9 +242,8 @@ int16_t rm_syncCreate(const char* name)
     if (name == nullptr || *name == '\0') {
         return RM_NULL_SYNC;
     }
-    if (nSems <= 0) {
+    if (nSems == 0) {
         rmSem.fill(nullptr);
-        nSems = 0;  // below 0 after the deletion of an object whose creation had failed
     }
     SyncHandle slot = 0;
     while (slot < kSyncSlots && rmSem[static_cast<std::size_t>(slot)] != nullptr) {
@@ -249,12 +253,14 @@ int16_t rm_syncCreate(const char* name)
         internalErrorExit("rm_syncCreate", "Out of Semaphores!", errno);
     }
     rmSem[static_cast<std::size_t>(slot)] = name;
+    halfMade[static_cast<std::size_t>(slot)] = true;
     if (iSem == -1) {
         makeSet();
     }
     if (operate(slot, 1, 0) == -1 && errno != EAGAIN) {
         internalErrorExit("rm_syncCreate", "semop() failure", errno);
     }
+    halfMade[static_cast<std::size_t>(slot)] = false;
     ++nSems;
     return slot;
 }
@@ -282,7 +288,8 @@ int16_t rm_syncDelete(int16_t handle)
     const bool used = *slot != nullptr;
     if (used) {
         *slot = nullptr;
-        --nSems;
+        nSems = static_cast<int16_t>(nSems - (halfMade[static_cast<std::size_t>(handle)] ? 0 : 1));
+        halfMade[static_cast<std::size_t>(handle)] = false;
     }
     // An object whose creation failed was named and has no semaphore: the system is not asked. It
     // is for a slot that is not used, also without a set, and then that is what fails.

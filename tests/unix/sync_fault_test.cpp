@@ -576,11 +576,11 @@ TEST_F(SyncFailedCreate, WithoutASetNeverRemovesTheSetMinusOne)
     EXPECT_EQ(callCount(Call::kSemop), 0);
 }
 
-TEST_F(SyncFailedCreate, TakesTheCountBelowZeroWhenItIsDeleted)
+TEST_F(SyncFailedCreate, CountsForNothingWhenItIsDeleted)
 {
     failToCreate(Call::kOpen, EACCES);
     rm_syncDelete(0);
-    EXPECT_EQ(stateNow(), (State{0, -1, false, false}));
+    EXPECT_EQ(stateNow(), (State{0, 0, false, false}));
 }
 
 TEST_F(SyncFailedCreate, WithoutASetGivesUpTheTokenFileWhenItIsDeleted)
@@ -588,7 +588,7 @@ TEST_F(SyncFailedCreate, WithoutASetGivesUpTheTokenFileWhenItIsDeleted)
     failToCreate(Call::kSemget, ENOSPC);
     EXPECT_TRUE(std::filesystem::exists(kToken));
     rm_syncDelete(0);
-    EXPECT_EQ(stateNow(), (State{0, -1, false, false}));
+    EXPECT_EQ(stateNow(), (State{0, 0, false, false}));
     EXPECT_FALSE(std::filesystem::exists(kToken));
 }
 
@@ -634,7 +634,7 @@ TEST_F(SyncFailedCreate, WithASetRemovesItWhenItIsDeleted)
 {
     failToCreate(Call::kSemop, ENOMEM);
     EXPECT_EQ(rm_syncDelete(0), 0);
-    EXPECT_EQ(stateNow(), (State{0, -1, false, false}));
+    EXPECT_EQ(stateNow(), (State{0, 0, false, false}));
     EXPECT_THAT(ipcObjects(), IsEmpty());
     EXPECT_FALSE(std::filesystem::exists(kToken));
 }
@@ -646,6 +646,37 @@ TEST_F(SyncFailedCreate, DoesNotTakeTheOthersAlong)
     EXPECT_EQ(stateNow(), (State{2, 1, true, true}));
     EXPECT_EQ(rm_syncEnterExcl(0, 1000), 0);
     EXPECT_EQ(rm_syncExitExcl(0), 0);
+}
+
+// The host tidies up: the lock that it still holds is left to it and to everybody who shares the
+// set.
+TEST_F(SyncFailedCreate, IsDeletedWithoutTheSetOfASoundOne)
+{
+    rm_syncCreate("keeper");
+    failToCreate(Call::kSemop, ENOMEM);
+    const int set = os::iSem;
+    EXPECT_EQ(rm_syncDelete(1), 0);
+    EXPECT_EQ(stateNow(), kOne);
+    EXPECT_EQ(os::iSem, set);
+    EXPECT_EQ(semValue(set, 0), 1);
+    EXPECT_EQ(violationsNow(), 0U);
+    EXPECT_EQ(rm_syncEnterExcl(0, 1000), 0);
+    EXPECT_EQ(rm_syncCreate("second"), 1);
+    EXPECT_EQ(semValue(set, 1), 1);
+    EXPECT_EQ(stateNow(), kTwo);
+    EXPECT_EQ(rm_syncDelete(1), 0);
+    EXPECT_EQ(rm_syncDelete(0), 0);
+    EXPECT_EQ(stateNow(), (State{0, 0, false, false}));
+    EXPECT_FALSE(std::filesystem::exists(kToken));
+}
+
+TEST_F(SyncFailedCreate, InASlotThatIsMadeSoundLaterCountsAgain)
+{
+    failToCreate(Call::kSemop, ENOMEM);
+    EXPECT_EQ(rm_syncCreate("first"), 0);
+    EXPECT_EQ(rm_syncCreate("second"), 1);
+    EXPECT_EQ(rm_syncDelete(0), 0);
+    EXPECT_EQ(stateNow(), kOne);
 }
 
 TEST_F(SyncFailedCreate, BesideOthersIsTerminatedWithThem)
@@ -669,7 +700,7 @@ TEST_F(SyncFailedCreate, BesideAnotherOneIsDeletedWithoutASystemCallWhenTheSetHa
     EXPECT_EQ(rm_syncDelete(1), 0);
     EXPECT_EQ(rm_syncDelete(2), 0);
     EXPECT_TRUE(rmtest::callTrace().empty());
-    EXPECT_EQ(stateNow(), (State{0, -2, false, false}));
+    EXPECT_EQ(stateNow(), (State{0, 0, false, false}));
 }
 
 struct FailingCall {
@@ -709,8 +740,8 @@ TEST_P(SyncAfterFailedCreate, AnyNumberOfFailuresLeaksNothing)
     EXPECT_FALSE(std::filesystem::exists(kToken));
 }
 
-// A host that tidies up after the jump and goes on: the count that went below zero must not make
-// two of the objects that follow share a semaphore.
+// A host that tidies up after the jump and goes on: what it deleted must not make two of the
+// objects that follow share a semaphore.
 TEST_P(SyncAfterFailedCreate, ObjectsMadeAfterItWasDeletedHaveSemaphoresOfTheirOwn)
 {
     failToCreate(GetParam().call, GetParam().error);
