@@ -93,6 +93,20 @@ void noteRoom(DArray* array, int16_t number)
     }
 }
 
+// No block has room: the next search may know. Looked for again: somebody may have deleted
+// meanwhile.
+void noteFull(DArray* array)
+{
+    if (array->firstWithRoom == array->blockCount) {
+        return;
+    }
+    rm_enterCritSec(kSection);
+    if (blockWithRoom(array) == array->blockCount) {
+        array->firstWithRoom = array->blockCount;
+    }
+    rm_exitCritSec(kSection);
+}
+
 // Takes the first free entry of a block out of its list. kNoSlot when somebody else was quicker.
 int16_t takeFree(DArray* array, int32_t number)
 {
@@ -231,7 +245,7 @@ int16_t darrayCreateEntry(DArray* array, const char* name, void** data)
         const int32_t number = blockWithRoom(array);
         if (number == array->blockCount) {
             if (array->maxBlocks <= number) {
-                array->firstWithRoom = array->blockCount;
+                noteFull(array);
                 return RM_NONE;
             }
             rm_enterCritSec(kSection);

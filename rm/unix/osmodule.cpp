@@ -120,8 +120,11 @@ int16_t rm_OSemUnload(void* module)
     }
     // Beforehand: the object's destructors may release the record with its tag.
     static_cast<OsModule*>(module)->library = nullptr;
+    const uint32_t before = rmalloc::tagZeroReleases;
     if (dlclose(library) != 0) {
-        static_cast<OsModule*>(module)->library = library;
+        if (before == rmalloc::tagZeroReleases) {
+            static_cast<OsModule*>(module)->library = library;
+        }
         return RM_FULL;
     }
     return RM_SUCCESS;

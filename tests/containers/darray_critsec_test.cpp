@@ -192,6 +192,29 @@ TEST_F(DArrayCriticalSection, IsWhereADeletionInALowerBlockIsNoted)
     EXPECT_EQ(createMany(array, 6), (Slots{3, 16, 17, 18, 19, -1}));
 }
 
+TEST_F(DArrayCriticalSection, IsWhereADeletionInAFullArrayIsNoted)
+{
+    DArray* array = makeWith(20, 20, 10);
+    darrayDeleteEntry(array, 3);
+    darrayDeleteEntry(array, 13);
+    EXPECT_EQ(createMany(array, 2), (Slots{3, 13}));
+    meanwhile = [&] { darrayDeleteEntry(array, 4); };
+    EXPECT_EQ(create(array).index, -1);
+    EXPECT_EQ(meanwhile, nullptr);
+    EXPECT_EQ(darrays::checkDArray(array), 0U);
+    EXPECT_EQ(createMany(array, 2), (Slots{4, -1}));
+}
+
+TEST_F(DArrayCriticalSection, IsEnteredOnceToNoteThatAnArrayIsFull)
+{
+    DArray* array = makeWith(20, 20, 10);
+    darrayDeleteEntry(array, 3);
+    darrayDeleteEntry(array, 13);
+    createMany(array, 2);
+    EXPECT_THAT(callsOf([&] { EXPECT_EQ(create(array).index, -1); }), ElementsAre(1, -1));
+    EXPECT_THAT(callsOf([&] { EXPECT_EQ(create(array).index, -1); }), IsEmpty());
+}
+
 TEST_F(DArrayCriticalSection, IsWhereADeletionBeforeANewBlockIsNoted)
 {
     DArray* array = makeWith(10, 20, 10);

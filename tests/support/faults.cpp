@@ -571,6 +571,13 @@ int64_t passThrough(const CallRecord& record)
     return record.real(record);
 }
 
+void meetFaults(const std::function<void()>& body)
+{
+    insideFault = false;
+    body();
+    insideFault = true;
+}
+
 int callCount(Call call)
 {
     return counts[static_cast<std::size_t>(call)].load();

@@ -149,6 +149,9 @@ struct Fault {
 // Makes the call of an action's record. The outcome includes errno.
 int64_t passThrough(const CallRecord& record);
 
+// Inside an action: the calls that `body` makes do meet faults.
+void meetFaults(const std::function<void()>& body);
+
 // Arms a fault for as long as it lives. Of several armed ones that fit, the oldest answers.
 class ScopedFault
 {

@@ -132,4 +132,23 @@ TEST_F(OsModuleReleased, ByItsDestructorIsNotWrittenTo)
     ASSERT_NE(memory.bytesThen(), "");
     EXPECT_EQ(memory.bytesNow(), memory.bytesThen());
 }
+
+TEST_F(OsModuleReleased, WhileItsUnloadingFailsIsNotWrittenTo)
+{
+    installModule("plain", "./m07");
+    void* module = nullptr;
+    ASSERT_EQ(rm_OSemLoad("./m07", &module), 0);
+    GivenBack memory;
+    memory.noteSegments();
+    {
+        const ScopedFault close({.call = Call::kDlclose, .action = [](const CallRecord& /*call*/) {
+                                     rmtest::meetFaults([] { rm_freeTagMemory(0, 0); });
+                                     return int64_t{-1};
+                                 }});
+        EXPECT_EQ(rm_OSemUnload(module), RM_FULL);
+        EXPECT_EQ(close.hits(), 1);
+    }
+    ASSERT_NE(memory.bytesThen(), "");
+    EXPECT_EQ(memory.bytesNow(), memory.bytesThen());
+}
 }  // namespace
