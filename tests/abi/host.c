@@ -5,7 +5,9 @@
 
 #include "rm.h"
 
+#include <errno.h>
 #include <setjmp.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -86,6 +88,67 @@ static void librarySeesTheLockThatTheHostGives(void)
     fileSem = RM_NULL_SYNC;
 }
 
+static void librarySeesTheLockOfGrowthThatTheHostGives(void)
+{
+    static jmp_buf target;
+    volatile int jumped = 1;
+    const int16_t handle = openNew("a");
+    rm_setDiskFull(0);
+    CHECK(rm_fileSeekWrite(handle, 0, "x", 1) == 1);
+    CHECK(growSem >= 0);
+    const int16_t made = growSem;
+    if (setjmp(target) == 0) {
+        rm_errorJump(target);
+        growSem = 19; /* no such lock: entering it is fatal */
+        CHECK(rm_fileSeekWrite(handle, 5000, "x", 1) == 1);
+        jumped = 0;
+    }
+    CHECK(jumped);
+    growSem = made;
+}
+
+static void librarySeesThatTheHostTurnsSyncsOff(void)
+{
+    CHECK(fileCommit == -1);
+    errno = 0;
+    CHECK(rm_flSync(-1) == 0);
+    CHECK(errno == EBADF); /* the system was asked */
+
+    fileCommit = 0;
+    errno = 0;
+    CHECK(rm_flSync(-1) == 0);
+    CHECK(errno == 0);
+}
+
+/* Of a new tag. */
+static ptrdiff_t bytesBetweenTwoBlocks(void)
+{
+    const int16_t tag = rm_allocTag(NULL, RM_NO_LIMIT);
+    const char* first = rm_getMemory(8, tag);
+    const char* second = rm_getMemory(8, tag);
+    return first < second ? second - first : first - second;
+}
+
+static void librarySeesThatTheHostWantsASegmentABlock(void)
+{
+    enum { kTwoUnits = 16 };
+
+    CHECK(seg_alloc == 0);
+    CHECK(bytesBetweenTwoBlocks() == kTwoUnits);
+    seg_alloc = 1; /* after the first tag, with which it is read from the environment */
+    CHECK(bytesBetweenTwoBlocks() > kTwoUnits);
+}
+
+static void libraryLeavesTheHandlesOfTheHostAlone(void)
+{
+    CHECK(hNormSh == 0 && hPriSh == 0);
+    hNormSh = 7;
+    hPriSh = 8;
+    rm_init(RM_NO_LIMIT, kLimit, 0.0);
+    rm_fileClose(openNew("a"));
+    CHECK(hNormSh == 7 && hPriSh == 8);
+}
+
 static void hostSeesWhatTheLibraryStores(void)
 {
     CHECK(syslogon == 0);
@@ -116,12 +179,20 @@ static void hostsOwnFunctionsDisturbNothing(void)
     rm_putLocalEnv(setting);
     const char* value = rm_getLocalEnv("COLOUR");
     CHECK(value != NULL);
+
+    const BagCtl control = {.flags = BAG_KEY_ISTRING, .initialSlots = 4, .elementSize = 8};
+    Bag* bag = NULL;
+    CHECK(bagCreate(&control, &bag) == 0);
+    CHECK(bagAdd(bag, "COLOUR\0") == 0);
+    CHECK(bagFind(bag, "colour", NULL, NULL) == 0);
+    CHECK(bagDestroy(bag) == 0);
     CHECK(ownCalls == 0);
 
     /* They are the host's all the same. */
     CHECK(StrUpper(setting) == setting && strcmp(setting, "colour=blue") == 0);
     CHECK(checkTag(5, NULL) == 5 && GetLine(setting) == setting);
-    CHECK(ownCalls == 3);
+    CHECK(stricmp("a", "b") == 0 && strnicmp("a", "b", 1) == 0);
+    CHECK(ownCalls == 5);
 }
 
 static jmp_buf exitTarget;
@@ -142,6 +213,10 @@ int main(int argc, char** argv)
         {"HostSeesTheLimitThatTheLibraryRaises", hostSeesTheLimitThatTheLibraryRaises},
         {"LibrarySeesTheDiskStateThatTheHostSets", librarySeesTheDiskStateThatTheHostSets},
         {"LibrarySeesTheLockThatTheHostGives", librarySeesTheLockThatTheHostGives},
+        {"LibrarySeesTheLockOfGrowthThatTheHostGives", librarySeesTheLockOfGrowthThatTheHostGives},
+        {"LibrarySeesThatTheHostTurnsSyncsOff", librarySeesThatTheHostTurnsSyncsOff},
+        {"LibrarySeesThatTheHostWantsASegmentABlock", librarySeesThatTheHostWantsASegmentABlock},
+        {"LibraryLeavesTheHandlesOfTheHostAlone", libraryLeavesTheHandlesOfTheHostAlone},
         {"HostSeesWhatTheLibraryStores", hostSeesWhatTheLibraryStores},
         {"HostsOwnFunctionsDisturbNothing", hostsOwnFunctionsDisturbNothing},
         {NULL, NULL},

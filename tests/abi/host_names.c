@@ -21,3 +21,15 @@ char* StrUpper(char* text)
     ownCalls++;
     return text;
 }
+
+int stricmp(const char* a, const char* b)
+{
+    ownCalls++;
+    return a == b;
+}
+
+int strnicmp(const char* a, const char* b, unsigned n)
+{
+    ownCalls++;
+    return a == b && n == 0;
+}
