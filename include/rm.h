@@ -43,8 +43,8 @@
  *
  * A timed wait uses the alarm clock and the SIGALRM handler of the process and restores neither;
  * when a signal ends rm_syncWait(), the alarm is still to come, and would end a waiting
- * rm_queueRead() fatally. **Every lock that is entered, timed
- * or not, ends with alarm(0)**, those of the managed files included: an alarm of the host does not
+ * rm_queueRead() fatally. **Every lock that is entered, timed or not, ends with alarm(0)**, those
+ * of the managed files included and those on ::RM_NULL_SYNC apart: an alarm of the host does not
  * survive them.
  *
  * @section rm_fatal Fatal errors
@@ -55,7 +55,8 @@
  * - logs "Exiting to shutdown processing" and jumps to the target that the host registered with
  *   rm_errorJump(), where **setjmp returns 1**; or,
  * - without a target, logs "Exiting to operating system" and calls rm_exit(0). The process ends
- *   with **exit status 0**: register a target if its parent has to notice.
+ *   with **exit status 0**, or goes on at the exit target, where setjmp returns 1: register a fatal
+ *   target if its parent has to notice.
  *
  * For the frames of the host between the target and the failing call this means:
  *
@@ -77,7 +78,8 @@
  * | memory  | no memory is left, or the tag that it allocates from is not in use                  |
  * | lock    | a lock of the file layer was not free within 14 seconds                             |
  * | syscall | a call on an IPC object failed or its handle is bad, or a file could not be grown   |
- * | mode    | the file was opened with ::FILE_FATAL, and opening, reading or writing it failed    |
+ * | mode    | the file was opened with ::FILE_FATAL, and opening, reading or writing it failed; a |
+ * |         | transfer that falls short is no failure, and neither is a failed rm_filePrintf()    |
  * | always  | the call is the fatal path itself                                                   |
  *
  * The words leave out one way: a call that writes a log line while a log file is open can end as
@@ -101,7 +103,7 @@
  *    inherit the handles and share the objects. Creating adds 1 to a semaphore, so a process that
  *    creates a sync object which others already use raises it to 2, and the lock lets two in.
  * 2. **That includes the two locks of the file layer.** A parent whose children use managed files
- *    calls rm_init() first. Otherwise each child would make its own.
+ *    calls rm_init() first. Otherwise each child raises them by 1, and they let all in.
  * 3. **Workers end with `_exit`.** rm_exit() in any process removes sync objects, shared memory and
  *    queues for all of them, and the next use of a lock or a queue in the others is fatal. So is a
  *    fatal error in a worker without a target of its own: it ends in rm_exit(0).
@@ -323,8 +325,8 @@ extern RM_API int16_t sysfile;
 RM_API int16_t rm_systemLog(int16_t level);
 
 /**
- * Writes one line to the log: to standard error even at level 0, and to the log file at level 2.
- * A line that the log file's own failure causes goes to standard error only.
+ * Writes one line to the log: to standard error even at level 0, and to the log file from level 2
+ * on. A line that the log file's own failure causes goes to standard error only.
  *
  * @param format printf format of the message, without a newline at its end; of the expanded
  *               message 259 bytes are written, the rest is cut
@@ -587,7 +589,8 @@ RM_API void rm_resetTag(jmp_buf env, int16_t tag);
  * Frees all blocks of a tag at once, and its name.
  *
  * @param tag a tag in use; -1 is ignored. With 0 the local environment, the statistics, the
- *            registry of the extension modules, and the tables of shared memory and queues go too.
+ *            registry of the extension modules, the tables of shared memory and queues, and text
+ *            streams that are open go too.
  * @param release 0 keeps the tag, empty; any other value gives its number back too. Keep tag 0: the
  *                library allocates from it.
  * @fatal never
@@ -687,10 +690,13 @@ RM_API void* rm_extendMemory(void* pointer, uint32_t newSize, int16_t tag);
  * A block that is large enough stays as it is, it never shrinks. **Otherwise the block is freed and
  * a new one is taken: the contents are lost.**
  *
- * @param pointer the block; or null, which makes this rm_getMemory()
+ * @param pointer the block; or null, which makes this rm_getMemory() once the tag has been looked
+ * at
  * @param size bytes
- * @param tag the tag under which the block was allocated
- * @return the block or a new one; null when the tag is not in use or the pointer is no live block
+ * @param tag the tag under which the block was allocated. A block of another tag that
+ *            is large enough is returned; a smaller one stays, with a line, and a new one is taken.
+ * @return the block or a new one; null when the tag is not in use, as all are before the first
+ *         allocation, or the pointer is no live block
  * @fatal memory
  * @memory the caller's, under `tag`
  * @log "Invalid tag %d supplied to rm_growMemory"; as rm_freeMemory(); "Out of memory!"
@@ -722,8 +728,8 @@ RM_API void rm_setMemoryLimit(uint32_t bytes);
  * the table of tags.
  *
  * @return bytes; 0 before the first allocation, and after rm_freeall() unless a tag had a segment
- * size that is no multiple of 8: such a segment counts whole when it is got, and without its last
- *         bytes when it is given back
+ *         size that is no multiple of 8: such a segment counts whole when it is got, and without
+ * its last bytes when it is given back
  * @fatal never
  */
 RM_API uint32_t rm_memused(void);
@@ -1085,7 +1091,8 @@ RM_API int16_t rm_syncOpen(const char* name);
  * process, the set and its token file are removed, also for every process.
  *
  * @param handle sync handle, 0 to 19, or ::RM_NULL_SYNC; a number in the range that names no object
- *               is accepted as long as the process has any
+ *               is accepted as long as the process has any: **its semaphore goes to 0 all the
+ * same**, and another process may use it
  * @return 0
  * @fatal syscall
  * @log "semctl() failure"; "semop() failure"
@@ -1335,7 +1342,7 @@ RM_API int16_t rm_queueWrite(int16_t handle, const void* data, int16_t length, u
  *
  * @param handle handle of the queue
  * @param[in] dataPointer address of a pointer to the buffer for the bytes; the pointer stays as it
- *            is
+ *            is. The compiler takes the buffer itself too: its first bytes are then an address.
  * @param[out] length number of bytes that were stored, 0 to 32,767
  * @param[out] code the number that went with the message; may be null
  * @param flags 1 to wait for a message, 0 not to; only that bit is looked at
@@ -1615,7 +1622,7 @@ RM_API int16_t rm_flSeek(int32_t fd, int32_t offset, int16_t whence, uint32_t* p
  * not lead it back.
  *
  * @param fd the descriptor
- * @param[out] size bytes; 4 GiB - 1 for any larger file
+ * @param[out] size bytes; 4 GiB - 1 for any larger file, and on failure
  * @return 0, or -1 with errno set
  * @fatal never
  */
@@ -1652,7 +1659,7 @@ RM_API int16_t rm_flSync(int32_t fd);
 RM_API int16_t rm_flSetWriteThrough(int32_t fd);
 
 /**
- * Removes a file.
+ * Removes a file, or an empty directory.
  *
  * @param path the path
  * @return 0, or -1 with errno set
@@ -1802,7 +1809,7 @@ RM_API int16_t rm_OSemUnload(void* module);
  * How a handle behaves. Other bits are kept and ignored.
  * @{
  */
-#define FILE_FATAL 0x01U          /**< failed opens, reads and writes are fatal */
+#define FILE_FATAL 0x01U          /**< failed opens, reads and writes are fatal, short ones not */
 #define FILE_NOPRESIZE 0x04U      /**< opening does not extend the file to its initial size */
 #define FILE_STREAM 0x08U         /**< for rm_filePrintf(); resumes at its end after parking */
 #define FILE_PINNED 0x40U         /**< never parked */
@@ -1828,7 +1835,8 @@ extern RM_API int16_t growSem;
 extern RM_API double rminfree;
 
 /** Not 0: no file is extended ahead of writes. Initially 1; cleared by the host (rm_setDiskFull()),
- * set to 1 by a growth that leaves less than #rminfree free. */
+ * set to 1 by a growth that leaves less than #rminfree free. Each process has its own: a child
+ * begins with its parent's. */
 extern RM_API int16_t rmDiskFull;
 
 /**
@@ -1843,7 +1851,8 @@ extern RM_API int16_t rmDiskFull;
  * @param initialSize bytes to which a smaller file is extended whenever it is opened or reopened
  *                    for writing, unless ::FILE_NOPRESIZE is given; 0 for none
  * @param growIncrement bytes of a growth step; 0 grows to what a write needs
- * @return the handle, 0 to 32766, lowest free number first; -1 when the file cannot be opened
+ * @return the handle, 0 to 32766, lowest free number first; -1 when the file cannot be opened, or
+ *         all handles are in use
  * @fatal memory, lock, syscall, mode
  * @locks #fileSem; #growSem when the file is extended
  * @log "fileSem timeout in rm_fileOpen"; with ::FILE_FATAL:
@@ -1902,7 +1911,7 @@ RM_API uint32_t rm_fileSeek(int16_t handle, uint32_t offset);
  * @param format printf format
  * @param ... the arguments of the format
  * @return bytes written, the low 16 bits of the number; 0 for an invalid handle and when the write
- *         failed
+ *         failed, which is neither logged nor fatal, whatever the mode
  * @fatal lock, syscall, mode; also for a file without a stream, and while no file at all is open
  * @locks #fileSem; #growSem when a reopened file is extended
  * @log "rm_filePrintf: invalid handle %d";
@@ -2037,7 +2046,7 @@ RM_API uint32_t rm_filePosition(int16_t handle);
 RM_API int16_t rm_fileSync(int16_t handle);
 
 /**
- * Removes a file, unless a handle of this process has it open or parked.
+ * Removes a file or an empty directory, unless a handle of this process has it open or parked.
  *
  * @param path the path; compared byte by byte with those given to rm_fileOpen()
  * @return 0; -1 when a handle has it open; not 0 when the platform refuses, with errno set
@@ -2047,7 +2056,7 @@ RM_API int16_t rm_fileRemove(const char* path);
 
 /**
  * Renames a file. **Whether a handle has it open is not checked**; such a handle cannot be reopened
- * once it is parked.
+ * once it is parked, and with ::RM_O_CREAT is reopened on a new, empty file.
  *
  * @param oldPath the path of the file
  * @param newPath its new path, in the same file system; a file of that name is replaced
@@ -2106,8 +2115,8 @@ RM_API void rm_fileCounts(uint32_t* open, uint32_t* parked, uint32_t* parkings, 
  * rm_fileMove(), which does know.
  *
  * @param source path of the file; a directory is copied as an empty file
- * @param destination path of the copy; a file there is removed, unless a handle of this process has
- *                    it open by the same path
+ * @param destination path of the copy; a file or an empty directory there is removed, unless a
+ * handle of this process has it open by the same path
  * @return 0, also when both paths are the same text: then nothing is done; ::RM_COPY_FAILED when
  *         either file cannot be opened
  * @fatal lock, memory, syscall
@@ -2171,7 +2180,7 @@ typedef struct FileStream FileStream;
  * @return the stream; null when the file cannot be opened
  * @fatal memory, lock, syscall
  * @locks #fileSem
- * @memory the caller's, until rm_fileStreamClose()
+ * @memory the caller's, under tag 0, until rm_fileStreamClose()
  * @log as rm_fileOpen() without ::FILE_FATAL
  */
 RM_API FileStream* rm_fileStreamOpen(const char* path, const char* mode);
@@ -2225,7 +2234,7 @@ RM_API uint32_t rm_fileStreamPuts(FileStream* stream, const char* text);
  *                buffer it counts as 100. It grows by 100 as often as a line asks for it. A null
  *                address gives null.
  * @return the buffer; null at the end of the file and the like, as rm_fileStreamGets(), and when
- * the buffer is no block of tag 0 and cannot grow
+ *         the buffer is no block of tag 0 and cannot grow
  * @fatal memory, lock, syscall
  * @locks #fileSem
  * @memory the buffer is the caller's, under tag 0, also when null comes back
