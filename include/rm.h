@@ -690,8 +690,8 @@ RM_API void* rm_extendMemory(void* pointer, uint32_t newSize, int16_t tag);
  * A block that is large enough stays as it is, it never shrinks. **Otherwise the block is freed and
  * a new one is taken: the contents are lost.**
  *
- * @param pointer the block; or null, which makes this rm_getMemory() once the tag has been looked
- * at
+ * @param pointer the block; or null, which makes this rm_getMemory(), once the tag has been
+ *                looked at
  * @param size bytes
  * @param tag the tag under which the block was allocated. A block of another tag that
  *            is large enough is returned; a smaller one stays, with a line, and a new one is taken.
@@ -729,7 +729,7 @@ RM_API void rm_setMemoryLimit(uint32_t bytes);
  *
  * @return bytes; 0 before the first allocation, and after rm_freeall() unless a tag had a segment
  *         size that is no multiple of 8: such a segment counts whole when it is got, and without
- * its last bytes when it is given back
+ *         its last bytes when it is given back
  * @fatal never
  */
 RM_API uint32_t rm_memused(void);
@@ -1092,7 +1092,7 @@ RM_API int16_t rm_syncOpen(const char* name);
  *
  * @param handle sync handle, 0 to 19, or ::RM_NULL_SYNC; a number in the range that names no object
  *               is accepted as long as the process has any: **its semaphore goes to 0 all the
- * same**, and another process may use it
+ *               same**, and another process may use it
  * @return 0
  * @fatal syscall
  * @log "semctl() failure"; "semop() failure"
@@ -2116,7 +2116,7 @@ RM_API void rm_fileCounts(uint32_t* open, uint32_t* parked, uint32_t* parkings, 
  *
  * @param source path of the file; a directory is copied as an empty file
  * @param destination path of the copy; a file or an empty directory there is removed, unless a
- * handle of this process has it open by the same path
+ *                    handle of this process has it open by the same path
  * @return 0, also when both paths are the same text: then nothing is done; ::RM_COPY_FAILED when
  *         either file cannot be opened
  * @fatal lock, memory, syscall
