@@ -5,7 +5,8 @@ pages_test.py ROOT
 
 Links lead to files and headings that exist, here and on the other pages of the repository; the test
 cases that are named do too. Each picture is well-formed and shown. No sentence of the guide stands in
-it a second time."""
+it a second time. The table of services has every source of the library and every test program, and
+nothing that is not there."""
 
 import pathlib
 import re
@@ -14,6 +15,9 @@ import xml.etree.ElementTree
 
 GUIDE = ["HOSTS", "memory", "processes", "modules", "limits", "surprises"]
 OTHERS = ["README.md", "ARCHITECTURE.md", "CONTRIBUTING.md", "examples/README.md", "docs/messages.md"]
+SERVICE_TESTS = ["base", "containers", "ems", "file", "multiprocess", "rmalloc", "rmsrv", "rmutil", "txtutil",
+                 "unix"]
+OF_ALL_SERVICES = ["overview_promise_test.cpp", "status_promise_test.cpp"]
 FEWEST_WORDS = 6  # of a sentence that counts: shorter ones are bound to come again
 
 
@@ -65,6 +69,43 @@ def sentences(text):
                 yield " ".join(words)
 
 
+def files_of(root, cell):
+    """The files that a cell of the table names; what has no folder is in that of the one before."""
+    folder = ""
+    for name in re.findall(r"`([^`]+)`", cell):
+        path = name if "/" in name else f"{folder}/{name}"
+        folder = path.rsplit("/", 1)[0]
+        found = {str(file.relative_to(root)) for file in root.glob(path.rstrip("/"))}
+        if path.endswith("/"):
+            found = {str(file.relative_to(root)) for file in (root / path).glob("*_test.cpp")} or found
+        yield path, found
+
+
+def wrong_services(root):
+    text = (root / "ARCHITECTURE.md").read_text()
+    table = text.partition("## Services")[2].partition("\n## ")[0]
+    sources, tests, checkers = set(), set(), set()
+    for row in re.findall(r"^\| (.*) \|$", table, re.M)[1:]:
+        _, source, test, checker = row.split(" | ")
+        for cell, all_of_them in (source, sources), (test, tests):
+            for path, found in files_of(root, cell):
+                if not found:
+                    yield f"ARCHITECTURE.md: names {path}, which is not there"
+                all_of_them |= found
+        checkers |= set(re.findall(r"`\w+::(\w+)`", checker))
+    code = "".join(file.read_text() for file in (root / "rm").rglob("*.h"))
+    for checker in sorted(checkers):
+        if not re.search(rf"\b{checker}\(", code):
+            yield f"ARCHITECTURE.md: names the checker {checker}, which is not there"
+    for file in sorted((root / "rm").rglob("*.cpp")):
+        if str(file.relative_to(root)) not in sources:
+            yield f"ARCHITECTURE.md: {file.relative_to(root)} has no row"
+    for folder in SERVICE_TESTS:
+        for file in sorted((root / "tests" / folder).glob("*_test.cpp")):
+            if str(file.relative_to(root)) not in tests and file.name not in OF_ALL_SERVICES:
+                yield f"ARCHITECTURE.md: {file.relative_to(root)} is in no row"
+
+
 def main():
     root = pathlib.Path(sys.argv[1])
     pages = {name: root / "docs" / f"{name}.md" for name in GUIDE}
@@ -86,6 +127,8 @@ def main():
         page = root / name
         if page.exists():
             complaints += wrong_links(page, page.read_text())
+
+    complaints += wrong_services(root)
 
     shown = "".join(file.read_text() for file in [*root.glob("*.md"), *(root / "docs").glob("*.md")])
     for picture in sorted((root / "docs").glob("*.svg")):

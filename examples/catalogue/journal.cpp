@@ -11,7 +11,7 @@
 // predecessor and to begin an empty file, and then hands over a handle of its own instead:
 //   - RM_O_APPEND: each line goes to the end of the file, whoever opened it, and when;
 //   - FILE_PINNED: a line costs no parking and reopening of another file;
-//   - without FILE_FATAL: a log that cannot be written must not end the server.
+//   - without FILE_FATAL: a log that cannot be opened must not end the server.
 // Workers inherit the handle, or open the file in the same way when its path changes in the run.
 //
 // A memory report has a line for each block. The library copies every line to standard error, where
