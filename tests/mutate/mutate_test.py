@@ -2,12 +2,16 @@
 """The script itself, on a library of two functions: a script that calls everything noticed would
 look the same as a suite that notices everything."""
 
+import os
 import pathlib
 import subprocess
 import sys
 import tempfile
 import textwrap
 import unittest
+import unittest.mock
+
+import workshop
 
 HERE = pathlib.Path(__file__).resolve().parent
 
@@ -191,6 +195,13 @@ class Mutate(unittest.TestCase):
         self.assertIn("2/2", said)
         self.assertEqual(sorted(path.name for path in (self.root.parent / "work").iterdir()),
                          ["results.txt", "sound.json"])
+
+    def test_the_tree_is_found_without_git(self):
+        shop = workshop.Workshop(self.root, self.root.parent / "work", 1)
+        with_git = shop.files()
+        with unittest.mock.patch.dict(os.environ, PATH="/nowhere"):
+            self.assertEqual(shop.files(), with_git)
+        self.assertEqual(with_git, sorted(TREE))
 
     def test_a_sound_tree_whose_tests_fail_shows_nothing(self):
         path = self.root / "tests/small/near_test.cpp"

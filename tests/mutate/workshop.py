@@ -79,13 +79,20 @@ class Workshop:
 
     # --- The copy
 
-    def _files(self) -> list[str]:
-        listed = subprocess.run(
-            ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
-            cwd=self.source, capture_output=True, text=True, check=False)
-        if listed.returncode == 0 and listed.stdout:
-            return sorted({name for name in listed.stdout.split("\0")
-                           if name and (self.source / name).is_file()})
+    def _known_to_git(self) -> list[str]:
+        """Nothing where there is no git, or no repository."""
+        try:
+            listed = subprocess.run(
+                ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
+                cwd=self.source, capture_output=True, text=True, check=True)
+        except (OSError, subprocess.CalledProcessError):
+            return []
+        return [name for name in listed.stdout.split("\0") if name]
+
+    def files(self) -> list[str]:
+        known = self._known_to_git()
+        if known:
+            return sorted({name for name in known if (self.source / name).is_file()})
         parts = [self.source / part for part in PARTS]
         return sorted(str(path.relative_to(self.source))
                       for part in parts for path in (part, *part.rglob("*"))
@@ -93,7 +100,7 @@ class Workshop:
 
     def copy(self) -> None:
         """Makes the copy like the tree. A file that is the same keeps its time."""
-        names = self._files()
+        names = self.files()
         for name in names:
             data = (self.source / name).read_bytes()
             if name == NO_ERROR[0]:
