@@ -138,13 +138,13 @@ await '^staying: ' server.out
 run=$(find . -name 'catalogue-run.*')
 pids=$(sed -nE 's/.*: start: process ([0-9]+).*/\1/p' catalogue.log | tail -n 5)
 printf '    $ kill -KILL %s\n' "$pid"
+disown "$pid" # or the shell tells on standard error, now and then, that it was killed
 kill -KILL "$pid"
-wait "$pid" 2>/dev/null || true
-pid=
 # Its desk and its workers notice and end by themselves.
-for other in $pids; do
+for other in $pid $pids; do
     while kill -0 "$other" 2>/dev/null; do sleep 0.05; done
 done
+pid=
 show "$tools/rmipc/rmipc" list "$run/" || true
 show "$tools/rmipc/rmipc" remove --yes "$run/"
 printf '    $ rm -r %s\n' "$run"
