@@ -219,6 +219,20 @@ TEST_F(FatalMode, APositionedWriteThatFallsShortReturns)
                   [] { EXPECT_EQ(seekWrite(0, 4, "abc"), 2U); });
 }
 
+TEST_F(FatalMode, AFormattedWriteThatFailsCountsAsZeroAndReturns)
+{
+    openNew("f", FILE_FATAL | FILE_STREAM);
+    EXPECT_EQ(catchFatal([] {
+                  EXPECT_THAT(linesOf([] {
+                                  const ScopedFault fault({.call = Call::kFflush, .error = ENOSPC});
+                                  EXPECT_EQ(rm_filePrintf(0, "lost"), 0);
+                                  EXPECT_EQ(fault.hits(), 1);
+                              }),
+                              IsEmpty());
+              }),
+              0);
+}
+
 TEST_F(FatalMode, AReadThatFallsShortReturns)
 {
     expectReturns({.call = Call::kRead, .result = 2},
