@@ -9,8 +9,9 @@
 //
 // Owns: the table of names, the set and its token file, the alarm flag.
 //
-// Invariant: `nSems` counts the named slots but those whose creation failed half-way; while it
-// counts any, the set and its token exist. checkSync() tests it.
+// Invariant: `nSems` counts the named slots; while it counts any, the set and its token exist. A
+// creation that ended in the fatal path leaves a name that does not count, until it is deleted.
+// checkSync() tests the invariant, and so tells of such a name.
 //
 // Lifecycle: the set is made with the first object and goes with the last one. Processes that make
 // their objects in the same order under one prefix meet on the same semaphores. Creating adds 1 to
@@ -288,7 +289,9 @@ int16_t rm_syncDelete(int16_t handle)
     const bool used = *slot != nullptr;
     if (used) {
         *slot = nullptr;
-        nSems = static_cast<int16_t>(nSems - (halfMade[static_cast<std::size_t>(handle)] ? 0 : 1));
+        if (!halfMade[static_cast<std::size_t>(handle)]) {
+            --nSems;
+        }
         halfMade[static_cast<std::size_t>(handle)] = false;
     }
     // An object whose creation failed was named and has no semaphore: the system is not asked. It

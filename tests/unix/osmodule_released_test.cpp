@@ -77,6 +77,14 @@ class GivenBack
 
 class OsModuleReleased : public rmtest::ModuleTest
 {
+  protected:
+    static void* loaded(const char* name)
+    {
+        installModule("plain", name);
+        void* module = nullptr;
+        EXPECT_EQ(rm_OSemLoad(name, &module), 0);
+        return module;
+    }
 };
 
 TEST_F(OsModuleReleased, ByItsConstructorIsNotWrittenTo)
@@ -120,9 +128,7 @@ TEST_F(OsModuleReleased, ByItsEntryPointIsNotWrittenTo)
 
 TEST_F(OsModuleReleased, ByItsDestructorIsNotWrittenTo)
 {
-    installModule("plain", "./m06");
-    void* module = nullptr;
-    ASSERT_EQ(rm_OSemLoad("./m06", &module), 0);
+    void* module = loaded("./m06");
     GivenBack memory;
     memory.noteSegments();
     rmtest::onModuleClose([](const char* /*name*/) { rm_freeTagMemory(0, 0); });
@@ -135,9 +141,7 @@ TEST_F(OsModuleReleased, ByItsDestructorIsNotWrittenTo)
 
 TEST_F(OsModuleReleased, WhileItsUnloadingFailsIsNotWrittenTo)
 {
-    installModule("plain", "./m07");
-    void* module = nullptr;
-    ASSERT_EQ(rm_OSemLoad("./m07", &module), 0);
+    void* module = loaded("./m07");
     GivenBack memory;
     memory.noteSegments();
     {
