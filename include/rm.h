@@ -91,7 +91,8 @@
  * of fatal errors share a frame, and there only the text within the frame is quoted:
  *
  * - syscall: "**** %s() %s, errno=%d (%s)" with the failing function, the quoted text, and the
- *   error. Only the first such failure of a process is logged; each is printed to standard output.
+ *   error. Only the first such failure of a process is logged. Each is printed to standard output,
+ *   but for the one whose line the log file could not take: that goes to standard error only.
  * - lock: "***Fatal resource manager error***", then "    Specific problem: %s" with the quoted
  *   text.
  *
@@ -264,7 +265,8 @@ RM_NORETURN RM_API void rm_errorExit(void);
  *             from a jump.
  * @fatal always, in that it never comes back
  * @locks #fileSem, to close the log file
- * @log as rm_gshmTerminate(), rm_queueTerminate() and rm_syncTerminate(), when the teardown fails
+ * @log as rm_fileClose(), with a log file open; as rm_gshmTerminate(), rm_queueTerminate() and
+ *      rm_syncTerminate(), when the teardown fails
  */
 RM_NORETURN RM_API void rm_exit(int16_t code);
 
@@ -294,7 +296,8 @@ RM_API void rm_userGet(char* name, uint16_t* session);
  * One writer for every diagnostic of the library and its host. A line is the local time as
  * `[07-Mar-96 14:05:09]`, two blanks, and the message. It goes to standard error at every level,
  * with standard output flushed before and after, so that both interleave in order on a terminal;
- * and at level 2 or more also to the log file, when one is set.
+ * and at level 2 or more also to the log file, when one is set. The month is the locale's, three
+ * letters in most (LC_TIME; "C" unless the host calls setlocale()).
  *
  * @par Example
  * @include systemlog.c
@@ -308,9 +311,9 @@ extern RM_API int16_t syslogon;
 /**
  * Managed file that receives a copy of each line at level 2 or more; -1, initially, for none.
  * Set by rm_systemLogOpen(). A host may set it to a file of its own, opened with ::FILE_STREAM, and
- * hands that file over with it. It is closed, and this reset to -1, by rm_systemLogClose(),
- * rm_exit(), rm_freeall() and a failed growth; also when its handle is given up in another way.
- * After a fatal error out of writing a line into it the file is left alone until
+ * hands that file over with it. It is closed, and this reset to -1, by rm_systemLogClose(), the
+ * first rm_exit(), rm_freeall() and a failed growth; also when its handle is given up in another
+ * way. After a fatal error out of writing a line into it the file is left alone until
  * rm_systemLogClose().
  */
 extern RM_API int16_t sysfile;
@@ -367,7 +370,7 @@ RM_API void rm_systemLogOptWrite(const char* format, ...) RM_PRINTF(1, 2);
  * @param path path of the file; null does nothing
  * @fatal memory, lock, syscall; mode, when the file cannot be opened
  * @locks #fileSem
- * @log "reopenFile: errno=%d: failed to create file '%s'"; "fileSem timeout in rm_fileOpen"
+ * @log as rm_fileOpen(), with ::FILE_FATAL
  */
 RM_API void rm_systemLogOpen(const char* path);
 
@@ -1739,9 +1742,11 @@ RM_API int16_t rm_fileValidate(const char* path);
  * @param[out] module the module, when it was loaded; else untouched
  * @return 0; ::RM_NOT_FOUND when the object cannot be loaded, has no entry point, the name is too
  *         long, or its own code has released tag 0
- * @fatal memory; whatever the entry point ends: the object stays loaded then
+ * @fatal memory; whatever the object's constructors or the entry point end: the object stays
+ *        loaded then
  * @memory the caller's, under tag 0; rm_freeMemory() after rm_OSemUnload(). An object without an
- *         entry point leaves a block of 24 bytes behind.
+ *         entry point leaves a block behind, of 24 bytes where pointers have 8, of 16 where they
+ *         have 4.
  * @log when the object cannot be loaded: "Failed to load module '%s'\n" with its path, then
  *      "  REASON: errno = %d  %s" with 0 and the dynamic linker's text
  */
@@ -1822,8 +1827,9 @@ RM_API int16_t rm_OSemUnload(void* module);
 extern RM_API int16_t fileHandleLimit;
 
 /** Sync handle of the lock of the file table; -1 at first and after rm_syncTerminate(). Made by
- * rm_init(), else by the first rm_fileOpen(). A host of one process that wants no semaphores sets
- * this and #growSem to ::RM_NULL_SYNC before its first call. */
+ * rm_init(), else by the next call that enters it: rm_fileOpen(), and any on a handle that is in
+ * use. A host of one process that wants no semaphores sets this and #growSem to ::RM_NULL_SYNC
+ * before its first call. */
 extern RM_API int16_t fileSem;
 
 /** Sync handle of the lock of file growth; -1 at first and after rm_syncTerminate(). Made by
@@ -2139,7 +2145,8 @@ RM_API int32_t rm_fileCopy(const char* source, const char* destination);
  * @param destination its new path; a file there is removed first, or replaced by the renaming
  * @return 0, also when both paths are the same text: then nothing is done; ::RM_COPY_FAILED when it
  *         could be neither renamed nor copied whole. Then the source is still there, and at the
- *         destination may be a part of it.
+ *         destination may be a part of it. **Two spellings of one path lose the file**: as the
+ *         destination it is removed first.
  * @fatal lock, memory, syscall
  * @locks #fileSem, when it copies
  * @log as rm_fileCopy() and rm_fileSync()
@@ -2541,7 +2548,8 @@ RM_API void rm_getEmList(uint16_t* emCount, const EmListEntry** emList, uint16_t
  *                    success.
  * @return 0; ::RM_NOT_FOUND when it cannot be loaded, see rm_OSemLoad(), and when its own code has
  *         released tag 0, the registry with it; ::RM_OUT_OF_MEMORY when the registry is full: the
- *         object stays loaded then
+ *         object stays loaded then. The first load gives it also when the linked-in modules do
+ *         not fit, with nothing loaded: the next one goes on without the rest of them.
  * @fatal memory; whatever the module's entry point ends. **If that had registered a function, the
  *        module is in the registry then**: loading it again gives its handle, and finds only what
  *        it had registered.
@@ -2690,7 +2698,8 @@ RM_API int16_t bagDestroy(Bag* bag);
  * @param element elementSize bytes to copy, which may be those of an element of the bag; with
  *                ::BAG_POINTERS, what the slot is to point to
  * @return 0; ::RM_OUT_OF_MEMORY, with nothing changed, when it would need more than 65535 slots or
- *         may not grow; ::RM_INVALID for a slot map whose map is missing
+ *         may not grow; ::RM_INVALID for a slot map that has no free slot where its counts say so:
+ *         its map is damaged or, in a bag that need not grow, missing
  * @fatal memory; the bag is as it was
  * @log "findEmptySlot failed", "markSlotUsed failed" when the map is missing; as rm_extendMemory()
  */
@@ -2807,8 +2816,8 @@ RM_API int16_t bagGetCurData(Bag* bag, void* buffer);
  * @param[out] handle the slot, or null when it is not wanted; untouched when nothing is found
  * @param[out] pointer as from bagGetCurPtr(), or null when it is not wanted; likewise
  * @return 0; ::RM_NOT_FOUND, with the position where the iteration ended, or for the empty text at
- *         the first element; ::RM_INVALID when the control record names no kind of key and the bag
- *         is not empty
+ *         the first element; ::RM_INVALID when the control record names no kind of key and the
+ *         iteration meets an element
  * @fatal never
  * @log "can't bagFind" with ::RM_INVALID; "markSlotUsed failed" when the map is missing
  */
@@ -3066,8 +3075,8 @@ RM_API int strnicmp(const char* a, const char* b, uint32_t n);
 /**
  * Splits a text into words at white space. There is no quoting: every other byte is part of a word.
  *
- * @param[in,out] text the text; zeros are written behind its words, which stay where they are: it
- *                     must outlive the array
+ * @param[in,out] text the text; zeros are written over its white space, and its words stay
+ *                     where they are: it must outlive the array
  * @param[out] count number of words
  * @param[out] argv array of `count` pointers to the words, without a null behind them; null when
  *                  there is no word
