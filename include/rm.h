@@ -1071,9 +1071,16 @@ RM_API void rm_tokenName(const char* prefix);
  * Creates a sync object. The first one of a process also makes the token file and the set.
  * An existing object of the same name is not looked for: rm_syncOpen() does that.
  *
+ * When another process has removed the set, this is fatal as long as the process has objects of it:
+ * rm_syncTerminate() forgets them. One process of a server makes the locks anew, since creating
+ * adds 1.
+ *
  * @param name **kept as a pointer, not copied**: it must stay as it is for as long as the object
  *             exists, so give a literal. Null or empty creates nothing.
- * @return the handle, 0 to 19, lowest free number first; ::RM_NULL_SYNC for a null or empty name
+ * @return the handle, 0 to 19, lowest free number first; ::RM_NULL_SYNC for a null or empty name.
+ *         After "fopen() failure", "semget() failure" and "semop() failure" the slot keeps its name
+ *         until it is deleted or, without another object, until the next creation. **Delete it**:
+ *         rm_syncOpen() finds it, and whoever enters it may wait for ever.
  * @fatal syscall
  * @log "Out of Semaphores!" for the 21st object; "fopen() failure" when the token file cannot be
  *      made or is a symbolic link; "semget() failure"; "semop() failure"
@@ -1091,11 +1098,12 @@ RM_API int16_t rm_syncOpen(const char* name);
 
 /**
  * Deletes an object: its semaphore goes to 0, for every process. When it was the last one of this
- * process, the set and its token file are removed, also for every process.
+ * process, the set and its token file are removed, also for every process. When another process has
+ * removed the set before, every deletion is fatal; the last one forgets the set.
  *
  * @param handle sync handle, 0 to 19, or ::RM_NULL_SYNC; a number in the range that names no object
- *               is accepted as long as the process has any: **its semaphore goes to 0 all the
- *               same**, and another process may use it
+ *               is accepted as long as there is a set: **its semaphore goes to 0 all the same**,
+ *               and another process may use it; without a set it is fatal
  * @return 0
  * @fatal syscall
  * @log "semctl() failure"; "semop() failure"
@@ -1145,7 +1153,10 @@ RM_API int16_t rm_syncExitExcl(int16_t handle);
 RM_API int16_t rm_syncWait(int16_t handle, uint32_t timeout);
 
 /**
- * Resets an event that is signalled; any other state is left as it is.
+ * Resets an event that is signalled; any other state is left as it is. Looking and resetting are
+ * two steps: when a waiter passes in between, or another process resets the event too, it stands at
+ * 2, and neither rm_syncResume() nor this does anything until an rm_syncEnterExcl() brings it back
+ * to 1. Reset an event while nobody waits for it, and with a lock around it when several do.
  *
  * @param handle sync handle
  * @return 0
@@ -1169,7 +1180,8 @@ RM_API int16_t rm_syncResume(int16_t handle);
 
 /**
  * Deletes all objects of this process, and removes the set and its token file, for every process.
- * #fileSem and #growSem become -1.
+ * #fileSem and #growSem become -1. When another process has removed the set before, that is fatal
+ * once: the objects and the set are forgotten by then, and new ones can be made.
  *
  * @return 0
  * @fatal syscall
@@ -1241,8 +1253,10 @@ RM_API void catchAlarm(int signalNumber);
  *             least as many. The machine's own limit is kernel.shmmax.
  * @param[out] address where the object is attached in this process; aligned to a page, and good
  *             until the process ends, even when the object is deleted
- * @return the handle, 0 to 19, lowest free slot first. A creation that failed keeps its slot, if
- *         there is another object, until it is deleted.
+ * @return the handle, 0 to 19, lowest free slot first. After "shmget() failure" and "shmat()
+ * failure" the slot is kept until it is deleted or, without another object, until the next
+ * creation; a segment that it had got then stays in the system, as it may be another process's.
+ * After any other failure there is nothing to delete.
  * @fatal syscall, memory
  * @memory the name's copy is the library's, under tag 0. rm_freeall(), or a release of tag 0,
  *         forgets the objects without removing them: delete them first.
@@ -1259,7 +1273,8 @@ RM_API int16_t rm_gshmCreate(const char* name, uint32_t size, void** address);
  * the slot from now on gets a new one. With the last object of the process the token file goes,
  * **for every process**: those that begin afterwards make a new one, with keys of its own.
  *
- * @param handle handle of the object; one that names none is accepted and does nothing
+ * @param handle handle of the object; one that names none is accepted and does nothing, except
+ *               after a deletion that was one too many: then every one is, until there is an object
  * @return 0
  * @fatal syscall
  * @log "shmctl() failure", as for an object that another user has created; "Deleted too
@@ -1302,8 +1317,9 @@ RM_API int16_t rm_gshmTerminate(void);
  *
  * @param name **kept as a pointer, not copied**: it must stay as it is for as long as the queue
  *             exists, so give a literal. Null counts as an empty one.
- * @return the handle, 0 to 4, lowest free slot first. A creation that failed keeps its slot until
- *         it is deleted.
+ * @return the handle, 0 to 4, lowest free slot first. After "msgget() failure" the slot is kept
+ * until it is deleted; without memory until then or, when no other queue exists, until the next
+ *         creation. After any other failure there is nothing to delete.
  * @fatal syscall, memory
  * @memory the buffer of 32 KiB is the library's, under tag 0. rm_freeall(), or a release of tag 0,
  *         forgets the queues without removing them: delete them first.
@@ -1363,7 +1379,8 @@ RM_API int16_t rm_queueRead(int16_t handle, void* dataPointer, int16_t* length, 
  * Deletes a queue and the messages in it, for every process; who waits for one is woken, and ends
  * fatally. With the last queue of the process the token file goes, as with rm_gshmDelete().
  *
- * @param handle handle of the queue; one that names none is accepted and does nothing
+ * @param handle handle of the queue; one that names none is accepted and does nothing, except after
+ *               a deletion that was one too many: then every one is, until there is a queue
  * @return 0
  * @fatal syscall
  * @log "Deleted too many Message Queues!" with error 0, after a creation that found no memory

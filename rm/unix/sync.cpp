@@ -16,7 +16,8 @@
 // Lifecycle: the set is made with the first object and goes with the last one. Processes that make
 // their objects in the same order under one prefix meet on the same semaphores. Creating adds 1 to
 // the value each time, so objects are made once, before the server forks. Nothing is undone when a
-// process dies; a lock that it held is freed by rm_syncRecover, in one other process.
+// process dies; a lock that it held is freed by rm_syncRecover, in one other process. A set that
+// another process has removed is forgotten by the termination or the last deletion that finds out.
 //
 // Fatal: every system call that fails, a handle of an unused slot, a 21st object.
 #include "rm/unix/unix.h"
@@ -145,11 +146,86 @@ bool anySlotUsed()
                        [](const char* name) { return name != nullptr; });
 }
 
+// What the system says of a set that another process has removed.
+bool saysGone(int error)
+{
+    return error == EINVAL || error == EIDRM;
+}
+
+// Tells that a call on the set has failed. A set that has gone is forgotten before, so that a host
+// that jumps out can make a new one; but only when no object counts, since one of the old set would
+// be a held lock in the new one. The token file is left: whoever removed the set removed that too,
+// and one that is there now may lead others to a new set.
+[[noreturn]] void failOnSet(const char* function, const char* message, int error)
+{
+    if (nSems == 0 && iSem != -1 && saysGone(error)) {
+        iSem = -1;
+        closeToken(&gfpRMSemTokenFile);
+    }
+    internalErrorExit(function, message, error);
+}
+
+enum class Deletion { kOfOne, kOfAll };
+
+[[noreturn]] void failToDelete(Deletion deletion, const char* message, int error)
+{
+    if (deletion == Deletion::kOfAll && saysGone(error)) {
+        rmSem.fill(nullptr);  // the others have gone with their set
+        nSems = 0;
+    }
+    failOnSet("rm_syncDelete", message, error);
+}
+
+void bringToZero(SyncHandle handle, Deletion deletion)
+{
+    semun unused = {};
+    int value = semctl(iSem, handle, GETVAL, unused);
+    if (value == -1) {
+        failToDelete(deletion, "semctl() failure", errno);
+    }
+    while (value != 0) {
+        const int op = value > 0 ? -1 : 1;
+        if (operate(handle, op, IPC_NOWAIT) == -1) {
+            failToDelete(deletion, "semop() failure", errno);
+        }
+        value += op;
+    }
+}
+
 void removeSet(const char* function)
 {
     semun unused = {};
     if (semctl(iSem, 0, IPC_RMID, unused) == -1) {
-        internalErrorExit(function, "semctl() failure", errno);
+        failOnSet(function, "semctl() failure", errno);
+    }
+}
+
+// The set goes with the last object that counts.
+void deleteObject(SyncHandle handle, Deletion deletion)
+{
+    const char** slot = &rmSem[static_cast<std::size_t>(handle)];
+    const bool used = *slot != nullptr;
+    if (used) {
+        *slot = nullptr;
+        if (!halfMade[static_cast<std::size_t>(handle)]) {
+            --nSems;
+        }
+        halfMade[static_cast<std::size_t>(handle)] = false;
+    }
+    // An object whose creation failed was named and has no semaphore: the system is not asked. It
+    // is for a slot that is not used, also without a set, and then that is what fails.
+    if (iSem != -1 || !used) {
+        bringToZero(handle, deletion);
+    }
+    if (nSems > 0) {
+        return;
+    }
+    if (iSem != -1) {
+        removeSet("rm_syncDelete");
+        iSem = -1;
+        dropToken(&gfpRMSemTokenFile, semTokenPath);
+    } else if (!anySlotUsed()) {
+        dropToken(&gfpRMSemTokenFile, semTokenPath);
     }
 }
 
@@ -259,7 +335,7 @@ int16_t rm_syncCreate(const char* name)
         makeSet();
     }
     if (operate(slot, 1, 0) == -1 && errno != EAGAIN) {
-        internalErrorExit("rm_syncCreate", "semop() failure", errno);
+        failOnSet("rm_syncCreate", "semop() failure", errno);
     }
     halfMade[static_cast<std::size_t>(slot)] = false;
     ++nSems;
@@ -285,33 +361,7 @@ int16_t rm_syncDelete(int16_t handle)
     if (handle < 0 || handle >= kSyncSlots) {
         internalErrorExit("rm_syncDelete", "semctl() failure", EINVAL);
     }
-    const char** slot = &rmSem[static_cast<std::size_t>(handle)];
-    const bool used = *slot != nullptr;
-    if (used) {
-        *slot = nullptr;
-        if (!halfMade[static_cast<std::size_t>(handle)]) {
-            --nSems;
-        }
-        halfMade[static_cast<std::size_t>(handle)] = false;
-    }
-    // An object whose creation failed was named and has no semaphore: the system is not asked. It
-    // is for a slot that is not used, also without a set, and then that is what fails.
-    const bool askTheSystem = iSem != -1 || !used;
-    for (int value = askTheSystem ? valueOf(handle, "rm_syncDelete") : 0; value != 0;) {
-        const int op = value > 0 ? -1 : 1;
-        operateOrDie(handle, op, IPC_NOWAIT, "rm_syncDelete");
-        value += op;
-    }
-    if (nSems > 0) {
-        return RM_SUCCESS;
-    }
-    if (iSem != -1) {
-        removeSet("rm_syncDelete");
-        iSem = -1;
-        dropToken(&gfpRMSemTokenFile, semTokenPath);
-    } else if (!anySlotUsed()) {
-        dropToken(&gfpRMSemTokenFile, semTokenPath);
-    }
+    deleteObject(handle, Deletion::kOfOne);
     return RM_SUCCESS;
 }
 
@@ -415,7 +465,7 @@ int16_t rm_syncTerminate()
     growSem = RM_NONE;
     for (SyncHandle slot = 0; slot < kSyncSlots; ++slot) {
         if (rmSem[static_cast<std::size_t>(slot)] != nullptr) {
-            rm_syncDelete(slot);
+            deleteObject(slot, Deletion::kOfAll);
         }
     }
     nSems = 0;

@@ -245,13 +245,13 @@ TEST_F(FileProcesses, AFatalEndWithoutATargetRemovesTheLocksOfAll)
     const FatalEnd end = fatalEnd([] { rm_fileOpen("f", kReadWrite, 0, 0, 0); });
     EXPECT_TRUE(end.jumped);
     EXPECT_LT(end.seconds, 1.0);
-    os::rmSem.fill(nullptr);
-    os::nSems = 0;
-    os::iSem = -1;
-    std::fclose(os::gfpRMSemTokenFile);
-    os::gfpRMSemTokenFile = nullptr;
-    fileSem = RM_NONE;
-    growSem = RM_NONE;
+    // It gives them up, and its files have locks again that work: entered, grown and left.
+    EXPECT_TRUE(fatalEnd([] { rm_syncTerminate(); }).jumped);
+    rmDiskFull = 0;
+    const int16_t handle = openNew("f", 0, 1000, 1000);
+    EXPECT_EQ(seekWrite(handle, 2000, "text"), 4U);
+    EXPECT_EQ(fileSemValue(), 1);
+    EXPECT_EQ(growSemValue(), 1);
 }
 
 // --- Growth

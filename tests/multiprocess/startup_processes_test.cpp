@@ -302,16 +302,15 @@ TEST_F(StartedProcesses, AWorkerThatEndsInOrderTakesTheLocksOfAll)
     EXPECT_EQ(runChild([] { rm_exit(5); }).status, 5);
     EXPECT_EQ(semValue(set, fileSem), -1);
     EXPECT_FALSE(std::filesystem::exists(".ZNT.RM.SEM"));
-    // The objects of this process have lost their set: they are forgotten, and made anew.
-    os::rmSem.fill(nullptr);
-    os::nSems = 0;
-    os::iSem = -1;
-    std::fclose(os::gfpRMSemTokenFile);
-    os::gfpRMSemTokenFile = nullptr;
-    fileSem = RM_NONE;
-    growSem = RM_NONE;
+    // The objects of this process have lost their set: a host that jumps out of what that does to
+    // it forgets them by terminating them, which is told once, and makes new ones.
+    EXPECT_TRUE(fatalEnd([] { openNew("f"); }).jumped);
+    EXPECT_TRUE(fatalEnd([] { rm_syncTerminate(); }).jumped);
+    EXPECT_EQ(rm_syncTerminate(), 0);
     rm_init(RM_NO_LIMIT, 32, 0.0);
     EXPECT_NE(openNew("g"), RM_NONE);
+    EXPECT_EQ(semValue(os::iSem, fileSem), 1);
+    EXPECT_EQ(semValue(os::iSem, growSem), 1);
 }
 
 TEST_F(StartedProcesses, AWorkerThatEndsFatallyToItsTargetLeavesTheLocks)

@@ -17,7 +17,6 @@
 #include <memory>
 #include <ostream>
 #include <string>
-#include <utility>
 
 #include <sched.h>
 #include <signal.h>
@@ -33,6 +32,10 @@ namespace
 {
 using rmtest::Call;
 using rmtest::callCount;
+using rmtest::callTrace;
+using rmtest::captureStderr;
+using rmtest::captureStdout;
+using rmtest::catchFatal;
 using rmtest::ChildResult;
 using rmtest::ipcObjects;
 using rmtest::logLines;
@@ -55,6 +58,16 @@ std::string failure(const char* function, const char* message, int error)
     std::snprintf(line.data(), line.size(), "**** %s() %s, errno=%d (%s)\n", function, message,
                   error, std::strerror(error));
     return line.data();
+}
+
+// What `body`, which must end in the fatal path, prints on the way.
+std::string printedBy(const std::function<void()>& body)
+{
+    int jumped = 0;
+    std::string out;
+    captureStderr([&] { out = captureStdout([&] { jumped = catchFatal(body); }); });
+    EXPECT_EQ(jumped, 1) << "no fatal error";
+    return out;
 }
 
 double secondsSince(Clock::time_point start)
@@ -148,21 +161,10 @@ class SyncProcessCase : public rmtest::RmTest
         alarm(0);
         EXPECT_EQ(os::checkSync(), 0U);
         if (os::iSem != -1 && semValue(os::iSem, 0) == -1) {
-            forgetTheSet();
+            printedBy([] { rm_syncTerminate(); });
         }
-        rm_syncTerminate();
+        EXPECT_EQ(rm_syncTerminate(), 0);
         RmTest::TearDown();
-    }
-
-    // What this process knows of a set that another one has removed.
-    static void forgetTheSet()
-    {
-        os::rmSem.fill(nullptr);
-        os::nSems = 0;
-        os::iSem = -1;
-        if (os::gfpRMSemTokenFile != nullptr) {
-            std::fclose(std::exchange(os::gfpRMSemTokenFile, nullptr));
-        }
     }
 };
 
@@ -836,7 +838,7 @@ TEST_F(SyncRemoval, LetsTheNextServerOfThatPrefixStartAfresh)
     rm_syncExitExcl(0);
     const auto holder = holding(0);
     runChild([] { rm_exit(0); });
-    forgetTheSet();
+    printedBy([] { rm_syncTerminate(); });
     EXPECT_EQ(rm_syncCreate("lock"), 0);
     EXPECT_EQ(valueOf(0), 1);
     holder->kill(SIGKILL);
@@ -854,5 +856,105 @@ TEST_F(SyncRemoval, OfOneObjectDoesNotWakeWhoWaitsForItAsALock)
     EXPECT_EQ(semWaiters(os::iSem, lock), 1);
     EXPECT_EQ(peer->hear(), "1");
     peer->wait();
+}
+
+// --- A host that goes on when another process has removed its set
+
+class SyncGone : public SyncProcessCase
+{
+  protected:
+    void SetUp() override
+    {
+        SyncProcessCase::SetUp();
+        for (const char* name : {"a", "b", "c"}) {
+            rm_syncCreate(name);
+        }
+        runChild([] { rm_exit(0); });
+    }
+
+    static void expectForgotten()
+    {
+        EXPECT_THAT(os::rmSem, ::testing::Each(nullptr));
+        EXPECT_EQ(os::nSems, 0);
+        EXPECT_EQ(os::iSem, -1);
+        EXPECT_EQ(os::gfpRMSemTokenFile, nullptr);
+        EXPECT_EQ(os::checkSync(), 0U);
+    }
+
+    static void expectUsable()
+    {
+        for (int16_t handle = 0; handle < os::kSyncSlots; ++handle) {
+            EXPECT_EQ(rm_syncCreate("lock"), handle);
+            EXPECT_EQ(valueOf(handle), 1);
+        }
+        EXPECT_EQ(rm_syncEnterExcl(0, 1000), 0);
+        EXPECT_TRUE(std::filesystem::exists(kToken));
+    }
+
+    const std::string kDeletionFailure_ = failure("rm_syncDelete", "semctl() failure", EINVAL);
+};
+
+TEST_F(SyncGone, IsForgottenByTheTerminationThatFindsOut)
+{
+    EXPECT_EQ(printedBy([] { rm_syncTerminate(); }), kDeletionFailure_);
+    expectForgotten();
+    expectUsable();
+}
+
+TEST_F(SyncGone, MakesTheNextTerminationDoNothing)
+{
+    printedBy([] { rm_syncTerminate(); });
+    resetCalls();
+    EXPECT_EQ(rm_syncTerminate(), 0);
+    EXPECT_TRUE(callTrace().empty());
+}
+
+// Until the last one is deleted the others are objects of that set, which they tell when they are
+// used.
+TEST_F(SyncGone, IsForgottenByTheLastDeletion)
+{
+    EXPECT_EQ(printedBy([] { rm_syncDelete(1); }), kDeletionFailure_);
+    EXPECT_EQ(printedBy([] { rm_syncDelete(0); }), kDeletionFailure_);
+    EXPECT_EQ(rm_syncOpen("c"), 2);
+    EXPECT_EQ(printedBy([] { rm_syncExitExcl(2); }),
+              failure("rm_syncExitExcl", "semop() failure", EINVAL));
+    EXPECT_EQ(printedBy([] { rm_syncDelete(2); }), kDeletionFailure_);
+    expectForgotten();
+    expectUsable();
+}
+
+TEST_F(SyncGone, IsForgottenByAnExitThatArrivesAtTheFatalTarget)
+{
+    const ChildResult result = runChild([] {
+        printedBy([] { rm_exit(0); });
+        expectForgotten();
+        if (!HasFailure()) {
+            rm_exit(7);
+        }
+    });
+    EXPECT_EQ(result.status, 7);
+}
+
+TEST_F(SyncStranger, KeepsItsSetAndTokenFileWhenOneTerminatesThatHadASetBefore)
+{
+    rm_syncCreate("lock");
+    runChild([] { rm_exit(0); });
+    EXPECT_EQ(create(), "0");
+    printedBy([] { rm_syncTerminate(); });
+    EXPECT_EQ(rm_syncCreate("lock"), 0);
+    EXPECT_EQ(set(), std::to_string(os::iSem));
+    EXPECT_EQ(valueOf(0), 2);
+}
+
+// Somebody has removed the set alone; the token file has led the stranger to a new one.
+TEST_F(SyncStranger, KeepsTheTokenFileByWhichItHasFollowedASetThatHadGone)
+{
+    rm_syncCreate("lock");
+    ASSERT_EQ(semctl(os::iSem, 0, IPC_RMID), 0);
+    EXPECT_EQ(create(), "0");
+    printedBy([] { rm_syncTerminate(); });
+    EXPECT_EQ(rm_syncCreate("lock"), 0);
+    EXPECT_EQ(set(), std::to_string(os::iSem));
+    EXPECT_EQ(valueOf(0), 2);
 }
 }  // namespace

@@ -181,6 +181,20 @@ TEST_F(GshmFailedCreate, FindsItsOwnSegmentAgain)
     EXPECT_EQ(rm_gshmDelete(0), 0);
 }
 
+// Nobody knows whose segment it is: it may be that of a living process.
+TEST_F(GshmFailedCreate, LeavesItsSegmentToTheNextObjectOfASlotThatWasGivenUp)
+{
+    make();
+    failToCreate(Call::kShmat);
+    const int id = idOf(1);
+    rm_gshmDelete(0);
+    EXPECT_EQ(make().handle, 0);
+    EXPECT_EQ(slotOf(1).name, nullptr);
+    EXPECT_TRUE(segmentExists(id));
+    EXPECT_EQ(make().handle, 1);
+    EXPECT_EQ(idOf(1), id);
+}
+
 TEST_F(GshmFailedCreate, GivesItsNameBackWhenTheTableBeginsAnew)
 {
     make();

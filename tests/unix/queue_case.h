@@ -91,17 +91,20 @@ inline int fatalQuietly(const std::function<void()>& body)
 }
 
 // Runs `body` in a child, which has to come to its end: a fatal error would end it with status 0.
+// What it has to say is said here too.
 inline void inChild(const std::function<void()>& body, rmtest::Milliseconds limit = rmtest::kLimit)
 {
+    constexpr std::string_view kEnd = "came to its end";
     const ChildResult child = runChild(
-        [&body] {
+        [&] {
             body();
-            std::fputs("came to its end", stdout);
+            std::fputs(kEnd.data(), stdout);
         },
         limit);
     EXPECT_FALSE(child.timedOut);
     EXPECT_EQ(child.signal, 0) << child.out << child.err;
-    EXPECT_TRUE(child.out.ends_with("came to its end")) << child.out << child.err;
+    ASSERT_TRUE(child.out.ends_with(kEnd)) << child.out << child.err;
+    std::fputs(child.out.substr(0, child.out.size() - kEnd.size()).c_str(), stdout);
 }
 
 // --- Messages as the system carries them

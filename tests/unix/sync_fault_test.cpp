@@ -141,6 +141,8 @@ struct Point {
     // not need the call. The set and its token file are then left.
     const char* endFunction = nullptr;
     bool leavesTokenFile = false;  // also when the call failed only once
+    // When the call tells of a set that has gone; null when that makes no difference.
+    const State* whenGone = nullptr;
 };
 
 void PrintTo(const Point& point, std::ostream* out)
@@ -181,6 +183,8 @@ constexpr const char* kSemop = "semop() failure";
 constexpr const char* kSemctl = "semctl() failure";
 constexpr State kOne = {1, 1, true, true};
 constexpr State kTwo = {2, 2, true, true};
+constexpr State kNone = {0, 0, false, false};
+constexpr State kOnlyNamed = {1, 0, false, false};
 
 const std::vector<Point> kPoints = {
     // The slot has its name before anything can fail, and counts when nothing can fail any more.
@@ -221,7 +225,8 @@ const std::vector<Point> kPoints = {
      .act = oneObject,
      .function = "rm_syncCreate",
      .message = kSemop,
-     .after = {1, 0, true, true}},
+     .after = {1, 0, true, true},
+     .whenGone = &kOnlyNamed},
     {.name = "CreateSecondSemop",
      .call = Call::kSemop,
      .command = kAnyCommand,
@@ -360,7 +365,18 @@ const std::vector<Point> kPoints = {
      .act = [] { rm_syncDelete(0); },
      .function = "rm_syncDelete",
      .message = kSemctl,
-     .after = {0, 0, true, true}},
+     .after = {0, 0, true, true},
+     .whenGone = &kNone},
+    {.name = "DeleteLastSemop",
+     .call = Call::kSemop,
+     .command = kAnyCommand,
+     .errors = kSemopErrors,
+     .arrange = oneObject,
+     .act = [] { rm_syncDelete(0); },
+     .function = "rm_syncDelete",
+     .message = kSemop,
+     .after = {0, 0, true, true},
+     .whenGone = &kNone},
     {.name = "DeleteLastRemove",
      .call = Call::kSemctl,
      .command = IPC_RMID,
@@ -370,7 +386,8 @@ const std::vector<Point> kPoints = {
      .function = "rm_syncDelete",
      .message = kSemctl,
      .after = {0, 0, true, true},
-     .endFunction = "rm_syncTerminate"},
+     .endFunction = "rm_syncTerminate",
+     .whenGone = &kNone},
 
     {.name = "TerminateGetval",
      .call = Call::kSemctl,
@@ -381,7 +398,8 @@ const std::vector<Point> kPoints = {
      .function = "rm_syncDelete",
      .message = kSemctl,
      .after = {1, 1, true, true},
-     .endFunction = "rm_syncDelete"},
+     .endFunction = "rm_syncDelete",
+     .whenGone = &kNone},
     {.name = "TerminateSemop",
      .call = Call::kSemop,
      .command = kAnyCommand,
@@ -391,7 +409,8 @@ const std::vector<Point> kPoints = {
      .function = "rm_syncDelete",
      .message = kSemop,
      .after = {1, 1, true, true},
-     .endFunction = "rm_syncDelete"},
+     .endFunction = "rm_syncDelete",
+     .whenGone = &kNone},
     {.name = "TerminateRemove",
      .call = Call::kSemctl,
      .command = IPC_RMID,
@@ -401,7 +420,8 @@ const std::vector<Point> kPoints = {
      .function = "rm_syncDelete",
      .message = kSemctl,
      .after = {0, 0, true, true},
-     .endFunction = "rm_syncTerminate"},
+     .endFunction = "rm_syncTerminate",
+     .whenGone = &kNone},
     {.name = "TerminateRemoveWithoutObjects",
      .call = Call::kSemctl,
      .command = IPC_RMID,
@@ -411,18 +431,43 @@ const std::vector<Point> kPoints = {
      .function = "rm_syncTerminate",
      .message = kSemctl,
      .after = {0, 0, true, true},
-     .endFunction = "rm_syncTerminate"},
+     .endFunction = "rm_syncTerminate",
+     .whenGone = &kNone},
 };
+
+// Where the system refuses for ever to let go of a set, somebody else has to.
+void takeAwayWhatIsLeft()
+{
+    for (const rmtest::IpcObject& object : ipcObjects()) {
+        rmtest::removeIpcObject(object);
+    }
+    std::filesystem::remove(kToken);
+}
+
+// True when the failure says that another process has removed the set, and the library then knows
+// of none any more.
+bool tellsThatTheSetHasGone(const Point& point, int error)
+{
+    return point.whenGone != nullptr && (error == EINVAL || error == EIDRM);
+}
 
 Fault faultOf(const Point& point, int error, int times)
 {
     const int command = point.command;
-    return {.call = point.call,
-            .error = error,
-            .times = times,
-            .when = [command](const CallRecord& record) {
-                return command == kAnyCommand || record.args[2] == command;
-            }};
+    Fault fault = {.call = point.call,
+                   .error = error,
+                   .times = times,
+                   .when = [command](const CallRecord& record) {
+                       return command == kAnyCommand || record.args[2] == command;
+                   }};
+    if (tellsThatTheSetHasGone(point, error)) {
+        fault.action = [error](const CallRecord& /*record*/) {
+            takeAwayWhatIsLeft();
+            errno = error;
+            return int64_t{-1};
+        };
+    }
+    return fault;
 }
 
 // In a child: meets the failure, looks at the state, and leaves through rm_exit.
@@ -433,8 +478,9 @@ ChildResult meetAndExit(const Point& point, int error, int times)
         ScopedFault fault(faultOf(point, error, times));
         EXPECT_EQ(catchFatal(point.act), 1) << "no fatal error";
         EXPECT_EQ(fault.hits(), 1);
-        EXPECT_EQ(stateNow(), point.after);
-        EXPECT_EQ(violationsNow(), violationsOf(point.after));
+        const State after = tellsThatTheSetHasGone(point, error) ? *point.whenGone : point.after;
+        EXPECT_EQ(stateNow(), after);
+        EXPECT_EQ(violationsNow(), violationsOf(after));
         if (!::testing::Test::HasFailure()) {
             rm_exit(0);
         }
@@ -452,15 +498,6 @@ void expectNothingLeft()
 {
     EXPECT_THAT(ipcObjects(), IsEmpty());
     EXPECT_FALSE(std::filesystem::exists(kToken));
-}
-
-// Where the system refuses for ever to let go of a set, somebody else has to.
-void takeAwayWhatIsLeft()
-{
-    for (const rmtest::IpcObject& object : ipcObjects()) {
-        rmtest::removeIpcObject(object);
-    }
-    std::filesystem::remove(kToken);
 }
 
 class SyncFaults : public rmtest::RmTest, public ::testing::WithParamInterface<Point>
@@ -498,7 +535,7 @@ TEST_P(SyncFaults, OfACallThatFailsForEverDoNotKeepTheProcessFromEnding)
         const ChildResult result = meetAndExit(point, error, kForever);
         expectEndedAtOnce(result);
         std::string out = failure(point.function, point.message, error) + '\n';
-        if (point.endFunction != nullptr) {
+        if (point.endFunction != nullptr && !tellsThatTheSetHasGone(point, error)) {
             out += failure(point.endFunction, point.message, error) + '\n';
             EXPECT_EQ(ipcObjects().size(), 1U);
             EXPECT_TRUE(std::filesystem::exists(kToken));
@@ -592,6 +629,16 @@ TEST_F(SyncFailedCreate, WithoutASetGivesUpTheTokenFileWhenItIsDeleted)
     EXPECT_FALSE(std::filesystem::exists(kToken));
 }
 
+// That is no set that has gone: there was none.
+TEST_F(SyncFailedCreate, WithoutASetKeepsTheTokenFileWhenAFreeSlotIsDeleted)
+{
+    failToCreate(Call::kSemget, ENOSPC);
+    EXPECT_EQ(fatalQuietly([] { rm_syncDelete(5); }), 1);
+    EXPECT_EQ(stateNow(), (State{1, 0, false, true}));
+    EXPECT_EQ(rm_syncDelete(0), 0);
+    EXPECT_FALSE(std::filesystem::exists(kToken));
+}
+
 TEST_F(SyncFailedCreate, WithoutASetGivesUpTheTokenFileWhenTheObjectsAreTerminated)
 {
     failToCreate(Call::kSemget, ENOSPC);
@@ -646,6 +693,18 @@ TEST_F(SyncFailedCreate, DoesNotTakeTheOthersAlong)
     EXPECT_EQ(stateNow(), (State{2, 1, true, true}));
     EXPECT_EQ(rm_syncEnterExcl(0, 1000), 0);
     EXPECT_EQ(rm_syncExitExcl(0), 0);
+}
+
+// It has its name and a semaphore that nobody has raised: as a lock it is held, by nobody.
+TEST_F(SyncFailedCreate, BesideOthersIsFoundByItsNameAndStandsAtZero)
+{
+    rm_syncCreate("keeper");
+    failToCreate(Call::kSemop, ENOMEM);
+    EXPECT_EQ(rm_syncOpen("lock"), 1);
+    EXPECT_EQ(semValue(os::iSem, 1), 0);
+    EXPECT_EQ(rm_syncEnterExcl(1, 1), RM_TIMEOUT);
+    EXPECT_EQ(rm_syncDelete(1), 0);
+    EXPECT_EQ(rm_syncOpen("lock"), RM_NONE);
 }
 
 // The host tidies up: the lock that it still holds is left to it and to everybody who shares the

@@ -316,9 +316,28 @@ TEST_F(SyncUnusedSet, IsJoinedByTheNextObjectWithoutANewTokenFile)
 TEST_F(SyncUnusedSet, ThatATerminationRemovedMakesTheNextObjectFatal)
 {
     EXPECT_EQ(rm_syncTerminate(), 0);
+    EXPECT_EQ(os::iSem, set_);
     EXPECT_EQ(printedBy([] { rm_syncCreate("lock"); }),
               failure("rm_syncCreate", "semop() failure", EINVAL) + '\n');
-    os::rmSem.fill(nullptr);
-    os::iSem = -1;
+}
+
+TEST_F(SyncUnusedSet, ThatATerminationRemovedIsForgottenByTheObjectThatFails)
+{
+    EXPECT_EQ(rm_syncTerminate(), 0);
+    printedBy([] { rm_syncCreate("lock"); });
+    EXPECT_EQ(rm_syncCreate("lock"), 0);
+    EXPECT_EQ(os::checkSync(), 0U);
+    EXPECT_EQ(semValue(os::iSem, 0), 1);
+    EXPECT_TRUE(std::filesystem::exists(kToken));
+}
+
+TEST_F(SyncUnusedSet, ThatATerminationRemovedIsForgottenByASecondOne)
+{
+    EXPECT_EQ(rm_syncTerminate(), 0);
+    EXPECT_EQ(printedBy([] { rm_syncTerminate(); }),
+              failure("rm_syncTerminate", "semctl() failure", EINVAL) + '\n');
+    EXPECT_EQ(rm_syncTerminate(), 0);
+    EXPECT_EQ(rm_syncCreate("lock"), 0);
+    EXPECT_EQ(semValue(os::iSem, 0), 1);
 }
 }  // namespace

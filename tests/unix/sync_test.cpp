@@ -2084,6 +2084,24 @@ TEST_F(SyncEvent, ThatAnotherOneSignalsBetweenTheTwoStepsIsFatal)
     EXPECT_EQ(valueOf(0), 0);
 }
 
+// So are looking and resetting. No signal and no reset does anything then.
+TEST_F(SyncEvent, ThatAnotherOneResetsBetweenTheTwoStepsStandsAtTwo)
+{
+    create("event");
+    rm_syncResume(0);
+    const ScopedFault meanwhile(
+        {.call = Call::kSemctl, .action = [](const CallRecord& record) -> int64_t {
+             const int64_t value = rmtest::passThrough(record);
+             EXPECT_EQ(rm_syncWait(0, 1000), 0);
+             return value;
+         }});
+    EXPECT_EQ(rm_syncStart(0), 0);
+    EXPECT_EQ(valueOf(0), 2);
+    EXPECT_EQ(rm_syncResume(0), 0);
+    EXPECT_EQ(rm_syncStart(0), 0);
+    EXPECT_EQ(valueOf(0), 2);
+}
+
 TEST_F(SyncEvent, WaitReplacesTheHandlerOfTheHostAndDoesNotRestoreIt)
 {
     create("event");
