@@ -153,10 +153,11 @@ int16_t readAt(FileEntry* entry, uint32_t offset, void* buffer, uint32_t length,
 }
 
 // A position has 32 bits. Going round would bring whoever reads to the end back to the beginning,
-// for ever, and let what is written replace what was.
+// for ever, and let what is written replace what was. On a device without offsets it only counts.
 bool leadsBeyond(const FileEntry* entry, uint32_t length)
 {
-    return length > std::numeric_limits<uint32_t>::max() - entry->position;
+    return length > std::numeric_limits<uint32_t>::max() - entry->position &&
+           (os::seekDescriptor(entry->fd, 0, SEEK_CUR, nullptr) == RM_SUCCESS || errno != ESPIPE);
 }
 
 void logWriteFailure(const char* path, int error)
@@ -273,7 +274,8 @@ uint32_t rm_fileWrite(int16_t handle, const void* buffer, uint32_t length)
     }
     FileEntry* entry = operation.entry;
     uint32_t count = 0;
-    if (leadsBeyond(entry, length)) {
+    const bool appends = (entry->openFlags & RM_O_APPEND) != 0;  // wherever the position is
+    if (!appends && leadsBeyond(entry, length)) {
         errno = EFBIG;
     } else {
         count = writeAt(entry, entry->position, buffer, length);

@@ -30,6 +30,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 
 namespace file
 {
@@ -107,6 +108,19 @@ bool growTable()
     return true;
 }
 
+// Opens the file: 0, or the errno with -1 for the descriptor. What a server prints and logs when it
+// has closed its standard output or error must not be written into its data.
+int16_t openDescriptor(FileEntry* entry)
+{
+    const int16_t error =
+        rm_flOpen(entry->name, entry->openFlags, entry->modeFlags, kPermissions, &entry->fd);
+    if (error != RM_SUCCESS) {
+        return error;
+    }
+    entry->fd = os::aboveStandard(entry->fd, os::OnExec::kStaysOpen);
+    return entry->fd == -1 ? static_cast<int16_t>(errno) : int16_t{RM_SUCCESS};
+}
+
 // Closes the descriptor, with its stream if it has one. The result is the close's.
 int16_t closeDescriptor(FileEntry* entry)
 {
@@ -142,6 +156,17 @@ int16_t failReopen(FileEntry* entry, int error)
     closeDescriptor(entry);
     cleanupFile(entry, error);
     return -1;
+}
+
+// Seeks to where the file was left. A stream's end that was too far for the record to hold is
+// looked for again: lines at any other place would be written over what stands there.
+int16_t goToPlace(const FileEntry* entry)
+{
+    constexpr uint32_t kBeyond = std::numeric_limits<uint32_t>::max();
+    if ((entry->modeFlags & FILE_STREAM) != 0 && entry->position == kBeyond) {
+        return os::seekDescriptor(entry->fd, 0, SEEK_END, nullptr);
+    }
+    return os::seekDescriptor(entry->fd, entry->position, SEEK_SET, nullptr);
 }
 
 int16_t nextSlot(int16_t slot)
@@ -222,13 +247,11 @@ FileHandle file::assignHandle(const char* name, uint32_t openFlags, uint16_t mod
 int16_t file::reopenFile(FileEntry* entry)
 {
     // A descriptor in a slot that is not open: this is the log file, and growing it while it is
-    // reopened has written a line into it. The outer reopening goes on with the descriptor made
-    // here.
+    // reopened has written a line into it.
     if (entry->fd != -1) {
         closeDescriptor(entry);
     }
-    const int16_t error =
-        rm_flOpen(entry->name, entry->openFlags, entry->modeFlags, kPermissions, &entry->fd);
+    const int16_t error = openDescriptor(entry);
     if (entry->fd == -1) {
         cleanupFile(entry, error);
         return -1;
@@ -242,8 +265,22 @@ int16_t file::reopenFile(FileEntry* entry)
     if ((entry->openFlags & kWriting) != 0) {
         rm_flSize(entry->fd, &entry->knownSize);
         if (entry->knownSize < entry->initialSize && (entry->modeFlags & FILE_NOPRESIZE) == 0) {
+            const int16_t openBefore = nFilesOpen;
             growFile(entry, entry->initialSize);
+            // When this is the log file, a line about the growth has reopened it by itself: it is
+            // open now and at its place, or it could not be had and is gone, perhaps with the
+            // table.
+            if (ftab == nullptr || entry->state == kSlotFree) {
+                return -1;
+            }
+            if (entry->state == kSlotOpen) {
+                return RM_SUCCESS;
+            }
             entry->knownSize = entry->initialSize;
+            // The room that was made for this file has gone to a log that a line has brought back.
+            if (nFilesOpen > openBefore) {
+                makeRoom();
+            }
         }
         if ((entry->modeFlags & FILE_NOWRITETHROUGH) == 0) {
             rm_flSetWriteThrough(entry->fd);
@@ -251,14 +288,11 @@ int16_t file::reopenFile(FileEntry* entry)
     }
     // A device without offsets has no place to go back to. A file that cannot go back to its place
     // would be written over at another one.
-    if (os::seekDescriptor(entry->fd, entry->position, SEEK_SET, nullptr) != RM_SUCCESS &&
-        errno != ESPIPE) {
+    if (goToPlace(entry) != RM_SUCCESS && errno != ESPIPE) {
         return failReopen(entry, errno);
     }
-    if (entry->state != kSlotOpen) {
-        ++nFilesOpen;
-        entry->state = kSlotOpen;
-    }
+    ++nFilesOpen;
+    entry->state = kSlotOpen;
     return RM_SUCCESS;
 }
 

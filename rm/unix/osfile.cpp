@@ -139,6 +139,19 @@ int16_t os::seekDescriptor(int32_t fd, int64_t offset, int16_t whence, uint32_t*
     return result == -1 ? int16_t{-1} : int16_t{RM_SUCCESS};
 }
 
+int32_t os::aboveStandard(int32_t fd, OnExec onExec)
+{
+    if (static_cast<uint32_t>(fd) > STDERR_FILENO) {
+        return fd;  // also -1
+    }
+    const int command = onExec == OnExec::kCloses ? F_DUPFD_CLOEXEC : F_DUPFD;
+    const int32_t moved = fcntl(fd, command, STDERR_FILENO + 1);
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return moved;
+}
+
 int16_t rm_flSize(int32_t fd, uint32_t* size)
 {
     const off_t position = lseek(fd, 0, SEEK_CUR);

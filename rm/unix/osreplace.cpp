@@ -46,7 +46,7 @@ int openToLock(const char* path, bool* made)
         fd = open(path, O_WRONLY | O_CREAT | O_EXCL | kFlags, kOwnOnly);
         *made = fd != -1;
     }
-    return fd;
+    return os::aboveStandard(fd, os::OnExec::kCloses);
 }
 
 // False when it is another's. Where there are no locks it is everybody's.

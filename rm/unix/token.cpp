@@ -6,8 +6,8 @@
 // Owns: the prefix.
 //
 // Invariant: a file that is not ours is never truncated through a symbolic link that somebody left
-// in a shared directory, a process that the server starts does not inherit the stream, and a pipe
-// of that name cannot block the open.
+// in a shared directory, a process that the server starts does not inherit the stream, a pipe of
+// that name cannot block the open, and what is printed or logged never goes into the file.
 #include "rm/unix/unix.h"
 
 #include <cerrno>
@@ -33,8 +33,8 @@ void os::tokenPath(char (&path)[kTokenPathSize], const char* fileName)
 
 FILE* os::openToken(const char* path)
 {
-    const int fd =
-        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kEverybody);
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    const int fd = aboveStandard(open(path, kFlags, kEverybody), OnExec::kCloses);
     if (fd == -1) {
         return nullptr;
     }

@@ -133,6 +133,14 @@ extern int32_t null_block_filled;                // 1 once the block has been cl
 // As rm_flSeek, with an offset of any width: the managed layer's offsets are unsigned 32-bit.
 int16_t seekDescriptor(int32_t fd, int64_t offset, int16_t whence, uint32_t* position);
 
+// What becomes of a descriptor in a program that the process starts.
+enum class OnExec : uint8_t { kStaysOpen, kCloses };
+
+// The descriptor, moved to a number above those of standard input, output and error if it has one
+// of these. -1 with errno set when it was -1 already, or when there is no other number: it is
+// closed then.
+int32_t aboveStandard(int32_t fd, OnExec onExec);
+
 // As rm_flSync, but tells: 0, or the errno with which the disk refused.
 int16_t bringToDisk(int32_t fd);
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
@@ -92,6 +93,7 @@ constexpr Outcome kTime[] = {e(EFAULT), e(EOVERFLOW)};
 constexpr Outcome kLocaltime[] = {e(EOVERFLOW)};
 constexpr Outcome kClock[] = {e(EFAULT), e(EINVAL), e(ENODEV)};
 constexpr Outcome kNanosleep[] = {e(EFAULT), e(EINTR), e(EINVAL)};
+constexpr Outcome kFcntl[] = {e(EBADF), e(EINVAL), e(EMFILE)};
 constexpr Outcome kFlock[] = {e(EBADF), e(EINTR), e(EINVAL), e(ENOLCK), e(EWOULDBLOCK)};
 constexpr Outcome kFchange[] = {e(EACCES), e(EBADF), e(EIO), e(EPERM), e(EROFS)};
 constexpr Outcome kSilent[] = {kEmptyHanded};
@@ -117,6 +119,11 @@ constexpr const char* kMsgrcvEnds[] = {"sys:msgrcv() failure"};
 constexpr const char* kFtokEnds[] = {"sys:ftok() failure"};
 
 constexpr int64_t kEof = -1;
+
+bool movesUp(const rmtest::CallRecord& record)
+{
+    return record.args[1] == F_DUPFD || record.args[1] == F_DUPFD_CLOEXEC;
+}
 
 bool mayNotWait(const rmtest::CallRecord& record)
 {
@@ -174,6 +181,7 @@ constexpr std::array kTable = {
     CallRow{"localtime", Call::kLocaltime, nullptr, Own::kNone, 0, kLocaltime, {}, kNothing},
     CallRow{"clock_gettime", Call::kClockGettime, nullptr, Own::kNone, -1, kClock, {}, kNothing},
     CallRow{"nanosleep", Call::kNanosleep, nullptr, Own::kNone, -1, kNanosleep, {}, kNothing},
+    CallRow{"fcntl", Call::kFcntl, movesUp, Own::kNone, -1, kFcntl, kOpenEnds, kToken | kCopy},
     CallRow{"flock", Call::kFlock, nullptr, Own::kNone, -1, kFlock, {}, kCopy},
     CallRow{"fchmod", Call::kFchmod, nullptr, Own::kNone, -1, kFchange, {}, kNothing},
     CallRow{"fchown", Call::kFchown, nullptr, Own::kNone, -1, kFchange, {}, kNothing},

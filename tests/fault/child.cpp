@@ -254,6 +254,9 @@ void liveAsHost(const Host& host, const Scenario& scenario, const Injection& inj
     living = &host;
     scenarioNow = &scenario;
     injectionNow = injection;
+    if (scenario.withoutInput) {
+        close(STDIN_FILENO);
+    }
     for (int descriptor = 0; descriptor < kMostDescriptors; ++descriptor) {
         isOpenBefore[descriptor] = isOpen(descriptor);
     }

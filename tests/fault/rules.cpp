@@ -221,7 +221,7 @@ void judgeLeft(const Life& life, Findings* findings)
         const bool token = has(file, ".ZNT.RM.");
         const bool ofSet = has(file, ".SEM") && mayLeave(life, kSet);
         // A token file without its stream was never this process's to remove.
-        const bool open = isCall(life, {"fdopen"});
+        const bool open = isCall(life, {"fdopen", "fcntl"});
         if (token && !ofSet && !open && !mayLeave(life, kToken)) {
             findings->push_back("[tokens] " + file + " is left");
         }

@@ -38,7 +38,8 @@ struct Scenario {
     // jump. Faults are paused. Null when there is nothing.
     void (*verify)();
     Hosts hosts;
-    bool endsItself;  // the scenario itself enters the fatal path, or rm_exit
+    bool endsItself;            // the scenario itself enters the fatal path, or rm_exit
+    bool withoutInput = false;  // the host has closed its standard input
 };
 
 std::span<const Scenario> coreScenarios();

@@ -380,6 +380,7 @@ constexpr Scenario kScenarios[] = {
     {"descriptors", useDescriptors, verifyModels, Hosts::kSome, false},
     {"paths", usePaths, nullptr, Hosts::kSome, false},
     {"files", useFiles, verifyModels, Hosts::kSome, false},
+    {"files-without-input", useFiles, verifyModels, Hosts::kFew, false, true},
     {"parking", parkFiles, verifyModels, Hosts::kFew, false},
     {"parked-log", parkLog, nullptr, Hosts::kFew, false},
     {"growth", growFiles, verifyModels, Hosts::kSome, false},

@@ -118,6 +118,7 @@ constexpr Scenario kScenarios[] = {
     {"recover", recover, nullptr, Hosts::kSome, false},
     {"messages", exchangeMessages, nullptr, Hosts::kSome, false},
     {"all-objects", useAll, nullptr, Hosts::kSome, false},
+    {"objects-without-input", useAll, nullptr, Hosts::kFew, false, true},
 };
 
 }  // namespace

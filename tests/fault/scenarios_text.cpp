@@ -261,6 +261,7 @@ constexpr Scenario kScenarios[] = {
     {"stream-reading", readStream, nullptr, Hosts::kFew, false},
     {"ini-reading", readIni, verifyIni, Hosts::kFew, false},
     {"ini-writing", writeIni, verifyIni, Hosts::kFew, false},
+    {"ini-without-input", writeIni, verifyIni, Hosts::kFew, false, true},
     {"ini-default", useDefaultIni, nullptr, Hosts::kFew, false},
     {"ini-turn", waitForTurn, verifyTurn, Hosts::kFew, false},
     {"ini-missing", useMissingIni, verifyIni, Hosts::kFew, false},

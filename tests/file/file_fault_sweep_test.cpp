@@ -42,6 +42,16 @@ void logAtLevel2()
     rm_systemLog(2);
 }
 
+// A log that is below its initial size, so that it grows, and says so, when it comes back.
+void parkLogThatGrows(uint16_t mode)
+{
+    sysfile = openFile("log", kLogFlags, FILE_STREAM | mode, 1300);
+    rm_systemLog(2);
+    park(sysfile);
+    rmDiskFull = 0;
+    rminfree = 1e18;
+}
+
 const std::vector<Scenario> kScenarios = {
     {"Open", [] {}, [] { openFile("f", kReadWrite); }},
     {"OpenFatal", [] {}, [] { openFile("f", kReadWrite, FILE_FATAL); }},
@@ -121,6 +131,15 @@ const std::vector<Scenario> kScenarios = {
          park(sysfile);
      },
      [] { rm_systemLogWrite("a line"); }},
+    {"LogThatGrowsWhileItIsReopened", [] { parkLogThatGrows(0); }, [] { rm_fileLength(sysfile); }},
+    {"LogThatGrowsWhileItIsReopenedAmongOthers",
+     [] {
+         openDigits(0);
+         parkLogThatGrows(0);
+     },
+     [] { rm_filePrintf(sysfile, "a text"); }},
+    {"LogThatGrowsWhileItIsReopenedInFatalMode", [] { parkLogThatGrows(FILE_FATAL); },
+     [] { rm_fileLength(sysfile); }},
     {"Remove", [] { writeFile("f", ""); }, [] { rm_fileRemove("f"); }},
     {"Rename", [] { writeFile("f", ""); }, [] { rm_fileRename("f", "g"); }},
 };

@@ -6,6 +6,8 @@
 // in turn, in file_fault_sweep_test.cpp.
 #include "tests/file/fault_case.h"
 
+#include <fcntl.h>
+
 using namespace filetest;
 
 namespace
@@ -69,6 +71,31 @@ TEST_F(FileFaultOpen, OpenFailsInFatalModeAndTheLineGivesTheError)
         expectSound();
         fresh();
     });
+}
+
+// In a child, which has no standard input any more.
+TEST_F(FileFaultOpen, NoNumberAboveTheStandardStreamsIsFreeAndTheFileIsRefused)
+{
+    fileSem = rm_syncCreate("fileSem");
+    const rmtest::ChildResult child = rmtest::runChild([] {
+        const Outcome outcome = under({.call = Call::kFcntl, .error = EMFILE}, [] {
+            close(STDIN_FILENO);
+            EXPECT_EQ(openNew("f"), -1);
+        });
+        EXPECT_EQ(outcome.hits, 1);
+        EXPECT_THAT(outcome.lines, IsEmpty());
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+        EXPECT_EQ(file::ftab, nullptr);
+        const Outcome fatal = under({.call = Call::kFcntl, .error = EMFILE}, [] {
+            close(STDIN_FILENO);  // it was free for what captures the output
+            openNew("f", FILE_FATAL);
+        });
+        EXPECT_TRUE(fatal.jumped);
+        EXPECT_THAT(fatal.lines, ElementsAre("reopenFile: errno=24: failed to create file 'f'"));
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+        expectSound();
+    });
+    EXPECT_EQ(child.status, 0);
 }
 
 TEST_F(FileFaultOpen, ManyFailuresInARowLeaveNothingBehind)

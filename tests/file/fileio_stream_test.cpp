@@ -57,6 +57,22 @@ TEST_F(FileStreamFailed, IsNotMarkedByARefusedLine)
     EXPECT_EQ(readFile("f"), "before after");
 }
 
+// stdio does not tell how much of it has left: the part stays, and the next text follows it.
+TEST_F(FileStreamFailed, IsNotMarkedByALineThatTheSystemTakesInPart)
+{
+    openNew("f", FILE_STREAM);
+    EXPECT_EQ(rm_filePrintf(0, "before "), 7);
+    {
+        const FileSizeLimit limit(9);
+        EXPECT_EQ(rm_filePrintf(0, "lost"), 0);
+    }
+    EXPECT_EQ(std::ferror(entryOf(0)->stream), 0);
+    EXPECT_EQ(rm_filePosition(0), 7U);
+    EXPECT_EQ(rm_filePrintf(0, "after"), 5);
+    rm_fileClose(0);
+    EXPECT_EQ(readFile("f"), "before loafter");
+}
+
 // Longer than what stdio collects: the formatting itself meets the refusal.
 TEST_F(FileStreamFailed, IsNotMarkedByARefusedLineThatIsLong)
 {

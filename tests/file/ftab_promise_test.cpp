@@ -2,6 +2,8 @@
 // and on which side of the lock a thing happens.
 #include "tests/file/file_case.h"
 
+#include <fstream>
+
 using namespace filetest;
 
 namespace
@@ -53,6 +55,18 @@ class StreamParking : public FileTest
 {
 };
 
+// The lock is made before a child closes them.
+class StandardStreams : public FileTest
+{
+  protected:
+    void SetUp() override
+    {
+        FileTest::SetUp();
+        fileSem = rm_syncCreate("fileSem");
+        resetCalls();
+    }
+};
+
 class ReopenAtTheLimit : public FileTest, public ::testing::WithParamInterface<FileOperation>
 {
 };
@@ -90,6 +104,43 @@ class LineLocks
 };
 
 // --- Opening
+
+// A server that has closed them goes on printing and logging.
+TEST_F(StandardStreams, ThatAreClosedLendTheirNumbersToNoFile)
+{
+    const rmtest::ChildResult child = rmtest::runChild([] {
+        for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            close(fd);
+        }
+        const int16_t handle = openNew("f");
+        EXPECT_EQ(write(handle, "data"), 4U);
+        const int16_t stream = openNew("g", FILE_STREAM);
+        EXPECT_EQ(rm_filePrintf(stream, "text"), 4);
+        std::printf("printed\n");
+        rm_systemLogWrite("logged");
+    });
+    EXPECT_EQ(child.status, 0);
+    EXPECT_EQ(readFile("f"), "data");
+    EXPECT_EQ(readFile("g"), "text");
+}
+
+TEST_F(StandardStreams, ThatAreClosedLendThemToNoFileThatComesBack)
+{
+    const rmtest::ChildResult child = rmtest::runChild([] {
+        const int16_t handle = parkedWith("f", kDigits);
+        close(STDERR_FILENO);
+        EXPECT_EQ(read(handle, 4), "0123");
+        rm_systemLogWrite("logged");
+    });
+    EXPECT_EQ(child.status, 0);
+    EXPECT_EQ(readFile("f"), kDigits);
+}
+
+TEST_F(StandardStreams, ThatAreOpenCostAnOpenNoFurtherCall)
+{
+    openNew("f");
+    EXPECT_EQ(callCount(Call::kFcntl), 0);
+}
 
 TEST_F(OpenAtTheLimit, ParksAnotherFileBeforeItOpensItsOwn)
 {
@@ -348,6 +399,35 @@ TEST_F(OpenToASize, NoPresizeDoesNotKeepWritesFromGrowingTheFile)
     const int16_t handle = openNew("f", FILE_NOPRESIZE, 600, 1000);
     EXPECT_EQ(seekWrite(handle, 0, "x"), 1U);
     EXPECT_EQ(rm_fileLength(handle), 1000U);
+}
+
+// An end that the record cannot hold is looked for again.
+TEST_F(StreamParking, GoesOnAtAnEndBeyond4GiB)
+{
+    constexpr uint64_t kEnd = 5'000'000'000;
+    openWith("f", "", FILE_STREAM);
+    std::filesystem::resize_file("f", kEnd);
+    park(0);
+    EXPECT_EQ(rm_filePosition(0), 0xFFFFFFFFU);
+    EXPECT_EQ(rm_filePrintf(0, "end"), 3);
+    park(0);
+    EXPECT_EQ(rm_filePrintf(0, ", and on"), 8);
+    EXPECT_EQ(std::filesystem::file_size("f"), kEnd + 11);
+    std::ifstream file("f", std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(kEnd));
+    std::string text;
+    std::getline(file, text);
+    EXPECT_EQ(text, "end, and on");
+}
+
+// Only a stream's place is an end: another file goes on where it stood, whatever that is.
+TEST_F(StreamParking, OfAnotherFileIsAtItsPositionUpToTheLast)
+{
+    const int16_t handle = openWith("f", kDigits);
+    ASSERT_EQ(rm_fileSeek(handle, 0xFFFFFFFFU), 0xFFFFFFFFU);
+    park(handle);
+    EXPECT_EQ(rm_fileLength(handle), 10U);
+    EXPECT_EQ(lseek(entryOf(handle)->fd, 0, SEEK_CUR), off_t{0xFFFFFFFF});
 }
 
 TEST_F(StreamParking, GoesOnAtTheEndThatItFoundOverWhatCameLater)

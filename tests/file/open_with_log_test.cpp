@@ -16,6 +16,7 @@ using rmtest::runChild;
 using ::testing::StartsWith;
 
 constexpr const char* kLog = "server.log";
+constexpr const char* kOwnLog = "own.log";
 
 // Seconds within which something has happened at once. The locks are waited for fourteen.
 #ifdef __SANITIZE_ADDRESS__
@@ -106,6 +107,16 @@ class OpenWithLog : public FileFault, public ::testing::WithParamInterface<int16
         return seen.lines;
     }
 
+    // A log of the host's own, below its initial size and parked.
+    static int16_t parkOwnLog()
+    {
+        rmDiskFull = 1;
+        sysfile = rm_fileOpen(kOwnLog, kLogFlags, FILE_STREAM, 1000, 0);
+        rm_systemLog(2);
+        park(sysfile);
+        return sysfile;
+    }
+
     // The free space is below what has to be left.
     static void makeDiskSmall()
     {
@@ -120,6 +131,9 @@ std::string limitName(const ::testing::TestParamInfo<int16_t>& info)
 }
 
 INSTANTIATE_TEST_SUITE_P(Descriptors, OpenWithLog, ::testing::Values(1, 2, 3, 32, -1), limitName);
+
+const Lines kOwnGrowthLines = {"extending file own.log exceeded min threshold by 2147483647 bytes",
+                               "READ ACCESS ONLY!"};
 
 const Lines kGrowthLines = {"extending file f exceeded min threshold by 2147483647 bytes",
                             "READ ACCESS ONLY!"};
@@ -318,19 +332,72 @@ TEST_P(OpenWithLog, ALogFileThatGrowsWhenAQuestionBringsItBackTakesTheLinesOfIt)
     // A log of the host's own, with an initial size: the line brings it back a second time, in the
     // middle of the first.
     rm_systemLogClose();
-    sysfile = rm_fileOpen("own.log", kLogFlags, FILE_FATAL | FILE_STREAM, 1000, 0);
+    sysfile = rm_fileOpen(kOwnLog, kLogFlags, FILE_FATAL | FILE_STREAM, 1000, 0);
     rm_systemLog(2);
     const std::string first = captureStderr([] { rm_systemLogWrite("first"); });
     park(sysfile);
     makeDiskSmall();
     const std::string err = captureStderr([] { EXPECT_EQ(rm_fileLength(sysfile), 1000U); });
     const std::string last = captureStderr([] { rm_systemLogWrite("last"); });
-    EXPECT_THAT(logLines(err),
-                ElementsAre("extending file own.log exceeded min threshold by 2147483647 bytes",
-                            "READ ACCESS ONLY!"));
+    EXPECT_EQ(logLines(err), kOwnGrowthLines);
     const std::string lines = first + err + last;
-    EXPECT_EQ(readFile("own.log"), lines + std::string(1000 - lines.size(), '\0'));
+    EXPECT_EQ(readFile(kOwnLog), lines + std::string(1000 - lines.size(), '\0'));
     expectSound();
+}
+
+TEST_P(OpenWithLog, ALogFileThatTheLineAboutItsGrowthHasBroughtBackIsAtItsPlace)
+{
+    rm_systemLogClose();
+    const int16_t handle = parkOwnLog();
+    makeDiskSmall();
+    // A second look for its place could fail, and would close what the line has opened.
+    const Seen seen = seenOf(
+        {.call = Call::kLseek,
+         .error = EINVAL,
+         .times = kForever,
+         .when =
+             [](const CallRecord& call) { return rmDiskFull != 0 && call.args[2] == SEEK_SET; }},
+        [=] { EXPECT_EQ(rm_filePrintf(handle, "behind them"), 11); });
+    EXPECT_EQ(seen.hits, 0);
+    EXPECT_EQ(seen.lines, kOwnGrowthLines);
+    const std::string text = seen.err + "behind them";
+    EXPECT_EQ(readFile(kOwnLog), text + std::string(1000 - text.size(), '\0'));
+    EXPECT_EQ(counts().open, 1U);
+    expectSound();
+}
+
+TEST_P(OpenWithLog, ALogFileThatTheLineAboutItsGrowthDoesNotGetIsGoneOnce)
+{
+    for (const bool isLast : {false, true}) {
+        SCOPED_TRACE(isLast ? "the only handle" : "another handle");
+        rm_systemLogClose();
+        const int16_t other = isLast ? int16_t{RM_NONE} : openNew("x");
+        const int16_t handle = parkOwnLog();
+        makeDiskSmall();
+        const Seen seen =
+            seenOf({.call = Call::kOpen,
+                    .error = EACCES,
+                    .skip = 1,
+                    .when = [](const CallRecord& call) { return call.path() == kOwnLog; }},
+                   [=] { EXPECT_EQ(rm_fileLength(handle), 0U); });
+        EXPECT_EQ(seen.hits, 1);
+        EXPECT_FALSE(seen.jumped);
+        const std::string number = "(" + std::to_string(handle) + ")";
+        EXPECT_THAT(
+            seen.lines,
+            ElementsAre(kOwnGrowthLines[0], "WARNING: failed file reopen in rm_filePrintf" + number,
+                        kOwnGrowthLines[1],
+                        "WARNING: failed file reopen in rm_fileLength" + number));
+        EXPECT_EQ(sysfile, RM_NONE);
+        EXPECT_EQ(file::usedEntry(handle), nullptr);
+        EXPECT_EQ(file::nHandles, isLast ? 0 : 1);
+        EXPECT_EQ(file::ftab == nullptr, isLast);
+        expectSound();
+        if (!isLast) {
+            EXPECT_EQ(write(other, "works"), 5U);
+            rm_fileClose(other);
+        }
+    }
 }
 
 TEST_P(OpenWithLog, ALogFileThatIsParkedWhileItsLineWaitsLosesNothing)
@@ -357,7 +424,7 @@ TEST_P(OpenWithLog, TheLogFileIsBackAfterALine)
     EXPECT_EQ(counts().reopens, before + (parked ? 1 : 0));
 }
 
-TEST_P(OpenWithLog, TheDescriptorsOfManyLinesStayWithinOneOfTheLimit)
+TEST_P(OpenWithLog, TheDescriptorsOfManyLinesStayWithinTheLimit)
 {
     makeDiskSmall();
     for (int round = 0; round < 30; ++round) {
@@ -366,11 +433,44 @@ TEST_P(OpenWithLog, TheDescriptorsOfManyLinesStayWithinOneOfTheLimit)
         const Lines lines = linesInBoth([&] { openNew(name.c_str(), 0, 100); });
         EXPECT_EQ(lines.size(), 2U);
         if (GetParam() != -1) {
-            EXPECT_LE(counts().open, static_cast<uint32_t>(GetParam()) + 1);
+            EXPECT_LE(counts().open, static_cast<uint32_t>(GetParam()));
         }
         expectSound();
     }
     EXPECT_EQ(logLines(readFile(kLog)).size(), 60U);
+}
+
+TEST_P(OpenWithLog, AReopeningWhoseLineBringsTheLogBackStaysWithinTheLimit)
+{
+    const int16_t handle = openNew("f", 0, 1000);
+    if (entryOf(handle)->state == file::kSlotOpen) {
+        park(handle);
+    }
+    openMany(3);
+    if (entryOf(sysfile)->state == file::kSlotOpen) {
+        park(sysfile);
+    }
+    makeDiskSmall();
+    linesInBoth([&] { EXPECT_EQ(rm_fileLength(handle), 1000U); });
+    EXPECT_EQ(entryOf(handle)->state, file::kSlotOpen);
+    if (GetParam() != -1) {
+        EXPECT_LE(counts().open, static_cast<uint32_t>(GetParam()));
+    }
+    expectSound();
+}
+
+// More are open than the limit allows by now: each opening parks one, and the line one for the log.
+TEST_P(OpenWithLog, AnOpenBeyondTheLimitParksOneFileForItselfAndOneForItsLine)
+{
+    fileHandleLimit = -1;
+    openMany(6);
+    park(sysfile);
+    fileHandleLimit = 4;
+    makeDiskSmall();
+    const Counts before = counts();
+    linesInBoth([] { openNew("f", 0, 1000); });
+    EXPECT_EQ(counts(),
+              (Counts{before.open, before.parked + 1, before.parkings + 2, before.reopens + 1}));
 }
 
 // --- An open that cannot get its memory or its locks

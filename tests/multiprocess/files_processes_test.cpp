@@ -167,11 +167,20 @@ TEST_F(FileProcesses, AHolderThatWasKilledIsWaitedFor14SecondsAndIsFatal)
 TEST_F(FileProcesses, AHolderThatEndsFatallyGivesTheLockBack)
 {
     Peer holder([](Peer::Channel& ch) {
-        Spy spy(Call::kOpen, [&](const CallRecord&) {
-            ch.say("inside");
-            ch.hear();
-        });
-        EXPECT_EQ(catchFatal([] { rm_fileOpen("no/f", kReadWrite, FILE_FATAL, 0, 0); }), 1);
+        // No memory for the table: the end begins inside the lock.
+        bool isInside = false;
+        const ScopedFault fault({.call = Call::kMalloc,
+                                 .error = ENOMEM,
+                                 .times = kForever,
+                                 .when = [&](const CallRecord&) {
+                                     if (!isInside) {
+                                         isInside = true;
+                                         ch.say("inside");
+                                         ch.hear();
+                                     }
+                                     return true;
+                                 }});
+        EXPECT_EQ(catchFatal([] { openNew("other"); }), 1);
         ch.say("ended");
         ch.hear();
     });

@@ -383,6 +383,40 @@ int __wrap_open64(const char* path, int flags, ...)
     return through<Call::kOpen, &open64WithMode>("open", path, flags, mode);
 }
 
+extern "C" int __real_fcntl(int fd, int command, ...);
+extern "C" int __wrap_fcntl(int fd, int command, ...);
+extern "C" int __real_fcntl64(int fd, int command, ...);
+extern "C" int __wrap_fcntl64(int fd, int command, ...);
+
+static int fcntlWithArgument(int fd, int command, void* argument)
+{
+    return __real_fcntl(fd, command, argument);
+}
+
+static int fcntl64WithArgument(int fd, int command, void* argument)
+{
+    return __real_fcntl64(fd, command, argument);
+}
+
+// As in the platform's own: the argument is as wide as a pointer, whatever it is, and there.
+int __wrap_fcntl(int fd, int command, ...)
+{
+    va_list args;
+    va_start(args, command);
+    void* argument = va_arg(args, void*);
+    va_end(args);
+    return through<Call::kFcntl, &fcntlWithArgument>("fcntl", fd, command, argument);
+}
+
+int __wrap_fcntl64(int fd, int command, ...)
+{
+    va_list args;
+    va_start(args, command);
+    void* argument = va_arg(args, void*);
+    va_end(args);
+    return through<Call::kFcntl, &fcntl64WithArgument>("fcntl", fd, command, argument);
+}
+
 extern "C" int __real_vfprintf(FILE* stream, const char* format, va_list args);
 extern "C" int __wrap_vfprintf(FILE* stream, const char* format, va_list args);
 

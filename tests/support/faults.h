@@ -85,6 +85,7 @@ enum class Call : uint8_t {
     kClockGettime,
     kNanosleep,
     kFlock,
+    kFcntl,
     kChmod,
     kChown,
     kFchmod,

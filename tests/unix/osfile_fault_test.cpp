@@ -43,20 +43,25 @@ constexpr std::array kCloseErrors = {EBADF, EINTR, EIO, ENOSPC, EDQUOT};
 constexpr std::array kReadErrors = {EAGAIN, EBADF, EFAULT, EINVAL, EIO, EISDIR};
 constexpr std::array kWriteErrors = {EAGAIN, EBADF,  EDESTADDRREQ, EDQUOT, EFAULT, EFBIG,
                                      EINTR,  EINVAL, EIO,          ENOSPC, EPERM,  EPIPE};
-constexpr std::array kLseekErrors = {EBADF, EINVAL, ENXIO, EOVERFLOW, ESPIPE};
+constexpr std::array kLseekErrors = {EBADF, EINTR, EINVAL, ENXIO, EOVERFLOW, ESPIPE};
 constexpr std::array kFsyncErrors = {EBADF, EINTR, EIO, ENOSPC, EROFS, EINVAL, EDQUOT};
-constexpr std::array kRemoveErrors = {EACCES,  EBUSY, EFAULT,    EINVAL, EIO,
-                                      EISDIR,  ELOOP, ENOENT,    ENOMEM, EPERM,
-                                      ENOTDIR, EROFS, ENOTEMPTY, EEXIST, ENAMETOOLONG};
-constexpr std::array kRenameErrors = {EACCES, EBUSY,  EDQUOT, EFAULT,    EINVAL, EISDIR,
-                                      ELOOP,  EMLINK, ENOENT, ENOMEM,    ENOSPC, ENOTDIR,
-                                      EEXIST, EPERM,  EROFS,  ENOTEMPTY, EXDEV,  ENAMETOOLONG};
-constexpr std::array kStatErrors = {EACCES, EFAULT,  ELOOP,     ENOENT,
+constexpr std::array kRemoveErrors = {EACCES, EBUSY,     EFAULT, EINTR,       EINVAL, EIO,
+                                      EISDIR, ELOOP,     ENOENT, ENOMEM,      EPERM,  ENOTDIR,
+                                      EROFS,  ENOTEMPTY, EEXIST, ENAMETOOLONG};
+constexpr std::array kRenameErrors = {
+    EACCES, EBUSY,  EDQUOT,  EFAULT, EINTR, EINVAL, EISDIR,    ELOOP, EMLINK,      ENOENT,
+    ENOMEM, ENOSPC, ENOTDIR, EEXIST, EPERM, EROFS,  ENOTEMPTY, EXDEV, ENAMETOOLONG};
+constexpr std::array kStatErrors = {EACCES, EFAULT,  EINTR,     ELOOP,       ENOENT,
                                     ENOMEM, ENOTDIR, EOVERFLOW, ENAMETOOLONG};
+constexpr std::array kFcntlErrors = {EBADF, EINVAL, EMFILE};
 constexpr std::array kStatvfsErrors = {EACCES, EFAULT, EIO,     ELOOP,     ENOENT,
                                        ENOMEM, ENOSYS, ENOTDIR, EOVERFLOW, ENAMETOOLONG};
 
 class FlOpenFaults : public rmtest::RmTest
+{
+};
+
+class AboveStandardFaults : public rmtest::RmTest
 {
 };
 
@@ -132,6 +137,27 @@ TEST_F(FlOpenFaults, AnErrorForEverIsMetByOneCallEach)
         EXPECT_EQ(callCount(Call::kOpen), 1);
     }
     EXPECT_FALSE(std::filesystem::exists("file"));
+}
+
+// --- numbers above the standard streams
+
+TEST_F(AboveStandardFaults, AnErrorIsMinusOneAndTheDescriptorClosed)
+{
+    const rmtest::ChildResult child = rmtest::runChild([] {
+        for (const int error : kFcntlErrors) {
+            close(STDIN_FILENO);
+            EXPECT_EQ(open("/dev/null", O_RDONLY), STDIN_FILENO);
+            // The error is that of the number, though the close fails too.
+            ScopedFault fault({.call = Call::kFcntl, .error = error});
+            ScopedFault closing({.call = Call::kClose, .error = EIO});
+            EXPECT_EQ(os::aboveStandard(STDIN_FILENO, os::OnExec::kCloses), -1);
+            EXPECT_EQ(errno, error);
+            EXPECT_EQ(fault.hits(), 1);
+            EXPECT_EQ(closing.hits(), 1);
+            EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+        }
+    });
+    EXPECT_EQ(child.status, 0);
 }
 
 // --- close

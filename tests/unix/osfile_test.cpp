@@ -61,6 +61,10 @@ constexpr uint32_t kReadWrite = RM_O_RDWR | RM_O_CREAT;
 constexpr int64_t kGiB = int64_t{1} << 30;
 constexpr uint32_t kLargest = std::numeric_limits<uint32_t>::max();
 
+class AboveStandard : public rmtest::RmTest
+{
+};
+
 class FlOpen : public rmtest::RmTest
 {
 };
@@ -301,6 +305,47 @@ TEST_F(FlOpen, AppendingWritesAtTheEnd)
     const Descriptor fd("file", RM_O_WRONLY | RM_O_APPEND);
     EXPECT_EQ(rm_flWrite(fd, "more", 4), 4);
     EXPECT_EQ(readFile("file"), "textmore");
+}
+
+// --- Numbers above the standard streams
+
+TEST_F(AboveStandard, AnyOtherNumberIsKeptWithoutACall)
+{
+    resetCalls();
+    for (const int fd : {-1, 3, 4, 1000}) {
+        errno = EACCES;
+        EXPECT_EQ(os::aboveStandard(fd, os::OnExec::kCloses), fd);
+        EXPECT_EQ(errno, EACCES);
+    }
+    EXPECT_THAT(callTrace(), IsEmpty());
+}
+
+TEST_F(AboveStandard, EachOfTheThreeIsMovedWithItsFile)
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        const rmtest::ChildResult child = rmtest::runChild([fd] {
+            close(fd);
+            EXPECT_EQ(open("file", O_RDWR | O_CREAT | O_APPEND, kOwner), fd);
+            const int32_t moved = os::aboveStandard(fd, os::OnExec::kStaysOpen);
+            EXPECT_GT(moved, STDERR_FILENO);
+            EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+            EXPECT_EQ(fcntl(moved, F_GETFD), 0);
+            EXPECT_EQ(rm_flWrite(moved, "x", 1), 1);
+        });
+        EXPECT_EQ(child.status, 0) << fd;
+    }
+    EXPECT_EQ(readFile("file"), "xxx");
+}
+
+TEST_F(AboveStandard, WhatIsNotInheritedStaysSo)
+{
+    const rmtest::ChildResult child = rmtest::runChild([] {
+        close(STDIN_FILENO);
+        EXPECT_EQ(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+        const int32_t moved = os::aboveStandard(STDIN_FILENO, os::OnExec::kCloses);
+        EXPECT_EQ(fcntl(moved, F_GETFD), FD_CLOEXEC);
+    });
+    EXPECT_EQ(child.status, 0);
 }
 
 // --- Closing

@@ -169,6 +169,20 @@ TEST_F(LockFile, GivesADescriptorThatNoOtherProgramInherits)
     os::unlockFile(lock);
 }
 
+TEST_F(LockFile, GivesTheNumberOfNoStandardStream)
+{
+    const rmtest::ChildResult child = rmtest::runChild([] {
+        close(STDERR_FILENO);
+        const int32_t lock = os::lockFile(kPath, 0);
+        EXPECT_GT(lock, STDERR_FILENO);
+        EXPECT_EQ(fcntl(lock, F_GETFD), FD_CLOEXEC);
+        EXPECT_TRUE(os::isLocked(kPath));
+        rm_systemLogWrite("logged");
+    });
+    EXPECT_EQ(child.status, 0);
+    EXPECT_EQ(readFile(kPath), "");
+}
+
 TEST_F(LockFile, ExcludesAnotherProcessAndIsBusyAfterTheTime)
 {
     Peer peer(holdLock);
@@ -406,6 +420,18 @@ TEST_F(LockFileRefuses, AFifoWithAReaderOrWithout)
 TEST_F(LockFileRefuses, ADevice)
 {
     expectRefused("/dev/null");
+}
+
+TEST_F(LockFileRefuses, AFileForWhichThereIsNoNumberAboveTheStandardStreams)
+{
+    const rmtest::ChildResult child = rmtest::runChild([] {
+        close(STDERR_FILENO);
+        ScopedFault fault({.call = Call::kFcntl, .error = EMFILE});
+        EXPECT_EQ(os::lockFile(kPath, kLongMs), RM_NONE);
+        EXPECT_EQ(fault.hits(), 1);
+        EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFD), -1);
+    });
+    EXPECT_EQ(child.status, 0);
 }
 
 TEST_F(LockFileRefuses, APathWithoutADirectory)

@@ -324,6 +324,34 @@ TEST_F(TokenOpen, PassesOnWhyThereIsNoStreamWhenClosingFailsToo)
     EXPECT_EQ(closeFault.hits(), 1);
 }
 
+// What a server prints and logs after it has closed them must not go into the file.
+TEST_F(TokenOpen, HasTheNumberOfNoStandardStream)
+{
+    const rmtest::ChildResult child = rmtest::runChild([] {
+        close(STDERR_FILENO);
+        FILE* stream = os::openToken(kFile);
+        EXPECT_NE(stream, nullptr);
+        EXPECT_GT(fileno(stream), STDERR_FILENO);
+        EXPECT_EQ(fcntl(fileno(stream), F_GETFD), FD_CLOEXEC);
+        rm_systemLogWrite("logged");
+    });
+    EXPECT_EQ(child.status, 0);
+    EXPECT_EQ(readFile(kFile), "");
+}
+
+TEST_F(TokenOpen, PassesOnWhyThereIsNoOtherNumber)
+{
+    const rmtest::ChildResult child = rmtest::runChild([] {
+        close(STDERR_FILENO);
+        ScopedFault fault({.call = Call::kFcntl, .error = EMFILE});
+        errno = 0;
+        EXPECT_EQ(os::openToken(kFile), nullptr);
+        EXPECT_EQ(errno, EMFILE);
+        EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFD), -1);
+    });
+    EXPECT_EQ(child.status, 0);
+}
+
 TEST_F(TokenOpen, IsTriedOnce)
 {
     ScopedFault fault({.call = Call::kOpen, .error = EMFILE, .times = kForever});
