@@ -106,7 +106,8 @@ bool isNamed(const char* function, const char* name)
 }
 
 // The module of that name that can have an object: not one that is linked in, which a lookup may
-// have missed before the module was loaded. RM_NOT_FOUND.
+// have missed before the module was loaded. RM_NOT_FOUND. A registry that has lost its map gives
+// slots without a module too.
 int16_t findLoadable(const char* name, uint16_t* handle, EmRec** module)
 {
     EmBag->curSlot = static_cast<uint16_t>(endUdpList - 1);  // with no linked-in ones: nowhere
@@ -114,7 +115,7 @@ int16_t findLoadable(const char* name, uint16_t* handle, EmRec** module)
         void* found = nullptr;
         bagGetCurPtr(EmBag, &found);
         *module = static_cast<EmRec*>(found);
-        if (isNamed((*module)->name, name)) {
+        if ((*module)->name != nullptr && isNamed((*module)->name, name)) {
             return bagGetCurHandle(EmBag, handle);
         }
     }

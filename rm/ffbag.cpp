@@ -13,7 +13,8 @@
 // address, each field is read once, and what it says is believed as far as the memory reaches that
 // this process asked for.
 //
-// Owns: what this process knows about the areas that it created.
+// Owns: what this process knows about the areas that it created: all whose shared memory object it
+// has, and the latest of the others.
 //
 // Invariant: count <= capacity; next < capacity, or 0. checkFfBag() tests it.
 //
@@ -23,6 +24,8 @@
 // Fatal: the shared memory that cannot be had.
 #include "rm/ffbag.h"
 
+#include "rm/unix/unix.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -31,7 +34,7 @@ using namespace ffbag;
 
 namespace
 {
-constexpr std::size_t kAreasKnown = 20;  // as many as a process has shared memory objects
+constexpr std::size_t kAreasKnown = os::kGshmSlots;  // room for every object of the process
 
 // An area as this process made it. Nobody else can change this.
 struct Known {
@@ -40,10 +43,9 @@ struct Known {
     uint32_t elementSize;  // bytes; the buffers of this process have room for so much
 };
 
-// In the order of creation; the oldest makes way for the 21st. An area is never detached, so an old
-// handle stays good, and its record with it.
+// In the order of creation, the unused ones first. An area is never detached, so an old handle
+// stays good when its object has gone, and its record stays as long as there is room.
 std::array<Known, kAreasKnown> knownAreas = {};
-std::size_t nextKnown = 0;
 
 // The one that was used last: most processes have one.
 Known lastUsed = {nullptr, 0, 0};
@@ -96,18 +98,28 @@ const Known* lookUp(const void* bag)
     return &lastUsed;
 }
 
-// The record for a new area: that of one which stood at the same address, when the host itself has
-// detached that; else the next.
-Known* recordFor(const void* bag)
+// True when the bag's shared memory is one of the objects that this process has.
+bool hasObject(const void* bag)
 {
-    auto* same = std::find_if(knownAreas.begin(), knownAreas.end(),
-                              [bag](const Known& area) { return area.bag == bag; });
-    if (same != knownAreas.end()) {
-        return same;
+    return std::any_of(os::rmGshm.begin(), os::rmGshm.end(), [bag](const os::GshmSlot& slot) {
+        return slot.address != nullptr && &static_cast<Area*>(slot.address)->capacity == bag;
+    });
+}
+
+// Enters a new area in place of the one that stood at the same address, when the host itself has
+// detached that; else of the oldest without an object. There is one: there are as many records as
+// objects at most, and the new object has none yet.
+void remember(const Known& made)
+{
+    auto* gone = std::find_if(knownAreas.begin(), knownAreas.end(),
+                              [&made](const Known& area) { return area.bag == made.bag; });
+    if (gone == knownAreas.end()) {
+        gone = std::find_if(knownAreas.begin(), knownAreas.end(),
+                            [](const Known& area) { return !hasObject(area.bag); });
     }
-    Known* next = &knownAreas[nextKnown];
-    nextKnown = (nextKnown + 1) % kAreasKnown;
-    return next;
+    RM_ASSERT(gone != knownAreas.end());
+    std::rotate(gone, gone + 1, knownAreas.end());
+    knownAreas.back() = made;
 }
 
 inline const Known* knowledgeOf(const void* bag)
@@ -147,7 +159,7 @@ int16_t ffBagCreate(uint16_t capacity, uint16_t elementSize, void** bag, void** 
     made->elementSize = elementSize;
     made->capacity = capacity;
     lastUsed = {*bag, capacity, elementSize};
-    *recordFor(*bag) = lastUsed;
+    remember(lastUsed);
     return RM_SUCCESS;
 }
 

@@ -137,9 +137,13 @@ int16_t closeDescriptor(FileEntry* entry)
 
 void freeSlot(FileEntry* entry)
 {
-    // A later file may get this handle, and must not get the log's lines with it.
+    // A later file may get this handle, and with it neither the log's lines nor the distrust in a
+    // log that has failed.
+    if (entry == usedEntry(rmsrv::failedLogFile)) {
+        rmsrv::trustLogFile();
+    }
     if (entry == usedEntry(sysfile)) {
-        rmsrv::forgetLogFile();
+        sysfile = RM_NONE;
     }
     if (entry->fd != -1) {
         closeDescriptor(entry);

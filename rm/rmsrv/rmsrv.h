@@ -49,13 +49,14 @@ void leaveFatalPath();
 constexpr std::size_t kLogMessageSize = 260;  // bytes of one message, terminator included
 
 extern int32_t writingLogFile;  // the re-entry flag: 1 while a line goes into the log file
+extern int16_t failedLogFile;   // the handle of a log file that gets no lines; RM_NONE for none
 
 // Called when frames are abandoned. A line that was on its way into the log file has failed it:
-// until the log file is closed, lines go to standard error only. A host that logs in its shutdown
-// processing would else come back to it for ever.
+// until that file is closed, lines go to standard error only, unless the host has set another one.
+// A host that logs in its shutdown processing would else come back to it for ever.
 void abandonLogLine();
 
-// The log file is closed: the next one is tried again.
+// The file that had failed is closed: what gets its handle next is tried again.
 void trustLogFile();
 
 // --- logfile.cpp

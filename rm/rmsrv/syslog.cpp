@@ -3,7 +3,8 @@
 // Why: one line format, one place that decides where a line goes. Standard error gets every line,
 // whatever the level, so that nothing is lost before a log file is open or after it broke.
 //
-// Owns: the log level, the re-entry flag, the buffer of optional messages.
+// Owns: the log level, the re-entry flag, the log file that has failed, the buffer of optional
+// messages.
 //
 // Invariant: while a line goes into the log file, a line that this causes (the file layer reports
 // its own failures through this writer) goes to standard error only. Else a full disk would
@@ -24,6 +25,7 @@ int16_t syslogon = 0;  // 0 off, 1 on, 2 or more on and copied to the log file
 namespace rmsrv
 {
 int32_t writingLogFile = 0;
+int16_t failedLogFile = RM_NONE;
 }  // namespace rmsrv
 
 namespace
@@ -50,7 +52,6 @@ struct Line {
 
 KeptStamp keptStamp;
 char optionalMessage[rmsrv::kLogMessageSize];
-bool logFileFailed = false;  // a fatal error came out of writing to it
 
 bool isCurrent(std::time_t now, const char* zone)
 {
@@ -95,13 +96,15 @@ void formatLine(Line* line, const char* format, va_list arguments)
 
 void rmsrv::abandonLogLine()
 {
-    logFileFailed = logFileFailed || (writingLogFile != 0 && sysfile != RM_NONE);
+    if (writingLogFile != 0 && sysfile != RM_NONE) {
+        failedLogFile = sysfile;
+    }
     writingLogFile = 0;
 }
 
 void rmsrv::trustLogFile()
 {
-    logFileFailed = false;
+    failedLogFile = RM_NONE;
 }
 
 int16_t rm_systemLog(int16_t level)
@@ -128,7 +131,7 @@ void rm_systemLogWrite(const char* format, ...)
     std::fflush(stdout);
 
     if (rmsrv::writingLogFile == 0 && syslogon >= kLevelWithLogFile && sysfile != RM_NONE &&
-        !logFileFailed) {
+        sysfile != rmsrv::failedLogFile) {
         rmsrv::writingLogFile = 1;
         rm_filePrintf(sysfile, "%s", line.text);
         rmsrv::writingLogFile = 0;

@@ -78,6 +78,15 @@ inline Slots createMany(DArray* array, int count, const char* name = "entry")
     return indexes;
 }
 
+// Gives every byte of the first `count` records a value: what is in a new one is not told.
+inline void fillRecords(DArray* array, int16_t count, char byte)
+{
+    for (int16_t index = 0; index < count; ++index) {
+        std::memset(darrayGetEntryPtr(array, index), byte,
+                    static_cast<std::size_t>(array->dataSize));
+    }
+}
+
 // first, first + 1, ... `count` of them.
 inline Slots upFrom(int first, int count)
 {

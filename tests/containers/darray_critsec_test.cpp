@@ -145,6 +145,7 @@ TEST_F(DArrayCriticalSection, IsLeftBeforeCorruptionIsFatal)
 TEST_F(DArrayCriticalSection, IsNotEnteredByLookups)
 {
     DArray* array = makeWith(10, 100, 10);
+    fillRecords(array, 10, '.');
     EXPECT_THAT(callsOf([&] {
                     darrayFindEntry(array, "entry", nullptr);
                     darrayGetEntryFromData(array, "x", 0, 1, 0, nullptr);

@@ -107,6 +107,7 @@ TEST_F(DArrayLarge, HaveAsManyBlocksAsEntries)
 TEST_F(DArrayLookup, AsksTheSystemForNothingAndChangesNothing)
 {
     DArray* array = makeWith(15, 20, 10);
+    fillRecords(array, 15, '.');
     darrayDeleteEntry(array, 3);
     const DArray before = *array;
     const Slots free = freeList(array, 0);

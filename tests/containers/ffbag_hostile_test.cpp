@@ -438,6 +438,59 @@ TEST_F(FfBagHostile, IsKeptToItsOwnMemoryWhenItsSlotHasAnotherBag)
     EXPECT_EQ(ffBagPush(old.bag, element.data()), RM_INVALID);
 }
 
+// What lies behind the memory of a bag of three: refused as long as that is known of it.
+int16_t pushBehindThree(const FfBag& bag)
+{
+    const EdgeBytes element(16);
+    bag.set(Field::kCapacity, 65535);
+    bag.set(Field::kNext, 3);
+    return ffBagPush(bag.bag, element.data());
+}
+
+// However many others have come and gone meanwhile.
+TEST_F(FfBagHostile, IsKeptToItsOwnMemoryAsLongAsItHasItsObject)
+{
+    const FfBag first = makeBag(3, 16);
+    const FfBag second = makeBag(3, 16);
+    for (int n = 0; n < 3 * os::kGshmSlots; ++n) {
+        makeBag(1, 1);
+        rm_gshmDelete(2);
+    }
+    EXPECT_EQ(pushBehindThree(first), RM_INVALID);
+    EXPECT_EQ(pushBehindThree(second), RM_INVALID);
+    const EdgeBytes element(16);
+    first.set(Field::kNext, 60000);
+    EXPECT_EQ(ffBagPush(first.bag, element.data()), RM_INVALID);
+    first.set(Field::kNext, 0);
+    first.set(Field::kElementSize, 17);
+    EXPECT_EQ(ffBagPush(first.bag, element.data()), RM_INVALID);
+}
+
+// Of those without an object the ones that were made last are known, as many as there is room for
+// beside the others.
+TEST_F(FfBagHostile, IsForgottenInTheOrderOfCreationWhenItsObjectHasGone)
+{
+    const FfBag living = makeBag(3, 16);
+    const FfBag old = makeBag(3, 16);
+    rm_gshmDelete(1);
+    const FfBag younger = makeBag(3, 16);
+    rm_gshmDelete(1);
+    for (int16_t n = 3; n < os::kGshmSlots; ++n) {
+        makeBag(1, 1);
+    }
+    EXPECT_EQ(pushBehindThree(old), RM_INVALID);
+    const FfBag youngest = makeBag(3, 16);
+    EXPECT_EQ(pushBehindThree(old), RM_SUCCESS) << "in the rest of its page";
+    EXPECT_EQ(pushBehindThree(younger), RM_INVALID);
+    rm_gshmDelete(os::kGshmSlots - 2);
+    makeBag(1, 1);
+    EXPECT_EQ(pushBehindThree(younger), RM_SUCCESS);
+    EXPECT_EQ(pushBehindThree(youngest), RM_INVALID);
+    makeBag(1, 1);
+    EXPECT_EQ(pushBehindThree(youngest), RM_SUCCESS);
+    EXPECT_EQ(pushBehindThree(living), RM_INVALID);
+}
+
 TEST_F(FfBagHostile, IsKeptToItsOwnMemoryAfterAReleaseOfTagZero)
 {
     const FfBag bag = makeBag(255, 16);

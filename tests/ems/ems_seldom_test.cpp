@@ -178,6 +178,38 @@ TEST_F(EmBags, WithoutAMapHaveNoModuleBehindTheLastSlot)
     EXPECT_EQ(rm_emUnload(handle), RM_SUCCESS);
 }
 
+// The map is larger with the 33rd module, and its block is found damaged. The registry is what it
+// is from then on: its free slots cannot be told from the others.
+TEST_F(EmBags, WhoseMapIsLostWhenTheyGrowTakeNoFurtherModule)
+{
+    ASSERT_EQ(rm_emInit(), RM_SUCCESS);
+    for (int n = 0; n < 32; ++n) {
+        ASSERT_EQ(rm_emRegFcn(std::to_string(n).c_str(), "f", &function), RM_SUCCESS);
+    }
+    const std::string last = installModule("plain", "./m32");
+    const std::string tooMany = installModule("plain", "./m33");
+    uint16_t* map = EmBag->slotMap;
+    uint32_t& header = rmalloc::headerOf(map)->word1;
+    const uint32_t before = std::exchange(header, 0);
+    int16_t handle = -77;
+    captureStderr([&] { EXPECT_EQ(rm_emLoad(last.c_str(), &handle), RM_SUCCESS); });
+    header = before;
+    EXPECT_EQ(handle, 32);
+    ASSERT_EQ(EmBag->slotMap, nullptr);
+
+    handle = -77;
+    const auto lines = logLines(
+        captureStderr([&] { EXPECT_EQ(rm_emLoad(tooMany.c_str(), &handle), RM_INVALID); }));
+    EXPECT_EQ(lines.back(), "findEmptySlot failed");
+    EXPECT_EQ(handle, -77);
+    captureStderr([&] { EXPECT_EQ(rm_emRegFcn("new", "f", &function), RM_INVALID); });
+    EXPECT_EQ(EmBag->usedCount, 33);
+    EXPECT_THAT(modulesEntered(), ElementsAre("M32 ./m32", "M33 ./m33"));
+    captureStderr([&] { EXPECT_EQ(rm_emLoad(last.c_str(), &handle), RM_SUCCESS); });
+    EXPECT_EQ(handle, 32) << "the others are found as before";
+    rm_freeMemory(map, 0);
+}
+
 TEST_F(EmBags, WhoseLookupFailsTakeNoRegistration)
 {
     ASSERT_EQ(rm_emInit(), RM_SUCCESS);

@@ -92,13 +92,15 @@ class BagModel
     bool matches(const Bag& bag) const { return difference(bag).empty(); }
 
     // A compact bag does not say what is in slots that no element has been in since it grew: those
-    // bytes are taken as they are, and have to stay so.
+    // bytes get a mark, in the bag and here, and have to keep it.
     void takeOverUnknown(const Bag& bag)
     {
-        if (const auto* bytes = static_cast<const unsigned char*>(bag.data);
-            bytes != nullptr && unknownFrom_ < state.data.size()) {
-            std::copy(bytes + unknownFrom_, bytes + state.data.size(),
-                      state.data.begin() + static_cast<std::ptrdiff_t>(unknownFrom_));
+        constexpr unsigned char kMark = 0xC3;
+        if (bag.data != nullptr && unknownFrom_ < state.data.size()) {
+            std::memset(static_cast<unsigned char*>(bag.data) + unknownFrom_, kMark,
+                        state.data.size() - unknownFrom_);
+            std::fill(state.data.begin() + static_cast<std::ptrdiff_t>(unknownFrom_),
+                      state.data.end(), kMark);
         }
         unknownFrom_ = SIZE_MAX;
     }

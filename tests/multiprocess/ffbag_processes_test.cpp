@@ -439,11 +439,12 @@ TEST_F(FfBagExchange, IsInheritedOverAForkWithWhatIsKnownOfIt)
     const GuardedSegments guard;
     const FfBag bag = makeBag(255, 16);
     const EdgeBytes element(16);
-    runChild([&] {
-        EXPECT_EQ(ffBagPush(bag.bag, element.data()), RM_SUCCESS);
-        bag.set(Field::kElementSize, 17);
-        EXPECT_EQ(ffBagPush(bag.bag, element.data()), RM_INVALID);
-    });
+    EXPECT_EQ(runChild([&] {
+                  EXPECT_EQ(ffBagPush(bag.bag, element.data()), RM_SUCCESS);
+                  bag.set(Field::kElementSize, 17);
+                  EXPECT_EQ(ffBagPush(bag.bag, element.data()), RM_INVALID);
+              }).status,
+              0);
     EXPECT_EQ(ffBagPop(bag.bag, element.data()), RM_INVALID);
     bag.set(Field::kElementSize, 16);
     EXPECT_EQ(ffBagPop(bag.bag, element.data()), RM_SUCCESS);

@@ -387,19 +387,21 @@ TEST_F(FileGrowthProcesses, AWaitForGrowSemOutlivesTheTimeOutsOfTheOtherLocks)
 TEST_F(FileInheritance, AHandleIsValidInTheChild)
 {
     const int16_t handle = openWith("f", kDigits);
-    runChild([&] {
-        EXPECT_EQ(seekRead(handle, 3, 4), "3456");
-        EXPECT_STREQ(entryOf(handle)->name, "f");
-    });
+    EXPECT_EQ(runChild([&] {
+                  EXPECT_EQ(seekRead(handle, 3, 4), "3456");
+                  EXPECT_STREQ(entryOf(handle)->name, "f");
+              }).status,
+              0);
 }
 
 TEST_F(FileInheritance, TheTableOfTheChildIsItsOwn)
 {
     const int16_t handle = openWith("f", kDigits);
-    runChild([&] {
-        openNew("g");
-        rm_fileClose(handle);
-    });
+    EXPECT_EQ(runChild([&] {
+                  openNew("g");
+                  rm_fileClose(handle);
+              }).status,
+              0);
     EXPECT_EQ(counts(), (Counts{1, 0, 0, 0}));
     EXPECT_EQ(read(handle, 4), "0123");
 }
@@ -407,7 +409,7 @@ TEST_F(FileInheritance, TheTableOfTheChildIsItsOwn)
 TEST_F(FileInheritance, ParkingInTheChildDoesNotParkInTheParent)
 {
     const int16_t handle = openWith("f", kDigits);
-    runChild([&] { park(handle); });
+    EXPECT_EQ(runChild([&] { park(handle); }).status, 0);
     EXPECT_EQ(entryOf(handle)->state, file::kSlotOpen);
     EXPECT_EQ(read(handle, 4), "0123");
 }
@@ -415,7 +417,7 @@ TEST_F(FileInheritance, ParkingInTheChildDoesNotParkInTheParent)
 TEST_F(FileInheritance, ThePositionOfAHandleIsNotShared)
 {
     const int16_t handle = openWith("f", kDigits);
-    runChild([&] { EXPECT_EQ(read(handle, 4), "0123"); });
+    EXPECT_EQ(runChild([&] { EXPECT_EQ(read(handle, 4), "0123"); }).status, 0);
     EXPECT_EQ(rm_filePosition(handle), 0U);
     EXPECT_EQ(read(handle, 4), "0123");
 }
@@ -423,14 +425,14 @@ TEST_F(FileInheritance, ThePositionOfAHandleIsNotShared)
 TEST_F(FileInheritance, TheOffsetOfADescriptorIsShared)
 {
     const int16_t handle = openWith("f", kDigits);
-    runChild([&] { rm_fileSeek(handle, 6); });
+    EXPECT_EQ(runChild([&] { rm_fileSeek(handle, 6); }).status, 0);
     EXPECT_EQ(seekRead(handle, RM_CURRENT_POSITION, 4), "6789");
 }
 
 TEST_F(FileInheritance, AFileThatWasReopenedSharesNothing)
 {
     const int16_t handle = parkedWith("f", kDigits);
-    runChild([&] { rm_fileSeek(handle, 6); });
+    EXPECT_EQ(runChild([&] { rm_fileSeek(handle, 6); }).status, 0);
     EXPECT_EQ(seekRead(handle, RM_CURRENT_POSITION, 4), "0123");
 }
 
@@ -553,6 +555,7 @@ TEST_F(FileWorkers, FindADiskThatOneOfThemHasFilledFullForThatOneOnly)
         seekWrite(handle, 0, "x");
         EXPECT_EQ(rmDiskFull, 1);
     });
+    EXPECT_EQ(child.status, 0);
     EXPECT_THAT(logLines(child.err),
                 ElementsAre("extending file f exceeded min threshold by 2147483647 bytes",
                             "READ ACCESS ONLY!"));

@@ -408,11 +408,12 @@ TEST_F(GshmFork, InheritsTheObjectsAtTheSameAddress)
 {
     const Object object = make();
     say(object, "before");
-    runChild([=] {
-        EXPECT_EQ(os::checkGshm(), 0U);
-        EXPECT_STREQ(object.address, "before");
-        say(object, "after");
-    });
+    EXPECT_EQ(runChild([=] {
+                  EXPECT_EQ(os::checkGshm(), 0U);
+                  EXPECT_STREQ(object.address, "before");
+                  say(object, "after");
+              }).status,
+              0);
     EXPECT_STREQ(object.address, "after");
     EXPECT_EQ(attachedBy(idOf(0)), 1U);
 }
@@ -420,11 +421,12 @@ TEST_F(GshmFork, InheritsTheObjectsAtTheSameAddress)
 TEST_F(GshmFork, GoesOnWithTheNextSlotWhereOthersMeetIt)
 {
     make();
-    runChild([] {
-        const Object object = make();
-        EXPECT_EQ(object.handle, 1);
-        say(object, "from the child");
-    });
+    EXPECT_EQ(runChild([] {
+                  const Object object = make();
+                  EXPECT_EQ(object.handle, 1);
+                  say(object, "from the child");
+              }).status,
+              0);
     EXPECT_STREQ(make().address, "from the child");
 }
 
@@ -432,10 +434,11 @@ TEST_F(GshmFork, DeletesForItsParentToo)
 {
     const Object object = make();
     say(object, "still");
-    runChild([] {
-        EXPECT_EQ(rm_gshmDelete(0), 0);
-        EXPECT_EQ(stateNow(), kNothing);
-    });
+    EXPECT_EQ(runChild([] {
+                  EXPECT_EQ(rm_gshmDelete(0), 0);
+                  EXPECT_EQ(stateNow(), kNothing);
+              }).status,
+              0);
     EXPECT_FALSE(tokenExists());
     EXPECT_TRUE(isMarkedForRemoval(idOf(0)));
     EXPECT_STREQ(object.address, "still");
@@ -447,7 +450,7 @@ TEST_F(GshmFork, ThatExitsInOrderRemovesTheObjectsForAll)
 {
     make();
     make();
-    runChild([] { rm_exit(0); });
+    EXPECT_EQ(runChild([] { rm_exit(0); }).status, 0);
     EXPECT_TRUE(isMarkedForRemoval(idOf(0)));
     EXPECT_TRUE(isMarkedForRemoval(idOf(1)));
     EXPECT_FALSE(tokenExists());
@@ -456,7 +459,7 @@ TEST_F(GshmFork, ThatExitsInOrderRemovesTheObjectsForAll)
 TEST_F(GshmFork, ThatJustEndsLeavesEverything)
 {
     say(make(), "kept");
-    runChild([] { _exit(0); });
+    EXPECT_EQ(runChild([] { _exit(0); }).status, 0);
     EXPECT_TRUE(tokenExists());
     EXPECT_FALSE(isMarkedForRemoval(idOf(0)));
     EXPECT_STREQ(static_cast<char*>(slotOf(0).address), "kept");

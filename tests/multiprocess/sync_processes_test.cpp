@@ -293,7 +293,7 @@ TEST_F(SyncLockProcesses, ALockMayBeLeftByAnotherProcess)
 {
     const SyncHandle lock = rm_syncCreate("lock");
     rm_syncEnterExcl(lock, RM_WAIT_FOREVER);
-    runChild([=] { EXPECT_EQ(rm_syncExitExcl(lock), 0); });
+    EXPECT_EQ(runChild([=] { EXPECT_EQ(rm_syncExitExcl(lock), 0); }).status, 0);
     EXPECT_EQ(rm_syncEnterExcl(lock, 1000), 0);
 }
 
@@ -367,7 +367,7 @@ TEST_F(SyncEventProcesses, ASignalledEventIsSeenByAProcessThatComesLater)
 {
     const SyncHandle event = rm_syncCreate("event");
     rm_syncResume(event);
-    runChild([=] { EXPECT_EQ(rm_syncWait(event, 1000), 0); });
+    EXPECT_EQ(runChild([=] { EXPECT_EQ(rm_syncWait(event, 1000), 0); }).status, 0);
     EXPECT_EQ(valueOf(event), 1);
 }
 
@@ -575,11 +575,12 @@ TEST_F(SyncSharing, AChildFindsTheObjectsOfItsParent)
 {
     rm_syncCreate("one");
     const SyncHandle two = rm_syncCreate("two");
-    runChild([=] {
-        EXPECT_EQ(rm_syncOpen("two"), two);
-        EXPECT_EQ(os::checkSync(), 0U);
-        EXPECT_EQ(rm_syncEnterExcl(two, 1000), 0);
-    });
+    EXPECT_EQ(runChild([=] {
+                  EXPECT_EQ(rm_syncOpen("two"), two);
+                  EXPECT_EQ(os::checkSync(), 0U);
+                  EXPECT_EQ(rm_syncEnterExcl(two, 1000), 0);
+              }).status,
+              0);
     EXPECT_EQ(valueOf(two), 0);
 }
 
@@ -698,11 +699,12 @@ TEST_P(SyncRemovedWhileWaiting, IsFatal)
     Peer peer([](Channel& /*channel*/) { GetParam().wait(); });
     ASSERT_TRUE(GetParam().forLock ? entersWait(0) : eventIsAwaited(1));
     // By a process whose only object is the lock: it does not touch the event before.
-    runChild([] {
-        os::rmSem[1] = nullptr;
-        os::nSems = 1;
-        EXPECT_EQ(rm_syncDelete(0), 0);
-    });
+    EXPECT_EQ(runChild([] {
+                  os::rmSem[1] = nullptr;
+                  os::nSems = 1;
+                  EXPECT_EQ(rm_syncDelete(0), 0);
+              }).status,
+              0);
     const ChildResult result = peer.wait();
     EXPECT_TRUE(result.exited);
     EXPECT_EQ(result.status, 0);
@@ -784,7 +786,7 @@ TEST_F(SyncRemoval, ByTheExitOfAChildIsForAllProcesses)
 TEST_F(SyncRemoval, DoesNotHappenWhenAWorkerEndsWithoutAnExit)
 {
     const SyncHandle lock = rm_syncCreate("lock");
-    runChild([] { _exit(0); });
+    EXPECT_EQ(runChild([] { _exit(0); }).status, 0);
     EXPECT_EQ(rm_syncEnterExcl(lock, 1000), 0);
     EXPECT_TRUE(std::filesystem::exists(kToken));
 }
@@ -792,7 +794,7 @@ TEST_F(SyncRemoval, DoesNotHappenWhenAWorkerEndsWithoutAnExit)
 TEST_F(SyncRemoval, HappensWithTheLastObjectOfAnyProcess)
 {
     const SyncHandle lock = rm_syncCreate("lock");
-    runChild([=] { EXPECT_EQ(rm_syncDelete(lock), 0); });
+    EXPECT_EQ(runChild([=] { EXPECT_EQ(rm_syncDelete(lock), 0); }).status, 0);
     EXPECT_EQ(semValue(os::iSem, lock), -1);
     EXPECT_FALSE(std::filesystem::exists(kToken));
 }
@@ -803,7 +805,7 @@ TEST_F(SyncRemoval, OfOneObjectLeavesItHeldInTheOtherProcesses)
 {
     rm_syncCreate("keeper");
     const SyncHandle lock = rm_syncCreate("lock");
-    runChild([=] { EXPECT_EQ(rm_syncDelete(lock), 0); });
+    EXPECT_EQ(runChild([=] { EXPECT_EQ(rm_syncDelete(lock), 0); }).status, 0);
     EXPECT_EQ(rm_syncOpen("lock"), lock);
     EXPECT_EQ(rm_syncEnterExcl(lock, 1), RM_TIMEOUT);
 }
@@ -837,7 +839,7 @@ TEST_F(SyncRemoval, LetsTheNextServerOfThatPrefixStartAfresh)
     rm_syncCreate("lock");
     rm_syncExitExcl(0);
     const auto holder = holding(0);
-    runChild([] { rm_exit(0); });
+    EXPECT_EQ(runChild([] { rm_exit(0); }).status, 0);
     printedBy([] { rm_syncTerminate(); });
     EXPECT_EQ(rm_syncCreate("lock"), 0);
     EXPECT_EQ(valueOf(0), 1);

@@ -186,7 +186,7 @@ TEST_F(SyncRecoverFiles, AreOpenedAgainAfterAWorkerWasKilledInAnOpen)
                 ElementsAre(freed(fileSem, worker)));
     EXPECT_EQ(rm_syncRecover(growSem), 0);
     openAndWrite("mine");
-    rmtest::runChild([] { openAndWrite("another"); });
+    EXPECT_EQ(rmtest::runChild([] { openAndWrite("another"); }).status, 0);
     EXPECT_TRUE(std::filesystem::exists("another"));
 }
 

@@ -122,10 +122,10 @@ TEST_F(FatalWholeLog, OfTheCommonTailIsTheBannerAndTheWayOut)
 
 TEST_F(FatalWholeLog, WithoutATargetEndsWithTheOtherWayOut)
 {
-    EXPECT_EQ(logLines(runChild([] { fatalRMExit("a problem"); }).err),
+    EXPECT_EQ(rmtest::linesOfChild([] { fatalRMExit("a problem"); }),
               withBanner({"***Fatal resource manager error***", "    Specific problem: a problem"},
                          kOperatingSystem));
-    EXPECT_EQ(logLines(runChild([] { internalErrorExit("f", "m", 0); }).err),
+    EXPECT_EQ(rmtest::linesOfChild([] { internalErrorExit("f", "m", 0); }),
               withBanner({"**** f() m, errno=0 (Success)"}, kOperatingSystem));
 }
 
@@ -151,7 +151,7 @@ TEST_F(FatalWholeLog, AtEveryLevelIsTheSameOnStandardError)
 {
     for (const int level : {-1, 0, 1, 2, 3}) {
         rm_systemLog(static_cast<int16_t>(level));
-        EXPECT_EQ(logLines(runChild([] { rm_errorExit(); }).err), withBanner({}, kOperatingSystem))
+        EXPECT_EQ(rmtest::linesOfChild([] { rm_errorExit(); }), withBanner({}, kOperatingSystem))
             << level;
     }
 }
@@ -160,14 +160,14 @@ TEST_F(FatalWholeLog, OfAWorkerIsThatOfTheForeground)
 {
     ASSERT_EQ(rm_foregroundThread(), 1);
     for (const bool withTarget : {false, true}) {
-        const ChildResult child = runChild([withTarget] {
+        const std::vector<std::string> lines = rmtest::linesOfChild([withTarget] {
             if (withTarget) {
                 catchFatal([] { rm_errorExit(); });
             } else {
                 rm_errorExit();
             }
         });
-        EXPECT_EQ(logLines(child.err), withBanner({}, withTarget ? kShutdown : kOperatingSystem));
+        EXPECT_EQ(lines, withBanner({}, withTarget ? kShutdown : kOperatingSystem));
     }
 }
 
@@ -236,6 +236,7 @@ TEST_F(FatalOutputs, AnErrorNumberIsTheSameInTheLogAndOnStandardOutput)
 {
     for (const int32_t error : {-1, 99999, INT32_MIN, INT32_MAX}) {
         const ChildResult child = runChild([error] { internalErrorExit("f", "m", error); });
+        rmtest::expectEnd(child, 0);
         const std::vector<std::string> lines = logLines(child.err);
         ASSERT_FALSE(lines.empty());
         EXPECT_EQ(lines.front(), rmtest::failure("f", "m", error));
@@ -254,7 +255,7 @@ TEST_F(FatalWholeLog, OfALogicalFailureHasThePercentSignsOfItsProblem)
 TEST_F(FatalWholeLog, OfAChildLeavesThatOfItsParentWhole)
 {
     for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(logLines(runChild([] { internalErrorExit("f", "m", 0); }).err),
+        EXPECT_EQ(rmtest::linesOfChild([] { internalErrorExit("f", "m", 0); }),
                   withBanner({"**** f() m, errno=0 (Success)"}, kOperatingSystem));
     }
     EXPECT_EQ(outcomeOf([] { internalErrorExit("f", "m", 0); }).lines,

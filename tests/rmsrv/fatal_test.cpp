@@ -28,6 +28,7 @@ using rmtest::expectEndAtOnce;
 using rmtest::fileLines;
 using rmtest::kForever;
 using rmtest::kSemToken;
+using rmtest::linesOfChild;
 using rmtest::logLines;
 using rmtest::openLog;
 using rmtest::Outcome;
@@ -284,7 +285,7 @@ TEST_F(FatalBanner, OfAChildIsItsOwn)
 {
     static_cast<void>(outcomeOf([] { rm_errorExit(); }));
     // A copy of the process that has logged it already does not log it again.
-    EXPECT_EQ(banners(logLines(runChild([] { rm_errorExit(); }).err)), 0);
+    EXPECT_EQ(banners(linesOfChild([] { rm_errorExit(); })), 0);
 }
 
 TEST_F(FatalBanner, ReachesTheLogFileToo)
@@ -439,7 +440,7 @@ TEST_F(FatalWithoutTarget, ExitsWithStatusZero)
 
 TEST_F(FatalWithoutTarget, SaysThatItExitsToTheOperatingSystemAfterTheBanner)
 {
-    const std::vector<std::string> lines = logLines(runChild([] { rm_errorExit(); }).err);
+    const std::vector<std::string> lines = linesOfChild([] { rm_errorExit(); });
     ASSERT_THAT(lines, SizeIs(kBannerLines + 1));
     EXPECT_EQ(lines[1], "* Please report this condition to *");
     EXPECT_EQ(lines.back(), "Exiting to operating system");
@@ -476,6 +477,7 @@ TEST_F(FatalWithoutTarget, FreesAllMemory)
         std::atexit([] { std::printf("%u", rm_memused()); });
         rm_errorExit();
     });
+    expectEnd(child, 0);
     EXPECT_EQ(child.out, "0");
 }
 
@@ -485,6 +487,7 @@ TEST_F(FatalWithoutTarget, WhatTheHostPrintedIsNotLost)
         std::printf("unfinished");
         rm_errorExit();
     });
+    expectEnd(child, 0);
     EXPECT_EQ(child.out, "unfinished");
 }
 
@@ -512,33 +515,35 @@ TEST_F(FatalWorker, WithTargetIsMarkedAsUnwinding)
 TEST_F(FatalWorker, IsMarkedBeforeTheBanner)
 {
     ASSERT_EQ(rm_foregroundThread(), 1);
-    runChild([] {
-        static int16_t atFirstLine = -1;
-        ScopedFault watch({.call = Call::kFwrite, .when = [](const CallRecord&) {
-                               if (atFirstLine == -1) {
-                                   atFirstLine = rm_getOSTerm();
-                               }
-                               return false;
-                           }});
-        EXPECT_EQ(catchFatal([] { rm_errorExit(); }), 1);
-        EXPECT_EQ(atFirstLine, 2);
-    });
+    EXPECT_EQ(runChild([] {
+                  static int16_t atFirstLine = -1;
+                  ScopedFault watch({.call = Call::kFwrite, .when = [](const CallRecord&) {
+                                         if (atFirstLine == -1) {
+                                             atFirstLine = rm_getOSTerm();
+                                         }
+                                         return false;
+                                     }});
+                  EXPECT_EQ(catchFatal([] { rm_errorExit(); }), 1);
+                  EXPECT_EQ(atFirstLine, 2);
+              }).status,
+              0);
 }
 
 TEST_F(FatalWorker, IsMarkedAfterItsOwnLines)
 {
     ASSERT_EQ(rm_foregroundThread(), 1);
-    runChild([] {
-        static int16_t atFirstLine = -1;
-        ScopedFault watch({.call = Call::kFwrite, .when = [](const CallRecord&) {
-                               if (atFirstLine == -1) {
-                                   atFirstLine = rm_getOSTerm();
-                               }
-                               return false;
-                           }});
-        EXPECT_EQ(catchFatal([] { fatalRMExit("a problem"); }), 1);
-        EXPECT_EQ(atFirstLine, 0);
-    });
+    EXPECT_EQ(runChild([] {
+                  static int16_t atFirstLine = -1;
+                  ScopedFault watch({.call = Call::kFwrite, .when = [](const CallRecord&) {
+                                         if (atFirstLine == -1) {
+                                             atFirstLine = rm_getOSTerm();
+                                         }
+                                         return false;
+                                     }});
+                  EXPECT_EQ(catchFatal([] { fatalRMExit("a problem"); }), 1);
+                  EXPECT_EQ(atFirstLine, 0);
+              }).status,
+              0);
 }
 
 TEST_F(FatalWorker, TheForegroundIsNotMarked)
@@ -563,6 +568,7 @@ TEST_F(FatalWorker, AWorkerThatBecameTheForegroundIsNotMarked)
         static_cast<void>(rm_setForegroundThread());
         runHost([] { rm_errorExit(); }, [] { std::printf("%d", rm_getOSTerm()); });
     });
+    expectEnd(child, 0);
     EXPECT_EQ(child.out, "0");
 }
 
@@ -578,6 +584,7 @@ TEST_F(FatalWorker, WithoutTargetIsNeverMarkedAsUnwinding)
         std::atexit([] { std::printf("%d %d", unwinding ? 1 : 0, rm_getOSTerm()); });
         rm_errorExit();
     });
+    expectEnd(child, 0);
     EXPECT_EQ(child.out, "0 3");
 }
 
@@ -751,6 +758,7 @@ TEST_F(ExitOrder, LaterLinesGoToStandardErrorOnly)
         static ScopedFault fault({.call = Call::kSemctl, .error = EIDRM});
         rm_exit(5);
     });
+    expectEnd(child, 0);
     EXPECT_THAT(fileLines(), ElementsAre("before"));
     EXPECT_EQ(systemCallLines(logLines(child.err)), 1);
     rmtest::removeLeftovers();
@@ -1033,6 +1041,7 @@ TEST_F(ExitOnce, FailedStepsAreNotTriedAgain)
         std::atexit([] { std::printf(" %d", fault.hits()); });
         rm_exit(5);
     });
+    expectEnd(child, 0);
     EXPECT_TRUE(child.out.ends_with(" 1")) << child.out;
     rmtest::removeLeftovers();
 }

@@ -150,7 +150,15 @@ inline void expectEnd(const ChildResult& child, int status)
     EXPECT_EQ(child.status, status) << child.err;
 }
 
-// The same, and without having waited for anybody.
+// The log lines of a child that ends with status 0.
+inline std::vector<std::string> linesOfChild(const std::function<void()>& body)
+{
+    const ChildResult child = runChild(body);
+    expectEnd(child, 0);
+    return logLines(child.err);
+}
+
+// As expectEnd, and without having waited for anybody.
 inline void expectEndAtOnce(const ChildResult& child, int status)
 {
     expectEnd(child, status);

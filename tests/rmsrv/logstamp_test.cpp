@@ -186,10 +186,11 @@ TEST_F(LogStampKept, OfTheFirstSecondOfAllIsThereOnTheFirstLine)
 TEST_F(LogStampKept, IsNotTheOneOfAnotherProcess)
 {
     line();
-    runChild([] {
-        clockTime = kMarch1996 + 60;
-        EXPECT_EQ(line(), "[07-Mar-96 14:06:09]  x\n");
-    });
+    EXPECT_EQ(runChild([] {
+                  clockTime = kMarch1996 + 60;
+                  EXPECT_EQ(line(), "[07-Mar-96 14:06:09]  x\n");
+              }).status,
+              0);
     EXPECT_EQ(line(), kMarchLine);
 }
 
@@ -373,10 +374,11 @@ std::vector<std::string> writesOf(const std::function<void()>& body)
     // A pipe that keeps writes apart.
     std::array<int, 2> packets = {-1, -1};
     EXPECT_EQ(pipe2(packets.data(), O_CLOEXEC | O_DIRECT), 0);
-    runChild([&] {
-        dup2(packets[1], STDERR_FILENO);
-        body();
-    });
+    EXPECT_EQ(runChild([&] {
+                  dup2(packets[1], STDERR_FILENO);
+                  body();
+              }).status,
+              0);
     close(packets[1]);
     std::vector<std::string> writes;
     std::string packet(4096, '\0');

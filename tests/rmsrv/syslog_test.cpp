@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -716,13 +717,26 @@ TEST_F(LogFileFails, TheFatalLinesOfTheFailureGoToStandardErrorOnly)
     EXPECT_THAT(fileLines(), ElementsAre("before"));
 }
 
+// A file of the host's that can stand for the log.
+int16_t openForTheLog(const char* path)
+{
+    const int16_t handle =
+        rm_fileOpen(path, RM_O_WRONLY | RM_O_CREAT | RM_O_TRUNC, FILE_STREAM, 0, 0);
+    EXPECT_NE(handle, RM_NONE);
+    return handle;
+}
+
+// A fatal error comes out of a line that is on its way into the log file.
+void failTheLog()
+{
+    ScopedFault fault({.call = Call::kSemtimedop, .error = EIDRM});
+    EXPECT_EQ(outcomeOf([] { rm_systemLogWrite("lost"); }).jumped, 1);
+}
+
 TEST_F(LogFileFails, AfterAFatalOneTheFileIsLeftAlone)
 {
     openLog();
-    {
-        ScopedFault fault({.call = Call::kSemtimedop, .error = EIDRM});
-        EXPECT_EQ(outcomeOf([] { rm_systemLogWrite("lost"); }).jumped, 1);
-    }
+    failTheLog();
     resetCalls();
     EXPECT_THAT(outcomeOf([] { rm_systemLogWrite("still here"); }).lines,
                 ElementsAre("still here"));
@@ -730,13 +744,49 @@ TEST_F(LogFileFails, AfterAFatalOneTheFileIsLeftAlone)
     EXPECT_EQ(readFile(kLogPath), "");
 }
 
+TEST_F(LogFileFails, AfterAFatalOneAnotherFileOfTheHostIsTrusted)
+{
+    openLog();
+    failTheLog();
+    const int16_t failed = sysfile;
+    sysfile = openForTheLog("other.log");
+    rm_fileClose(failed);
+    captureStderr([] { rm_systemLogWrite("there"); });
+    EXPECT_THAT(logLines(readFile("other.log")), ElementsAre("there"));
+    EXPECT_EQ(readFile(kLogPath), "");
+}
+
+TEST_F(LogFileFails, AfterAFatalOneItIsLeftAloneThoughAnotherHasStoodInForIt)
+{
+    openLog();
+    failTheLog();
+    const int16_t failed = sysfile;
+    sysfile = openForTheLog("other.log");
+    rm_fileClose(sysfile);
+    EXPECT_EQ(sysfile, RM_NONE);
+    sysfile = failed;
+    captureStderr([] { rm_systemLogWrite("nowhere"); });
+    EXPECT_EQ(readFile(kLogPath), "");
+}
+
+TEST_F(LogFileFails, AfterAFatalOneTheNextFileWithItsHandleIsTrusted)
+{
+    openLog();
+    failTheLog();
+    const int16_t failed = sysfile;
+    sysfile = openForTheLog("other.log");
+    rm_fileClose(failed);
+    const int16_t next = openForTheLog("next.log");
+    ASSERT_EQ(next, failed);
+    rm_fileClose(std::exchange(sysfile, next));
+    captureStderr([] { rm_systemLogWrite("there"); });
+    EXPECT_THAT(logLines(readFile("next.log")), ElementsAre("there"));
+}
+
 TEST_F(LogFileFails, AfterItsClosingTheNextFileIsTrusted)
 {
     openLog();
-    {
-        ScopedFault fault({.call = Call::kSemtimedop, .error = EIDRM});
-        EXPECT_EQ(outcomeOf([] { rm_systemLogWrite("lost"); }).jumped, 1);
-    }
+    failTheLog();
     rm_systemLogClose();
     openLog();
     captureStderr([] { rm_systemLogWrite("anew"); });
@@ -746,10 +796,7 @@ TEST_F(LogFileFails, AfterItsClosingTheNextFileIsTrusted)
 TEST_F(LogFileFails, AfterAllMemoryHasGoneTheNextFileIsTrusted)
 {
     openLog();
-    {
-        ScopedFault fault({.call = Call::kSemtimedop, .error = EIDRM});
-        EXPECT_EQ(outcomeOf([] { rm_systemLogWrite("lost"); }).jumped, 1);
-    }
+    failTheLog();
     rm_freeall();
     ASSERT_EQ(sysfile, RM_NONE);
     openLog();
@@ -940,6 +987,20 @@ TEST_F(LogInFatalPath, ATimeOutWithinItIsMetOnce)
     EXPECT_EQ(outcome.jumped, 1);
     EXPECT_EQ(fault.hits(), 1);
     EXPECT_EQ(banners(outcome.lines), 1);
+    EXPECT_EQ(readFile(kLogPath), "") << "the first line met it, and the others do not try";
+}
+
+TEST_F(LogInFatalPath, ATimeOutWithinALaterLineLeavesTheOnesBeforeInTheFile)
+{
+    openLog();
+    rmtest::Fault second = timeOut(kForever);
+    second.skip = 1;
+    ScopedFault fault(second);
+    const Outcome outcome = outcomeOf([] { fatalRMExit("a problem"); });
+    EXPECT_EQ(outcome.jumped, 1);
+    EXPECT_EQ(fault.hits(), 1);
+    EXPECT_EQ(banners(outcome.lines), 1);
+    EXPECT_THAT(fileLines(), ElementsAre("***Fatal resource manager error***"));
 }
 
 TEST_F(LogInFatalPath, LinesOfTheShutdownDoNotWaitForTheLockAgain)

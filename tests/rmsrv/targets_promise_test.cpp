@@ -135,13 +135,14 @@ TEST_F(FatalTargets, HaveTheWidthsOfTheInterface)
 TEST_F(FatalOfAWorker, IsMarkedEachTimeAndNotUnmarked)
 {
     ASSERT_EQ(rm_foregroundThread(), 1);
-    runChild([] {
-        EXPECT_EQ(catchFatal([] { rm_errorExit(); }), 1);
-        EXPECT_EQ(rm_getOSTerm(), 2);
-        rm_setOSTerm(0);
-        EXPECT_EQ(catchFatal([] { fatalRMExit("again"); }), 1);
-        EXPECT_EQ(rm_getOSTerm(), 2);
-    });
+    EXPECT_EQ(runChild([] {
+                  EXPECT_EQ(catchFatal([] { rm_errorExit(); }), 1);
+                  EXPECT_EQ(rm_getOSTerm(), 2);
+                  rm_setOSTerm(0);
+                  EXPECT_EQ(catchFatal([] { fatalRMExit("again"); }), 1);
+                  EXPECT_EQ(rm_getOSTerm(), 2);
+              }).status,
+              0);
 }
 
 TEST_F(FatalOfAWorker, OutOfItsExitIsMarkedAsUnwindingUntilItExitsAgain)
@@ -220,12 +221,13 @@ TEST_F(UserSlotKept, IsEmptiedByAnEmptyName)
 TEST_F(UserSlotKept, OfAWorkerIsItsOwn)
 {
     rm_userSave("parent", 1);
-    runChild([] {
-        char name[15] = "";
-        rm_userGet(name, nullptr);
-        EXPECT_STREQ(name, "parent");
-        rm_userSave("child", 2);
-    });
+    EXPECT_EQ(runChild([] {
+                  char name[15] = "";
+                  rm_userGet(name, nullptr);
+                  EXPECT_STREQ(name, "parent");
+                  rm_userSave("child", 2);
+              }).status,
+              0);
     EXPECT_STREQ(rmsrv::szUserName_save, "parent");
     EXPECT_EQ(rmsrv::hSess_save, 1);
 }
