@@ -185,13 +185,13 @@ void forgetTablesOf(Tag tag)
         ++tagZeroReleases;
         ems::forgetModules();
         rmutil::forgetLocalEnv();
-        rmutil::forgetIniStreams();
+        rmutil::forgetOwnStreams();
         rmsrv::forgetStatistics();
         os::forgetGshm();
         os::forgetQueues();
     }
     if (file::fileTag != 0 && tag == file::fileTag) {
-        rmutil::forgetIniHandles();
+        rmutil::forgetOwnHandles();
         file::forgetTable();
     }
 }

@@ -5,16 +5,24 @@
 //
 // A copy does not tell whether its transfers succeeded; their failures are in the log. A move asks,
 // since it goes on to remove the source: bytes that did not arrive, or did not reach the disk, are
-// kept where they were.
+// kept where they were. So they are when the destination has been removed or replaced meanwhile:
+// what its path does not lead to has not arrived.
 //
-// Owns: nothing. Locks: those of each operation on a handle.
+// Owns: the buffer of a copy in progress. The handles are noted in ownfiles.cpp. What a fatal error
+// leaves of both is given back by the next copy or move.
+//
+// Locks: those of each operation on a handle.
 //
 // Fatal: those operations' time-outs and failed sync objects; no memory for the buffer.
 #include "rm/file/file.h"
+#include "rm/rmalloc/rmalloc.h"
 #include "rm/rmutil/rmutil.h"
 #include "rm/unix/unix.h"
 
 #include <cstring>
+#include <limits>
+
+using namespace rmutil;
 
 namespace
 {
@@ -31,6 +39,36 @@ enum class Arrival {
     kWritten,
 };
 
+// The buffer of a copy, under tag 0.
+struct CopyBuffer {
+    char* bytes;        // null while there is no copy
+    uint32_t releases;  // of tag 0 when it was made: after another one it is gone
+};
+
+CopyBuffer copyBuffer = {nullptr, 0};
+
+void makeBuffer()
+{
+    auto* bytes = static_cast<char*>(rm_getMemory(kCopyBytes, 0));
+    copyBuffer = {bytes, rmalloc::tagZeroReleases};
+}
+
+void freeBuffer()
+{
+    if (copyBuffer.bytes != nullptr && copyBuffer.releases == rmalloc::tagZeroReleases) {
+        rm_freeMemory(copyBuffer.bytes, 0);
+    }
+    copyBuffer.bytes = nullptr;
+}
+
+// Gives back what a copy has left that a fatal error ended.
+void endStaleCopy()
+{
+    closeOwn(kCopyFrom);
+    closeOwn(kCopyTo);
+    freeBuffer();
+}
+
 // True when all bytes were written. What falls short is written on, until nothing is: that is then
 // in the log.
 bool writeWhole(FileHandle handle, const char* bytes, uint32_t count)
@@ -46,10 +84,19 @@ bool writeWhole(FileHandle handle, const char* bytes, uint32_t count)
     return true;
 }
 
+// Where reading ends once a write has failed: the source may be the log file, which grows with each
+// of them. What gives bytes and has no length, as a pipe, ends by itself.
+uint32_t endOf(FileHandle source)
+{
+    const uint32_t length = rm_fileLength(source);
+    return length != 0 ? length : std::numeric_limits<uint32_t>::max();
+}
+
 // Copies what there is between two open files. A read that fails ends the copy; after a write that
 // fails it goes on, and the destination lacks those bytes.
-Arrival transfer(FileHandle source, FileHandle destination, char* buffer)
+Arrival transfer(FileHandle source, FileHandle destination)
 {
+    char* buffer = copyBuffer.bytes;
     Arrival arrival = Arrival::kWritten;
     uint32_t end = 0;  // of what is read once a write has failed
     int16_t error = RM_SUCCESS;
@@ -57,8 +104,7 @@ Arrival transfer(FileHandle source, FileHandle destination, char* buffer)
     while (count != 0) {
         if (!writeWhole(destination, buffer, count) && arrival == Arrival::kWritten) {
             arrival = Arrival::kUnknown;
-            // The source may be the log file, which grows with every write that fails.
-            end = rm_fileLength(source);
+            end = endOf(source);
         }
         if (arrival == Arrival::kUnknown && rm_filePosition(source) >= end) {
             break;
@@ -69,16 +115,30 @@ Arrival transfer(FileHandle source, FileHandle destination, char* buffer)
     return error == RM_SUCCESS ? arrival : Arrival::kUnknown;
 }
 
+// As transfer, and brings the bytes to the disk. They have arrived when the path leads to them.
+Arrival transferToDisk(FileHandle source, FileHandle destination, const char* path)
+{
+    // Kept from being parked: reopened, it could be another file, and even have the same number on
+    // the disk. A jump ends that, as it does for every operation.
+    file::FileEntry* entry = file::usedEntry(destination);
+    ++entry->busyCount;
+    const bool arrived = transfer(source, destination) == Arrival::kWritten &&
+                         file::bringToDisk(destination) == RM_SUCCESS &&
+                         os::leadsTo(path, entry->fd);
+    --entry->busyCount;
+    return arrived ? Arrival::kWritten : Arrival::kUnknown;
+}
+
 // The two files, opened. False when either cannot be.
 bool openBoth(const char* source, const char* destination, FileHandle* from, FileHandle* to)
 {
-    *from = rm_fileOpen(source, RM_O_RDONLY, 0, kSourceSize, kGrowIncrement);
-    if (*from < 1) {
-        return false;  // Deliberate: handle 0 is a failure too, and stays open
+    *from = openOwn(kCopyFrom, source, RM_O_RDONLY, kSourceSize, kGrowIncrement);
+    if (*from == RM_NONE) {
+        return false;
     }
-    *to = rm_fileOpen(destination, kNewFile, 0, 0, kGrowIncrement);
-    if (*to < 1) {
-        rm_fileClose(*from);
+    *to = openOwn(kCopyTo, destination, kNewFile, 0, kGrowIncrement);
+    if (*to == RM_NONE) {
+        closeOwn(kCopyFrom);
         return false;
     }
     return true;
@@ -90,21 +150,21 @@ int16_t copyFile(const char* source, const char* destination, Arrival* arrival)
 {
     rm_fileRemove(destination);
     // Before there is a handle that would stay open when this does not come back.
-    auto* buffer = static_cast<char*>(rm_getMemory(kCopyBytes, 0));
+    makeBuffer();
     FileHandle from = RM_NONE;
     FileHandle to = RM_NONE;
     int16_t result = RM_COPY_FAILED;
     if (openBoth(source, destination, &from, &to)) {
         result = RM_SUCCESS;
-        const Arrival arrived = transfer(from, to, buffer);
-        if (arrival != nullptr && arrived == Arrival::kWritten &&
-            file::bringToDisk(to) == RM_SUCCESS) {
-            *arrival = Arrival::kWritten;
+        if (arrival != nullptr) {
+            *arrival = transferToDisk(from, to, destination);
+        } else {
+            transfer(from, to);
         }
-        rm_fileClose(from);
-        rm_fileClose(to);
+        closeOwn(kCopyFrom);
+        closeOwn(kCopyTo);
     }
-    rm_freeMemory(buffer, 0);
+    freeBuffer();
     return result;
 }
 }  // namespace
@@ -114,6 +174,7 @@ int32_t rm_fileCopy(const char* source, const char* destination)
     if (std::strcmp(source, destination) == 0) {
         return RM_SUCCESS;
     }
+    endStaleCopy();
     return copyFile(source, destination, nullptr);
 }
 
@@ -122,6 +183,7 @@ int16_t rm_fileMove(const char* source, const char* destination)
     if (std::strcmp(source, destination) == 0) {
         return RM_SUCCESS;
     }
+    endStaleCopy();
     rm_fileRemove(destination);
     if (rm_fileRename(source, destination) == RM_SUCCESS) {
         return RM_SUCCESS;

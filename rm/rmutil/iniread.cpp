@@ -11,7 +11,7 @@
 //
 // Names are compared without regard to case.
 //
-// Owns: the streams of a call, so that one that a fatal error leaves open is closed by the next.
+// Owns: nothing. The streams of a call are noted in ownfiles.cpp.
 //
 // Locks: those of a managed file. A file that is missing while it is rewritten is waited for.
 //
@@ -45,15 +45,6 @@ struct Answer {
 
     std::size_t capacity() const { return size > 1 ? static_cast<std::size_t>(size) - 1 : 0; }
 };
-
-// A stream of a call. The handle is kept beside it: a host may release tag 0, and the record with
-// it, while the file stays open.
-struct OpenIni {
-    FileStream* stream;  // null when there is none
-    FileHandle handle;   // RM_NONE when there is none
-};
-
-OpenIni openInis[2] = {{nullptr, RM_NONE}, {nullptr, RM_NONE}};  // by IniStream
 
 // A bounded copy that fills all `size` bytes: what the text leaves of them is zeros.
 void copyBounded(char* to, std::string_view text, std::size_t size)
@@ -179,65 +170,18 @@ int16_t answerValue(LineContext* lines, const char* section, const char* key, co
 // A file that was not there a moment ago may be there now, and gone again: see isThere.
 FileStream* openForReading(const char* path)
 {
-    FileStream* stream = openIni(kIniRead, path, "r");
+    FileStream* stream = openOwnStream(kIniRead, path, "r");
     for (int tries = 0; stream == nullptr && tries < kTries && isThere(path); ++tries) {
-        stream = openIni(kIniRead, path, "r");
+        stream = openOwnStream(kIniRead, path, "r");
     }
     return stream;
 }
 }  // namespace
 
-// The lock of the file table is held until the stream is where the next call finds it, so that no
-// step that may not return comes in between.
-FileStream* rmutil::openIni(IniStream which, const char* path, const char* mode)
-{
-    OpenIni* open = &openInis[which];
-    file::enterFileSem("fileSem timeout in rm_fileOpen");
-    open->stream = rm_fileStreamOpen(path, mode);
-    open->handle = open->stream != nullptr ? open->stream->handle : int16_t{RM_NONE};
-    file::leaveFileSem();
-    return open->stream;
-}
-
-void rmutil::closeIni(IniStream which)
-{
-    OpenIni* open = &openInis[which];
-    if (open->stream == nullptr && open->handle == RM_NONE) {
-        return;
-    }
-    file::enterFileSem("fileSem timeout in rm_fileClose");
-    const OpenIni closed = *open;
-    *open = {nullptr, RM_NONE};
-    if (closed.stream != nullptr) {
-        closed.stream->pending = 0;  // of a copy that nobody finished
-        rm_fileStreamClose(closed.stream);
-    } else {
-        rm_fileClose(closed.handle);
-    }
-    file::leaveFileSem();
-}
-
 void rmutil::closeStaleInis()
 {
-    closeIni(kIniRead);
-    closeIni(kIniCopy);
-}
-
-void rmutil::forgetIniStreams()
-{
-    for (OpenIni& open : openInis) {
-        open.stream = nullptr;
-    }
-}
-
-void rmutil::forgetIniHandles()
-{
-    for (OpenIni& open : openInis) {
-        open.handle = RM_NONE;
-        if (open.stream != nullptr) {
-            open.stream->handle = RM_NONE;
-        }
-    }
+    closeOwn(kIniRead);
+    closeOwn(kIniCopy);
 }
 
 char* rmutil::defaultIniPath()
@@ -285,7 +229,7 @@ int16_t rm_iniGetPrivate(const char* section, const char* key, char* buffer, int
                                ? answerList(&lines, section, answer)
                                : answerValue(&lines, section, key, answer);
     rm_freeMemory(lines.buffer, 0);
-    closeIni(kIniRead);
+    closeOwn(kIniRead);
     return result;
 }
 

@@ -4,8 +4,8 @@
 // killed in the middle leaves the old file or the new one and never a part of either:
 //
 //   1. lock "_temp_.ini"           processes that rewrite files of one directory take turns
-//   2. copy into it, with the change, and with the permissions of the old file
-//   3. bring that to the disk      a failure in 2 or 3: it is removed, the old file stands
+//   2. copy into it, with the change; then give it the permissions of the old file
+//   3. bring both to the disk      a failure in 2 or 3: it is removed, the old file stands
 //   4. remove the old file         a failure: both stand
 //   5. rename the temporary file   a failure, or an end between 4 and 5: the new content stands
 //                                  whole in "_temp_.ini", and the path is absent
@@ -150,7 +150,7 @@ FileStream* openCopy(const char* tempPath)
     os::keepToOwner(rewriteLock);
     // One that is empty already is not emptied again: file systems take that for the beginning of
     // a replacement, and write all of it to the disk when it is closed.
-    return openIni(kIniCopy, tempPath, os::isEmptyFile(rewriteLock) ? "r+" : "w");
+    return openOwnStream(kIniCopy, tempPath, os::isEmptyFile(rewriteLock) ? "r+" : "w");
 }
 
 // The copy takes the place of the file. Not when it has gone: the old file is all there is then.
@@ -170,18 +170,19 @@ int16_t rewrite(const Change& change, const char* path, const char* directory, c
     if (!os::isPlainFile(path) || os::leadsTo(path, rewriteLock)) {
         return RM_CANNOT_OPEN;
     }
-    FileStream* in = openIni(kIniRead, path, "r");
+    FileStream* in = openOwnStream(kIniRead, path, "r");
     FileStream* out = in != nullptr ? openCopy(tempPath) : nullptr;
     if (out == nullptr) {
-        closeIni(kIniRead);
+        closeOwn(kIniRead);
         return RM_CANNOT_OPEN;
     }
-    bool good = copyWith(change, in, out);
+    const bool complete = copyWith(change, in, out);
+    closeOwn(kIniRead);
+    closeOwn(kIniCopy);
+    // Through the lock's descriptor: with the permissions of the old file a copy that was parked
+    // could not be opened again, and what takes the place of that file is what is locked.
     os::copyPermissions(path, rewriteLock);
-    good = good && file::bringToDisk(out->handle) == RM_SUCCESS;
-    closeIni(kIniRead);
-    closeIni(kIniCopy);
-    if (!good) {
+    if (!complete || os::bringToDisk(rewriteLock) != RM_SUCCESS) {
         removeCopy(tempPath);
         return RM_RENAME_FAILED;
     }

@@ -5,6 +5,7 @@
 //   calllog.cpp     allocation calls that say where they were made from
 //   localenv.cpp    settings of this process that override its environment
 //   textstream.cpp  lines of managed files
+//   ownfiles.cpp    files of calls in progress, closed when those did not come back
 //   iniread.cpp     INI files: sections, entries and values
 //   iniwrite.cpp    INI files: rewriting one through a temporary file
 #ifndef RM_RMUTIL_RMUTIL_H
@@ -116,6 +117,26 @@ void putLine(FileStream* stream, std::span<const std::string_view> pieces);
 // Writes what is pending. False when the stream has failed, now or before.
 bool flushStream(FileStream* stream);
 
+// --- ownfiles.cpp
+
+enum OwnFile { kIniRead, kIniCopy, kCopyFrom, kCopyTo };
+
+// Opens a file for a call, and notes it until it is closed. Null or RM_NONE when it cannot be
+// opened. A handle without a stream may not be 0.
+FileStream* openOwnStream(OwnFile which, const char* path, const char* mode);
+FileHandle openOwn(OwnFile which, const char* path, uint32_t openFlags, uint32_t initialSize,
+                   uint32_t growIncrement);
+
+// Closes the file, if there is one; what is pending in its stream is not written.
+void closeOwn(OwnFile which);
+
+// Forgets the streams' records, or the handles: the memory, or the file table, is about to go.
+void forgetOwnStreams();
+void forgetOwnHandles();
+
+// Forgets the handles that are free by now, when the frames that used them are abandoned.
+void forgetGoneHandles();
+
 // --- iniread.cpp
 
 constexpr char kIniComment = ';';
@@ -128,17 +149,8 @@ bool isHeaderOf(std::string_view line, const char* section);
 // True when both are the same text but for the case of ASCII letters.
 bool equalsFolded(std::string_view text, const char* other);
 
-enum IniStream { kIniRead, kIniCopy };
-
-// The streams of a call in progress. Those that a fatal error has left open are closed by
-// closeStaleInis in the next call: the process could not replace their files otherwise.
-FileStream* openIni(IniStream which, const char* path, const char* mode);
-void closeIni(IniStream which);
+// Closes the streams that a fatal error has left open.
 void closeStaleInis();
-
-// Forgets the streams' records, or their handles: the memory, or the file table, is about to go.
-void forgetIniStreams();
-void forgetIniHandles();
 
 // The path of the file that rm_iniGet and rm_iniSet use, made anew for each call; tag 0.
 char* defaultIniPath();

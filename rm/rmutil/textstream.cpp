@@ -14,7 +14,8 @@
 //
 // Owns: nothing; a stream belongs to who opened it, under tag 0.
 //
-// Invariant: `cursor` is 0 to 512.
+// Invariant: `cursor` is 0 to 512. Between two puts it is `pending`, unless the first one did not
+// come back.
 //
 // Locks: those of the managed file. Fatal: no memory, and what the managed file ends.
 #include "rm/file/file.h"
@@ -347,6 +348,9 @@ void rmutil::finishLines(LineContext* context)
 
 void rmutil::putLine(FileStream* stream, std::span<const std::string_view> pieces)
 {
+    // Behind the last line that is whole: a put that did not come back may have left a part of its
+    // own.
+    stream->cursor = stream->pending;
     for (const std::string_view piece : pieces) {
         append(stream, piece);
     }

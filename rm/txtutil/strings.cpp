@@ -12,6 +12,7 @@
 #include "rm/rmsrv/rmsrv.h"
 #include "rm/txtutil/txtutil.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <limits>
@@ -86,6 +87,25 @@ std::size_t dropLine(FILE* stream)
         }
     }
     return dropped;
+}
+
+// As fgets, but without a terminator, and tells how many bytes it has read: the line may hold zero
+// bytes, so that nothing in the buffer shows its end. 0 at the end of the stream and on an error.
+std::size_t readLine(char* buffer, std::size_t most, FILE* stream)
+{
+    std::size_t count = 0;
+    int c = 0;
+    flockfile(stream);  // for the whole line: threads that read one stream do not mix theirs
+    while (count < most && c != '\n' && c != EOF) {
+        c = getc_unlocked(stream);
+        if (c != EOF) {
+            buffer[count++] = static_cast<char>(c);
+        }
+    }
+    // Bytes that are not there yet, of a stream that does not wait for them, are no error.
+    const bool failed = c == EOF && feof_unlocked(stream) == 0 && errno != EAGAIN;
+    funlockfile(stream);
+    return failed ? 0 : count;
 }
 }  // namespace
 
@@ -238,19 +258,16 @@ char* FgetsTrim(char* buffer, int16_t size, FILE* stream)
         }
         return dropLine(stream) == 0 ? nullptr : buffer;
     }
-    // fgets does not say how much it read, and the line may hold zero bytes: in a buffer full of
-    // newlines the first one with a terminator behind it is the line's own.
-    const auto room = static_cast<std::size_t>(size);
-    std::memset(buffer, '\n', room);
-    if (fgets(buffer, size, stream) == nullptr) {
+    std::size_t length = readLine(buffer, static_cast<std::size_t>(size) - 1, stream);
+    if (length == 0) {
         *buffer = '\0';
         return nullptr;
     }
-    auto* newline = static_cast<char*>(std::memchr(buffer, '\n', room - 1));
-    if (newline != nullptr && newline[1] == '\0') {
-        *newline = '\0';
+    if (buffer[length - 1] == '\n') {
+        --length;
     } else {
         dropLine(stream);
     }
+    buffer[length] = '\0';
     return buffer;
 }

@@ -5,6 +5,7 @@
 #include "tests/rmutil/copy_case.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 using namespace copytest;
 
@@ -222,6 +223,25 @@ TEST_F(CopyFault, OfAWriteEndsTheCopyWhereTheSourceEndedThen)
     EXPECT_EQ(readFile("dst"), block('b') + block('c'));
 }
 
+// What has no length is read to its end all the same.
+TEST_F(CopyFault, OfOneWriteFromAPipeLosesOneStep)
+{
+    std::filesystem::remove("src");
+    ASSERT_EQ(mkfifo("src", 0600), 0);
+    rmtest::Peer peer([](rmtest::Peer::Channel&) {
+        const int pipe = ::open("src", O_WRONLY | O_CLOEXEC);
+        for (const char letter : {'a', 'b', 'c', 'd'}) {
+            EXPECT_EQ(::write(pipe, block(letter).data(), kStep), static_cast<ssize_t>(kStep));
+        }
+        close(pipe);
+    });
+    const ScopedFault fault(failing(Call::kWrite, EIO, 1));
+    EXPECT_THAT(linesOf([] { EXPECT_EQ(rm_fileCopy("src", "dst"), RM_SUCCESS); }),
+                ElementsAre(cannotWrite(EIO)));
+    EXPECT_EQ(peer.wait().status, 0);
+    EXPECT_EQ(readFile("dst"), block('a') + block('c') + block('d'));
+}
+
 // --- No memory, and no lock: fatal
 
 class CopyFatal : public CopyFault
@@ -280,6 +300,137 @@ TEST_F(CopyFatal, KeepsTheSourceOfAMove)
     const FatalEnd end = fatalEnd([] { rm_fileMove("src", "dst"); });
     expectTimeout(end, "fileSem timeout in rm_fileSync");
     EXPECT_EQ(readFile("src").size(), 3 * kStep);
+}
+
+// --- What a fatal end leaves open
+
+class CopyLeft : public CopyFatal
+{
+  protected:
+    // A copy that ends before its second read: both files are open, and the buffer is there.
+    static void abandonACopy()
+    {
+        rmtest::Fault late = timeout(fileSem);
+        late.skip = 4;
+        const ScopedFault fault(late);
+        EXPECT_TRUE(fatalEnd([] { rm_fileCopy("src", "dst"); }).jumped);
+        EXPECT_EQ(fault.hits(), 1);
+    }
+
+    // Opens as many files as were left and one more, copies, and looks whether they are still
+    // there.
+    static void expectFilesOfTheHostStay()
+    {
+        std::vector<int16_t> handles;
+        for (const char* name : {"h0", "h1", "h2"}) {
+            handles.push_back(openNew(name));
+        }
+        EXPECT_EQ(rm_fileCopy("src", "dst"), RM_SUCCESS);
+        EXPECT_EQ(readFile("dst").size(), 3 * kStep);
+        for (const int16_t handle : handles) {
+            EXPECT_EQ(write(handle, "x"), 1U) << "handle " << handle;
+        }
+    }
+};
+
+TEST_F(CopyLeft, IsClosedByTheNextCopy)
+{
+    const uint32_t memory = rm_memused();
+    abandonACopy();
+    EXPECT_EQ(file::nHandles, 3);
+    EXPECT_GT(rm_memused(), memory + kStep);
+    EXPECT_THAT(linesOf([] { EXPECT_EQ(rm_fileCopy("src", "dst"), RM_SUCCESS); }), IsEmpty());
+    EXPECT_EQ(readFile("dst"), block('a') + block('b') + block('c'));
+    EXPECT_EQ(file::nHandles, 1);
+    EXPECT_EQ(rm_memused(), memory);
+}
+
+TEST_F(CopyLeft, IsClosedByTheNextMove)
+{
+    abandonACopy();
+    const ScopedFault refused({.call = Call::kRename, .error = EXDEV, .times = kForever});
+    EXPECT_THAT(linesOf([] { EXPECT_EQ(rm_fileMove("src", "dst"), RM_SUCCESS); }), IsEmpty());
+    EXPECT_EQ(readFile("dst"), block('a') + block('b') + block('c'));
+    EXPECT_FALSE(isThere("src"));
+    EXPECT_EQ(file::nHandles, 1);
+}
+
+TEST_F(CopyLeft, OfAnOpeningIsClosedByTheNextCopy)
+{
+    rmtest::Fault late = timeout(fileSem);
+    late.skip = 1;
+    {
+        const ScopedFault fault(late);
+        EXPECT_TRUE(fatalEnd([] { rm_fileCopy("src", "dst"); }).jumped);
+    }
+    EXPECT_EQ(file::nHandles, 2);
+    EXPECT_EQ(rm_fileCopy("src", "dst"), RM_SUCCESS);
+    EXPECT_EQ(file::nHandles, 1);
+}
+
+TEST_F(CopyLeft, GoesWithAllMemory)
+{
+    abandonACopy();
+    rm_freeall();
+    expectFilesOfTheHostStay();
+}
+
+TEST_F(CopyLeft, GoesWithTheTableOfTheFiles)
+{
+    abandonACopy();
+    rm_freeTagMemory(file::fileTag, 0);
+    expectFilesOfTheHostStay();
+}
+
+TEST_F(CopyLeft, GoesWithTheEndOfTheServer)
+{
+    abandonACopy();
+    rmtest::catchExit([] { rm_exit(0); });
+    expectFilesOfTheHostStay();
+}
+
+// The block is the host's by now, and the handles are closed all the same.
+TEST_F(CopyLeft, HasNoBufferAfterTheReleaseOfItsTag)
+{
+    abandonACopy();
+    rm_freeTagMemory(0, 0);
+    std::vector<void*> blocks;
+    for (int n = 0; n < 20; ++n) {
+        blocks.push_back(rm_getMemory(kStep, 0));
+    }
+    EXPECT_EQ(rm_fileCopy("src", "dst"), RM_SUCCESS);
+    EXPECT_EQ(file::nHandles, 1);
+    EXPECT_THAT(linesOf([&blocks] {
+                    for (void* block : blocks) {
+                        rm_freeMemory(block, 0);
+                    }
+                }),
+                IsEmpty())
+        << "one was freed with the copy";
+}
+
+// The source vanishes when it is reopened, and the copy ends fatally behind that.
+TEST_F(CopyLeft, IsNoHandleThatVanishedBefore)
+{
+    fileHandleLimit = 1;
+    {
+        const OnceOpen once([] { std::filesystem::rename("src", "away"); });
+        bool gone = false;
+        const Spy watch(Call::kOpen, [&gone](const CallRecord& call) {
+            gone |= call.path() == "src" && !isThere("src");
+        });
+        const ScopedFault fault({.call = Call::kSemtimedop,
+                                 .error = EAGAIN,
+                                 .when = [&gone](const CallRecord&) { return gone; }});
+        EXPECT_TRUE(fatalEnd([] { rm_fileCopy("src", "dst"); }).jumped);
+        EXPECT_EQ(fault.hits(), 1);
+    }
+    fileHandleLimit = 32;
+    std::filesystem::rename("away", "src");
+    EXPECT_EQ(openNew("host"), kFrom);
+    EXPECT_EQ(rm_fileCopy("src", "dst"), RM_SUCCESS);
+    EXPECT_EQ(write(kFrom, "x"), 1U);
+    EXPECT_EQ(readFile("host"), "x");
 }
 
 // --- Every call of every scenario, with every error

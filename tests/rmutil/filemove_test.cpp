@@ -242,15 +242,16 @@ TEST_F(FileMoveAcross, IsDoneAlsoWhenTheDirectoryCannotBeSynced)
     EXPECT_FALSE(isThere("src"));
 }
 
-TEST_F(FileMoveAcross, SyncsADestinationThatIsParkedByThen)
+// Under another descriptor than the one that has made it, it could be another file.
+TEST_F(FileMoveAcross, NeverParksItsDestination)
 {
     fileHandleLimit = 1;
     writeFile("src", pattern(2 * kStep));
     resetCalls();
     EXPECT_EQ(rm_fileMove("src", "dst"), RM_SUCCESS);
-    const Lines calls = pathCalls({Call::kOpen, Call::kRead, Call::kFsync, Call::kRemove});
-    const std::vector<std::string> last(calls.end() - 5, calls.end());
-    EXPECT_THAT(last, ElementsAre("open dst", "fsync", "open .", "fsync", "remove src"));
+    EXPECT_THAT(pathCalls({Call::kOpen, Call::kRead, Call::kWrite, Call::kFsync}),
+                ElementsAre("open src", "open dst", "open src", "read", "write", "read", "write",
+                            "read", "fsync", "open .", "fsync"));
     EXPECT_EQ(readFile("dst"), pattern(2 * kStep));
     EXPECT_FALSE(isThere("src"));
 }
@@ -520,32 +521,44 @@ TEST_F(FileMoveIncomplete, WhoseSourceVanishesMeanwhileFails)
 {
     fileHandleLimit = 1;
     writeFile("src", block('a') + block('b'));
-    const ScopedFault fault({.call = Call::kWrite, .action = [](const CallRecord& call) {
-                                 std::filesystem::remove("src");
-                                 return passThrough(call);
-                             }});
+    const OnceOpen once([] { std::filesystem::remove("src"); });
     EXPECT_THAT(linesOf([] { EXPECT_EQ(rm_fileMove("src", "dst"), -1018); }),
                 ElementsAre("WARNING: failed file reopen in rm_fileRead(1)", cannotRead(EBADF),
                             "rm_fileClose: invalid handle 1"));
-    EXPECT_EQ(readFile("dst"), block('a'));
+    EXPECT_EQ(readFile("dst"), "");
 }
 
-// Handle 2 is not there for the sync: nothing says that the bytes have arrived.
+// Another process removes the destination: the bytes and the sync go where no path leads.
 TEST_F(FileMoveIncomplete, WhoseDestinationIsGoneBeforeTheSyncKeepsTheSource)
 {
-    fileHandleLimit = 1;
-    writeFile("src", "text");
-    int opens = 0;
-    const ScopedFault fault(
-        {.call = Call::kOpen, .error = EMFILE, .when = [&](const CallRecord& call) {
-             opens += call.path() == "dst" ? 1 : 0;
-             return call.path() == "dst" && opens == 3;
-         }});
-    EXPECT_THAT(linesOf([] { EXPECT_EQ(rm_fileMove("src", "dst"), -1018); }),
-                ElementsAre("WARNING: failed file reopen in rm_fileSync(2)",
-                            "rm_fileClose: invalid handle 2"));
-    EXPECT_EQ(fault.hits(), 1);
-    EXPECT_EQ(readFile("src"), "text");
+    for (const int16_t limit : {int16_t{32}, int16_t{1}}) {
+        for (const Call moment : {Call::kRead, Call::kWrite, Call::kFsync}) {
+            fileHandleLimit = limit;
+            writeFile("src", pattern(3 * kStep));
+            const Spy remover(moment, [](const CallRecord&) { std::filesystem::remove("dst"); });
+            EXPECT_THAT(linesOf([] { EXPECT_EQ(rm_fileMove("src", "dst"), -1018); }), IsEmpty());
+            EXPECT_GT(remover.seen(), 0);
+            EXPECT_TRUE(isThere("src")) << "the file is lost";
+            EXPECT_FALSE(isThere("dst"));
+        }
+    }
+}
+
+// The file that takes its place is also a file of as many bytes.
+TEST_F(FileMoveIncomplete, WhoseDestinationIsAnotherFileByThenKeepsTheSource)
+{
+    for (const int16_t limit : {int16_t{32}, int16_t{1}}) {
+        fileHandleLimit = limit;
+        writeFile("src", block('a') + block('b'));
+        const Spy replacer(Call::kFsync, [](const CallRecord&) {
+            std::filesystem::remove("dst");
+            writeFile("dst", block('x') + block('y'));
+        });
+        EXPECT_THAT(linesOf([] { EXPECT_EQ(rm_fileMove("src", "dst"), -1018); }), IsEmpty());
+        EXPECT_EQ(replacer.seen(), 1);
+        EXPECT_EQ(readFile("src"), block('a') + block('b'));
+        EXPECT_EQ(readFile("dst"), block('x') + block('y'));
+    }
 }
 
 // --- Really between two file systems, where the machine has them at these places

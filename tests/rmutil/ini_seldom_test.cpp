@@ -47,6 +47,8 @@ TEST_F(IniHalfValue, ThatIsReadInStepsIsNotGiven)
 
 // --- The table of the files goes while a stream is open
 
+constexpr const char* kLog = "log";
+
 class IniStreamLeftOpen : public IniTest
 {
   protected:
@@ -80,6 +82,39 @@ class IniStreamLeftOpen : public IniTest
         lineLeft_ = before + kLine;
     }
 
+    // A change with one descriptor, whose file has gone when it is opened to be read. The handle
+    // of that file, 0, vanishes; the one of the copy is 1. Then the change ends fatally: the lock
+    // of its next step fails, or the log file cannot take the line that tells it.
+    static void changeInVain(bool withLog)
+    {
+        fileSem = rm_syncCreate("fileSem");
+        fileHandleLimit = 1;
+        captureStderr([withLog] {
+            int opens = 0;
+            const ScopedFault vanish({.call = Call::kOpen,
+                                      .error = ENOENT,
+                                      .when = [&opens](const rmtest::CallRecord& call) {
+                                          opens += call.path() == kFile ? 1 : 0;
+                                          return call.path() == kFile && opens == 2;
+                                      }});
+            const ScopedFault late({.call = Call::kSemtimedop,
+                                    .error = EINVAL,
+                                    .when = [&opens](const auto&) { return opens == 2; }});
+            const ScopedFault full({.call = Call::kOpen,
+                                    .error = EMFILE,
+                                    .times = kForever,
+                                    .when = [&opens, withLog](const rmtest::CallRecord& call) {
+                                        return withLog && opens == 2 && call.path() == kLog;
+                                    }});
+            EXPECT_EQ(catchFatal([] { set("a", "k", "2"); }), 1);
+            EXPECT_EQ(vanish.hits(), 1);
+            EXPECT_EQ(withLog ? late.hits() : full.hits(), 0);
+        });
+        rm_syncTerminate();
+        fileSem = RM_NULL_SYNC;
+        fileHandleLimit = 32;
+    }
+
     // The line stays: the frames that knew of it are gone.
     void expectRecordGone()
     {
@@ -110,6 +145,38 @@ TEST_F(IniStreamLeftOpen, DoesNotTakeAFileAlongThatTheHostHasOpenedSince)
     EXPECT_EQ(rm_fileWrite(0, "x", 1), 1U);
     rm_fileClose(0);
     EXPECT_EQ(readFile("host"), "x");
+}
+
+TEST_F(IniStreamLeftOpen, IsForgottenWhenItsHandleHasVanished)
+{
+    writeFile(kFile, "[a]\nk=1\n");
+    changeInVain(false);
+    const int16_t handle = rm_fileOpen("host", RM_O_RDWR | RM_O_CREAT, 0, 0, 0);
+    EXPECT_EQ(handle, 0);
+    rm_freeTagMemory(0, 0);
+    EXPECT_EQ(value("a", "k"), "1");
+    EXPECT_EQ(rm_fileWrite(handle, "x", 1), 1U);
+    rm_fileClose(handle);
+    EXPECT_EQ(readFile("host"), "x");
+    keepMemory();
+}
+
+// The stream does not know yet: the call ends within the step in which the handle vanishes.
+TEST_F(IniStreamLeftOpen, IsForgottenWhenItsHandleVanishesInTheStepThatEndsTheCall)
+{
+    writeFile(kFile, "[a]\nk=1\n");
+    sysfile = rm_fileOpen(kLog, RM_O_WRONLY | RM_O_CREAT, FILE_FATAL | FILE_STREAM, 0, 0);
+    rm_systemLog(2);
+    changeInVain(true);
+    const int16_t handle = rm_fileOpen("host", RM_O_RDWR | RM_O_CREAT, 0, 0, 0);
+    EXPECT_EQ(handle, 1);
+    EXPECT_EQ(value("a", "k"), "1");
+    EXPECT_EQ(rm_fileWrite(handle, "x", 1), 1U);
+    rm_fileClose(handle);
+    EXPECT_EQ(readFile("host"), "x");
+    rm_systemLogClose();
+    rm_systemLog(0);
+    keepMemory();
 }
 
 // Without anybody else's file the record of the stream goes with the next question.

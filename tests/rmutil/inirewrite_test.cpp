@@ -247,8 +247,23 @@ TEST_F(IniRewrite, BringsTheNewFileToTheDiskBeforeTheOldOneIsRemoved)
     EXPECT_THAT(calls, ElementsAre(Call::kWrite, Call::kFsync, Call::kFsync, Call::kRemove,
                                    Call::kRename, Call::kFsync))
         << "the file, its name, the other name";
-    const std::vector<CallRecord> transfers = callTrace({Call::kWrite, Call::kFsync});
-    EXPECT_EQ(transfers[1].args[0], transfers[0].args[0]) << "the file first";
+    const std::vector<CallRecord> locks = callTrace({Call::kFlock});
+    ASSERT_EQ(locks.size(), 1U);
+    EXPECT_EQ(callTrace({Call::kFsync})[0].args[0], locks[0].args[0]) << "the file first";
+}
+
+// A crash must not leave the new file with the permissions of the copy.
+TEST_F(IniRewrite, BringsItsPermissionsToTheDiskWithIt)
+{
+    fileCommit = -1;
+    rmtest::resetCalls();
+    EXPECT_EQ(set("a", "k", "2"), RM_SUCCESS);
+    std::vector<Call> calls;
+    for (const CallRecord& call : callTrace({Call::kFchmod, Call::kWrite, Call::kFsync})) {
+        calls.push_back(call.call);
+    }
+    calls.resize(4);
+    EXPECT_THAT(calls, ElementsAre(Call::kFchmod, Call::kWrite, Call::kFchmod, Call::kFsync));
 }
 
 TEST_F(IniRewrite, DoesNotSyncWhenTheHostHasSwitchedThatOff)
@@ -299,6 +314,40 @@ TEST_F(IniRewrite, WorksWhenOtherFilesMustBeParkedForIt)
     for (int16_t handle = 0; handle < 5; ++handle) {
         rm_fileClose(handle);
     }
+}
+
+TEST_F(IniRewrite, WorksWithOneDescriptor)
+{
+    fileHandleLimit = 1;
+    fileCommit = -1;
+    const std::string comments = ";" + std::string(2000, 'x') + "\n";
+    writeFile(kFile, comments + kText);
+    EXPECT_EQ(set("a", "k", "2"), RM_SUCCESS);
+    EXPECT_EQ(readFile(kFile), comments + kChanged);
+    EXPECT_EQ(set("b", "k", "1"), RM_SUCCESS);
+    EXPECT_EQ(readFile(kFile), comments + kChanged + "\n[b]\nk=1\n");
+    EXPECT_EQ(set("b", nullptr, nullptr), RM_SUCCESS);
+    EXPECT_EQ(readFile(kFile), comments + kChanged + "\n");
+    EXPECT_EQ(namesIn("."), (std::set<std::string>{kFile}));
+}
+
+// The copy is parked when it gets permissions with which it could not be opened again.
+TEST_F(IniRewrite, WorksWithOneDescriptorForAFileThatMayNotBeWritten)
+{
+    chmod(kFile, 0444);
+    chmod(".", 0777);
+    runChild([] {
+        if (geteuid() == 0) {
+            ASSERT_EQ(setgid(kNobody), 0);
+            ASSERT_EQ(setuid(kNobody), 0);
+        }
+        fileHandleLimit = 1;
+        EXPECT_EQ(rmtest::captureStderr([] { EXPECT_EQ(set("a", nullptr, nullptr), RM_SUCCESS); }),
+                  "");
+    });
+    EXPECT_EQ(readFile(kFile), "");
+    EXPECT_EQ(modeOf(kFile) & 0222U, 0U);
+    EXPECT_EQ(namesIn("."), (std::set<std::string>{kFile}));
 }
 
 // --- A file that this process has open

@@ -539,6 +539,45 @@ TEST_F(StreamLockFault, ATimeOutOfAWriteIsFatalAndNothingIsLost)
     EXPECT_EQ(readFile(kPath), "one\n");
 }
 
+// Of the line that was being put nothing is left, and the lines around it are whole.
+TEST_F(StreamLockFault, ATimeOutInTheMiddleOfALineIsFatalAndLosesThatLineOnly)
+{
+    const std::string line = letters(600);  // what the jump passes by needs no destructor
+    FileStream* stream = writing();
+    puts(stream, "one");
+    const Outcome outcome =
+        under(timeout(fileSem), [&] { rm_fileStreamPuts(stream, line.c_str()); });
+    EXPECT_TRUE(outcome.jumped);
+    EXPECT_EQ(outcome.lines, timedOut("fileSem timeout in rm_fileWrite"));
+    puts(stream, "two");
+    rm_fileStreamClose(stream);
+    EXPECT_EQ(readFile(kPath), "one\ntwo\n");
+}
+
+TEST_F(StreamLockFault, ATimeOutBehindABlockOfALineLeavesThatBlock)
+{
+    const std::string line = letters(1500);
+    FileStream* stream = writing();
+    puts(stream, "one");
+    Fault late = timeout(fileSem);
+    late.skip = 1;
+    EXPECT_TRUE(under(late, [&] { rm_fileStreamPuts(stream, line.c_str()); }).jumped);
+    puts(stream, "two");
+    rm_fileStreamClose(stream);
+    EXPECT_EQ(readFile(kPath), "one\n" + letters(508) + "two\n");
+}
+
+TEST_F(StreamLockFault, ATimeOutInTheMiddleOfALineThatIsReadLosesItsBeginning)
+{
+    FileStream* stream = reading(lineOf(600) + "next\n");
+    char buffer[1000];
+    Fault late = timeout(fileSem);
+    late.skip = 1;
+    EXPECT_TRUE(under(late, [&] { rm_fileStreamGets(stream, buffer, sizeof(buffer)); }).jumped);
+    EXPECT_THAT(allLines(stream, 1000), ElementsAre(lineOf(600).substr(512), "next\n"));
+    rm_fileStreamClose(stream);
+}
+
 TEST_F(StreamLockFault, ATimeOutOfAnOpenIsFatalAndLeavesNoHandle)
 {
     rm_fileStreamClose(writing());

@@ -11,6 +11,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -76,7 +77,7 @@ class Source
   public:
     using Next = std::function<bool(std::string* bytes)>;
 
-    explicit Source(Next next) : next_(std::move(next))
+    explicit Source(Next next, int error = EIO) : next_(std::move(next)), error_(error)
     {
         cookie_io_functions_t functions = {};
         functions.read = [](void* source, char* buffer, std::size_t size) {
@@ -96,7 +97,7 @@ class Source
     ssize_t give(char* buffer, std::size_t size)
     {
         if (left_.empty() && !next_(&left_)) {
-            errno = EIO;
+            errno = error_;
             return -1;
         }
         const std::size_t given = left_.copy(buffer, size);
@@ -105,6 +106,7 @@ class Source
     }
 
     Next next_;
+    int error_;         // of a read that fails
     std::string left_;  // of what the function gave
     std::FILE* stream_;
 };
@@ -294,6 +296,55 @@ TEST_F(LineInput, ThatFailsBehindWhatFitsGivesTheCutLine)
     EXPECT_STREQ(FgetsTrim(buffer, 5, input.stream()), "abcd");
     EXPECT_EQ(FgetsTrim(buffer, 5, input.stream()), nullptr);
     EXPECT_STREQ(buffer, "");
+}
+
+// Of a terminal that is not waited for.
+TEST_F(LineInput, ThatHasNoMoreForNowGivesWhatThereIs)
+{
+    const Source input(piecesThenAnError({"one\n", "tw"}), EAGAIN);
+    char buffer[10];
+    EXPECT_STREQ(FgetsTrim(buffer, 10, input.stream()), "one");
+    EXPECT_STREQ(FgetsTrim(buffer, 10, input.stream()), "tw");
+    EXPECT_EQ(FgetsTrim(buffer, 10, input.stream()), nullptr);
+    EXPECT_STREQ(buffer, "");
+}
+
+TEST_F(LineInput, ThatHasFailedBeforeIsReadToItsEnd)
+{
+    int reads = 0;
+    const Source input([&reads](std::string* bytes) {
+        *bytes = reads == 1 ? "last" : "";  // no bytes are the end
+        return reads++ > 0;
+    });
+    char buffer[10];
+    EXPECT_EQ(FgetsTrim(buffer, 10, input.stream()), nullptr);
+    EXPECT_STREQ(FgetsTrim(buffer, 10, input.stream()), "last");
+    EXPECT_NE(std::ferror(input.stream()), 0) << "of the first read";
+    EXPECT_EQ(FgetsTrim(buffer, 10, input.stream()), nullptr);
+}
+
+TEST_F(LineInput, IsNobodyElsesUntilTheLineIsRead)
+{
+    std::FILE* stream = nullptr;
+    int refusals = 0;
+    const auto tryFromAnotherThread = [&] {
+        if (ftrylockfile(stream) != 0) {
+            ++refusals;
+        } else {
+            funlockfile(stream);
+        }
+    };
+    const Source input([&](std::string* bytes) {
+        std::thread(tryFromAnotherThread).join();
+        *bytes = "line\n";
+        return true;
+    });
+    stream = input.stream();
+    char buffer[10];
+    EXPECT_STREQ(FgetsTrim(buffer, 10, stream), "line");
+    EXPECT_EQ(refusals, 1);
+    std::thread(tryFromAnotherThread).join();
+    EXPECT_EQ(refusals, 1) << "it is free again";
 }
 
 TEST_F(LineInput, OfTwoStreamsIsKeptApart)

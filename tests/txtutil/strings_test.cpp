@@ -1217,6 +1217,26 @@ TEST_F(LineReading, AtTheEndOfTheFileTheBufferIsEmptyAndTheResultNull)
     EXPECT_TRUE(buffer.sound());
 }
 
+TEST_F(LineReading, AtTheEndOfTheFileTheRestOfTheBufferIsUntouched)
+{
+    Input input("");
+    GuardedBuffer buffer(8);
+    EXPECT_EQ(FgetsTrim(buffer.data(), 8, input.stream()), nullptr);
+    EXPECT_EQ(buffer.shown(), ".#######");
+    EXPECT_TRUE(buffer.sound());
+}
+
+TEST_F(LineReading, BehindTheTerminatorTheBufferIsUntouched)
+{
+    Input input("ab\ncdefgh\n\nij");
+    for (const char* expected : {"ab.####", "cdefgh.", ".######", "ij.####"}) {
+        GuardedBuffer buffer(7);
+        EXPECT_EQ(FgetsTrim(buffer.data(), 7, input.stream()), buffer.data());
+        EXPECT_EQ(buffer.shown(), expected);
+        EXPECT_TRUE(buffer.sound());
+    }
+}
+
 TEST_F(LineReading, AReadErrorGivesNullAndAnEmptyBuffer)
 {
     std::FILE* unreadable = std::fopen(".", "r");
