@@ -313,8 +313,8 @@ extern RM_API int16_t syslogon;
  * Set by rm_systemLogOpen(). A host may set it to a file of its own, opened with ::FILE_STREAM, and
  * hands that file over with it. It is closed, and this reset to -1, by rm_systemLogClose(), the
  * first rm_exit(), rm_freeall() and a failed growth; also when its handle is given up in another
- * way. After a fatal error out of writing a line into it the file is left alone until
- * rm_systemLogClose().
+ * way. After a fatal error out of writing a line into it that file is left alone until it is
+ * closed; another one that the host sets gets the lines.
  */
 extern RM_API int16_t sysfile;
 
@@ -1934,7 +1934,8 @@ RM_API uint32_t rm_fileSeek(int16_t handle, uint32_t offset);
  * @param format printf format
  * @param ... the arguments of the format
  * @return bytes written, the low 16 bits of the number; 0 for an invalid handle and when the write
- *         failed, which is neither logged nor fatal, whatever the mode
+ * failed, which is neither logged nor fatal, whatever the mode; what the system took before it
+ * refused the rest stays in the file
  * @fatal lock, syscall, mode; also for a file without a stream, and while no file at all is open
  * @locks #fileSem; #growSem when a reopened file is extended
  * @log "rm_filePrintf: invalid handle %d";
@@ -1947,7 +1948,8 @@ RM_API uint16_t rm_filePrintf(int16_t handle, const char* format, ...) RM_PRINTF
 /**
  * Writes where the handle stands, and moves it on. The file is extended by the write, never ahead
  * of it. A write that would end beyond 4 GiB - 1, where no position leads, fails with EFBIG and
- * writes nothing.
+ * writes nothing. On a device without offsets, and in a file opened with ::RM_O_APPEND, it is made,
+ * and the position goes round.
  *
  * @param handle file handle
  * @param buffer `length` bytes
@@ -1996,7 +1998,8 @@ RM_API uint32_t rm_fileSeekWrite(int16_t handle, uint32_t offset, const void* bu
 
 /**
  * Reads where the handle stands, and moves it on. A read that has bytes beyond 4 GiB - 1, where no
- * position leads, fails with EFBIG, and the handle stays where it is.
+ * position leads, fails with EFBIG, and the handle stays where it is. From a device without offsets
+ * all is read, and the position goes round.
  *
  * @param handle file handle
  * @param[out] buffer `length` bytes
@@ -2123,6 +2126,10 @@ RM_API void rm_fileCounts(uint32_t* open, uint32_t* parked, uint32_t* parkings, 
  * fails, and the source stays open as handle 0. What a process opens first and keeps open, such as
  * its log file, prevents it.
  *
+ * A fatal error in the middle leaves both files open until the next copy or move, which closes
+ * them. While a move copies, the destination keeps its descriptor: one more than #fileHandleLimit
+ * when nothing else can be parked.
+ *
  * @par Example
  * @include filecopy.c
  * @{
@@ -2134,8 +2141,8 @@ RM_API void rm_fileCounts(uint32_t* open, uint32_t* parked, uint32_t* parkings, 
  *
  * **Success does not mean that all bytes arrived**: failed reads and writes are in the log and
  * nowhere else. A read that fails ends the copy; after a write that fails it goes on, as far as the
- * source reached then, and the copy lacks those bytes. Who has to know compares lengths, or uses
- * rm_fileMove(), which does know.
+ * source reached then (a pipe, which has no length, to its end), and the copy lacks those bytes.
+ * Who has to know compares lengths, or uses rm_fileMove(), which does know.
  *
  * @param source path of the file; a directory is copied as an empty file
  * @param destination path of the copy; a file or an empty directory there is removed, unless a
@@ -2151,7 +2158,7 @@ RM_API int32_t rm_fileCopy(const char* source, const char* destination);
 /**
  * Moves a file: renames it, or, where that is not possible, as from one file system to another,
  * copies it and removes the source. The source is kept unless all its bytes have arrived and have
- * reached the disk.
+ * reached the disk, and the destination's path leads to them then.
  *
  * Close both files before: a handle on either may lose its file. Where the call has to copy, a
  * source that this process has open by the same path, or may not remove, stays, and the call
@@ -2161,9 +2168,9 @@ RM_API int32_t rm_fileCopy(const char* source, const char* destination);
  * @param source path of the file
  * @param destination its new path; a file there is removed first, or replaced by the renaming
  * @return 0, also when both paths are the same text: then nothing is done; ::RM_COPY_FAILED when it
- *         could be neither renamed nor copied whole. Then the source is still there, and at the
- *         destination may be a part of it. **Two spellings of one path lose the file**: as the
- *         destination it is removed first.
+ *         could be neither renamed nor copied whole, or when the copy was removed or replaced
+ * meanwhile. Then the source is still there, and at the destination may be a part of it. **Two
+ * spellings of one path lose the file**: as the destination it is removed first.
  * @fatal lock, memory, syscall
  * @locks #fileSem, when it copies
  * @log as rm_fileCopy() and rm_fileSync()
@@ -2237,7 +2244,8 @@ RM_API char* rm_fileStreamGets(FileStream* stream, char* buffer, int32_t size);
 
 /**
  * Writes a line: the text and a newline. A block reaches the file when the next byte comes, or with
- * rm_fileStreamClose().
+ * rm_fileStreamClose(). When a put ends fatally, the next one drops what of that line is still in
+ * the block; lines before it are kept.
  *
  * @param stream the stream; null writes nothing
  * @param text the line without its newline; null writes nothing
@@ -2567,12 +2575,14 @@ RM_API void rm_getEmList(uint16_t* emCount, const EmListEntry** emList, uint16_t
  *         released tag 0, the registry with it; ::RM_OUT_OF_MEMORY when the registry is full: the
  *         object stays loaded then. The first load gives it also when the linked-in modules do
  *         not fit, with nothing loaded: the next one goes on without the rest of them.
+ *         ::RM_INVALID when the registry's memory was written over and takes no further module:
+ *         the object stays loaded then
  * @fatal memory; whatever the module's entry point ends. **If that had registered a function, the
  *        module is in the registry then**: loading it again gives its handle, and finds only what
  *        it had registered.
  * @memory the registry's, under tag 0. A module that registers functions leaves some of it behind
  *         with every unload: 96 bytes for up to 3 functions, and a copy of its name.
- * @log as rm_OSemLoad(); as rm_getMemory()
+ * @log as rm_OSemLoad(); as bagAdd(), when the registry takes no further module
  */
 RM_API int16_t rm_emLoad(const char* path, int16_t* handle);
 
@@ -2608,9 +2618,11 @@ RM_API int16_t rm_emUnload(int16_t handle);
  * @param function name of the function, copied
  * @param address what rm_emGetFcnAddr() is to give
  * @return 0; ::RM_NOT_FOUND when there is no registry yet; ::RM_OUT_OF_MEMORY when the registry, or
- *         the list of the module's functions, is full
+ *         the list of the module's functions, is full; ::RM_INVALID when the registry's memory was
+ *         written over and takes no further module
  * @fatal memory
- * @log "Can't register function '%s' for unknown extension module '%s'" without a registry
+ * @log "Can't register function '%s' for unknown extension module '%s'" without a registry; as
+ *      bagAdd()
  */
 RM_API int16_t rm_emRegFcn(const char* module, const char* function, void* address);
 
@@ -2855,7 +2867,8 @@ RM_API int16_t bagFind(Bag* bag, const void* key, uint16_t* handle, void** point
  *
  * Whoever may attach the area may change it. What a process reads and writes stays within the
  * memory that it asked for when it created the bag, and within the element size of then; a bag that
- * leads out of that is refused.
+ * leads out of that is refused. That goes for every bag whose shared memory object the process has,
+ * and for the latest of the others, twenty together; any other is taken at its word.
  *
  * @par Example
  * @include ffbag.c
@@ -3150,7 +3163,7 @@ RM_API char* StrncpyZ(char* destination, const char* source, int n);
  * Reads a line without its newline. Of a line that does not fit, the rest is read and dropped.
  * Standard output is flushed first, so that a prompt is seen.
  *
- * @param[out] buffer `size` bytes
+ * @param[out] buffer `size` bytes; behind the terminator it stays as it is
  * @param size bytes of the buffer; a line of `size` - 1 bytes fits. With 1 the text is empty and
  *             the line is dropped; with 0 or less nothing is written at all.
  * @param stream an open stream
