@@ -93,6 +93,13 @@ inline FreeBlock firstFit(Chain* chain, uint32_t need, uint32_t from)
     }
 }
 
+// The map in a slot; null when that is empty. Where there is only one, the row of slots stands in
+// the map of a segment, which may have been written over.
+inline SegmentMap* mapInSlot(const Chain* chain, uint32_t slot)
+{
+    return chain->bounds.length == 1 ? chain->first : chain->slots[slot];
+}
+
 // Counts what does not hold; 0 is sound.
 uint32_t checkChain(const Chain* chain, const TagRecord* record);
 

@@ -356,6 +356,22 @@ SegmentMap* rmalloc::smallHolding(uintptr_t address)
     return holds ? map : nullptr;
 }
 
+Extent rmalloc::extentOf(const SegmentMap* map)
+{
+    const uintptr_t begin = beginOfSmall(map);
+    const Region* region = regionOf(pageTable, begin >> kRegionShift);
+    const bool small = region != nullptr && region->smalls != nullptr &&
+                       (*smallsOf(region, begin) & bitOf(unitOf(begin))) != 0;
+    if (!small) {
+        return {map->segment, map->units};  // its map stands elsewhere
+    }
+    // The bits say the units once more: the last block ends with the segment.
+    const uint64_t ends = stripsOf(map)->ends;
+    const bool whole =
+        map->segment == smallSegmentOf(map) && ends != 0 && lastBit(ends) == map->units;
+    return {smallSegmentOf(map), whole ? map->units : 0};
+}
+
 void rmalloc::trimPageTable()
 {
     std::free(sparePages);

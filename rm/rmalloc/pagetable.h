@@ -90,6 +90,15 @@ inline const Region* regionOf(const PageTable& table, uintptr_t number)
     return nullptr;
 }
 
+// Where a segment is and how far it reaches, for whoever reads it though it may be damaged.
+struct Extent {
+    Segment* segment;
+    uint32_t units;  // 0 when its map has been written over: nothing says how many there are
+};
+
+// Of a segment that the table has. What stands in its own header is not looked at.
+Extent extentOf(const SegmentMap* map);
+
 // The small segment in whose data area the address lies; null, also when its map is not intact.
 SegmentMap* smallHolding(uintptr_t address);
 

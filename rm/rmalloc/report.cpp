@@ -5,11 +5,13 @@
 // where the two differ: it is the check of a heap for hosts, as checkMemory() is for tests.
 //
 // Invariant: a walk reads only inside the data area of a segment, whatever stands in the headers.
-// Writing a line may itself give memory back (a log file that cannot be reopened loses the table of
-// the files): a segment is trusted over a line only as long as its tag still has it.
+// Which segments there are and how far they reach is known from what is kept beside them; what they
+// say themselves is compared with that, and never followed. Writing a line may itself give memory
+// back (a log file that cannot be reopened loses the table of the files): a segment is trusted over
+// a line only as long as its tag still has it.
 //
 // Locks: critical section 0, for ports with threads. Fatal: only what the log writer ends.
-#include "rm/rmalloc/rmalloc.h"
+#include "rm/rmalloc/segments.h"
 #include "rm/rmsrv/rmsrv.h"
 
 #include <algorithm>
@@ -44,8 +46,9 @@ struct Report {
 // Where the walk is.
 struct Position {
     Tag tag;
-    Segment* segment;
-    uint32_t returned;  // segmentsReturned when the segment was last known to be there
+    uint32_t slot;  // in the chain of the tag
+    const SegmentMap* map;
+    Extent at;
 };
 
 bool isSet(int16_t flags, int16_t flag)
@@ -110,19 +113,45 @@ uint32_t allocatedOf(Tag tag)
     return record == nullptr ? 0 : record->allocated;
 }
 
-// False once the segment has gone. Asked after every line.
+// Slots of the tag, empty ones included.
+uint32_t slotsOf(Tag tag)
+{
+    return recordOf(tag) == nullptr ? 0 : chains[tag].used;
+}
+
+// Makes the segment in a slot the place of the walk. False when there is none.
+bool enterSlot(Position* place, uint32_t slot)
+{
+    place->map = mapInSlot(&chains[place->tag], slot);
+    place->slot = slot;
+    if (place->map != nullptr) {
+        place->at = extentOf(place->map);
+    }
+    return place->map != nullptr;
+}
+
+// Goes on to the next segment of the tag, from the slot on. False when there is none.
+bool enterFrom(Position* place, uint32_t slot)
+{
+    while (slot < slotsOf(place->tag) && !enterSlot(place, slot)) {
+        ++slot;
+    }
+    return slot < slotsOf(place->tag);
+}
+
+// False once the segment has gone. Asked after every line. Slots move when segments come and go.
 bool isThere(Position* place)
 {
-    if (place->returned == segmentsReturned) {
+    const SegmentMap* map = place->map;
+    const uint32_t slots = slotsOf(place->tag);
+    if (place->slot < slots && enterSlot(place, place->slot) && place->map == map) {
         return true;
     }
-    place->returned = segmentsReturned;
-    const TagRecord* record = recordOf(place->tag);
-    const Segment* segment = record == nullptr ? nullptr : record->segments;
-    while (segment != nullptr && segment != place->segment) {
-        segment = segment->next;
+    uint32_t slot = 0;
+    while (slot < slots && mapInSlot(&chains[place->tag], slot) != map) {
+        ++slot;
     }
-    return segment != nullptr;
+    return slot < slots && enterSlot(place, slot);
 }
 
 void add(Counts* sum, const Counts& counts)
@@ -149,8 +178,8 @@ void count(Counts* counts, bool live, uint32_t units)
 // stepped over without being counted. False when the segment went meanwhile.
 bool walkBlocks(Report* report, Position* place, Counts* counts)
 {
-    for (uint64_t offset = 0; offset <= place->segment->units;) {
-        const BlockHeader* block = blockAt(place->segment, static_cast<uint32_t>(offset));
+    for (uint64_t offset = 0; offset <= place->at.units;) {
+        const BlockHeader* block = blockAt(place->at.segment, static_cast<uint32_t>(offset));
         const BlockHeader seen = *block;
         const bool live = seen.word1 == kLiveMagic;
         if (report->blocks && (live || report->freeBlocks)) {
@@ -169,10 +198,26 @@ bool walkBlocks(Report* report, Position* place, Counts* counts)
     return true;
 }
 
+// The count that stands in the header, which may have been written over; where the walk has found
+// the same, the one that is kept beside the segment.
+uint32_t storedCount(uint32_t inHeader, uint32_t beside, uint32_t counted)
+{
+    return inHeader != counted ? inHeader : beside;
+}
+
+// True when the header leads to the segment that comes next.
+bool isChained(const Position& place)
+{
+    Position next = place;
+    const bool more = enterFrom(&next, place.slot + 1);
+    return place.at.segment->next == (more ? next.at.segment : nullptr);
+}
+
 // What the allocator has counted against what the walk has found. False when the segment went.
 bool compareCounts(Report* report, Position* place, const Counts& counts)
 {
-    const uint32_t stored = place->segment->blocks;
+    const uint32_t stored =
+        storedCount(place->at.segment->blocks, place->map->blocks, counts.allocatedBlocks);
     if (stored != counts.allocatedBlocks) {
         reportWrite(report, "WARNING: Segment block count, %u mismatch with counted blocks, %lu",
                     stored, static_cast<unsigned long>(counts.allocatedBlocks));
@@ -181,12 +226,21 @@ bool compareCounts(Report* report, Position* place, const Counts& counts)
         }
     }
     const uint32_t counted = counts.freeUnits + counts.allocatedUnits;
-    if (counted != place->segment->units) {
+    const uint32_t units = storedCount(place->at.segment->units, place->at.units, counted);
+    if (counted != units) {
         // Deliberate: the counted sum first, though the words say otherwise. Logs are read by
         // programs that know it so.
         reportWrite(report, "WARNING: Segment unit count, %lu mismatch with counted units, %lu",
-                    static_cast<unsigned long>(counted),
-                    static_cast<unsigned long>(place->segment->units));
+                    static_cast<unsigned long>(counted), static_cast<unsigned long>(units));
+        if (!isThere(place)) {
+            return false;
+        }
+    }
+    if (!isChained(*place)) {
+        reportWrite(report,
+                    "WARNING: memory check: tag %d, segment %p: the chain of segments is not as it "
+                    "is kept",
+                    place->tag, static_cast<const void*>(place->at.segment));
     }
     return isThere(place);
 }
@@ -194,8 +248,8 @@ bool compareCounts(Report* report, Position* place, const Counts& counts)
 bool reportSegment(Report* report, Position* place, Counts* ofTag)
 {
     if (report->detail) {
-        reportWrite(report, "SEGMENT @ %p   size=%lu", static_cast<const void*>(place->segment),
-                    bytesOf(place->segment->units));
+        reportWrite(report, "SEGMENT @ %p   size=%lu", static_cast<const void*>(place->at.segment),
+                    bytesOf(place->at.units));
         if (!isThere(place)) {
             return false;
         }
@@ -216,14 +270,12 @@ bool reportSegment(Report* report, Position* place, Counts* ofTag)
 // All segments of the tag, in the order in which they were got.
 void reportSegments(Report* report, Tag tag, Counts* counts, uint32_t* segments)
 {
-    const TagRecord* record = recordOf(tag);
-    Position place = {tag, record == nullptr ? nullptr : record->segments, segmentsReturned};
-    while (place.segment != nullptr) {
+    Position place = {tag, 0, nullptr, {}};
+    for (bool more = enterFrom(&place, 0); more; more = enterFrom(&place, place.slot + 1)) {
         ++*segments;
         if (!reportSegment(report, &place, counts)) {
             return;
         }
-        place.segment = place.segment->next;
     }
 }
 

@@ -76,10 +76,6 @@ extern int16_t nTags;        // highest index that was ever in use + 1
 extern int16_t tagTabSize;   // records that the table has room for
 extern uint32_t memused;     // bytes got for the table and for all segments
 
-// Segments given back since the process began, modulo 2^32. Whoever keeps a segment's address over
-// a call that may free looks here whether it can still be trusted.
-extern uint32_t segmentsReturned;
-
 // Times that the memory of tag 0 went as a whole, modulo 2^32. The library keeps records in it:
 // whoever runs foreign code, which may let it go, compares before and after.
 extern uint32_t tagZeroReleases;
@@ -143,46 +139,28 @@ inline BlockHeader* headerOf(void* pointer)
 // The line about a pointer that is no live block.
 void warnBadPointer(void* pointer);
 
-// True when the header lies in the segment's data area. Addresses are compared as numbers: the two
-// may not belong to one object.
-inline bool holds(const Segment* segment, const BlockHeader* header)
+// True when the header lies in the data area of a segment of so many units. Addresses are compared
+// as numbers: the two may not belong to one object.
+inline bool holds(const Segment* segment, uint32_t units, const BlockHeader* header)
 {
     const auto anchor = reinterpret_cast<uintptr_t>(&segment->anchor);
     const auto address = reinterpret_cast<uintptr_t>(header);
-    return address > anchor && address <= anchor + uintptr_t{segment->units} * kUnit;
+    return address > anchor && address <= anchor + uintptr_t{units} * kUnit;
 }
 
 // The segment of the tag in whose data area the header lies; null. Reads nothing at `header`.
 Segment* findInTag(Tag tag, const BlockHeader* header);
 
-// --- Here: whether a pointer is a live block
+// The segment of the tag in which `pointer` looks like a live block; null. Reads nothing outside of
+// it, so the pointer may be anything. What looks like a block may be an old header in free space.
+Segment* segmentOfLiveBlock(void* pointer, Tag tag);
+
+// True when rm_freeMemory would give the block back without a line in the log.
+bool isFreeable(void* pointer, Tag tag);
 
 inline bool isAligned(const void* pointer)
 {
     return reinterpret_cast<uintptr_t>(pointer) % kUnit == 0;
-}
-
-// False when the header in the segment is no live block's, or its units lead out of the segment.
-inline bool isLive(const Segment* segment, const BlockHeader* header)
-{
-    return header->word1 == kLiveMagic && header->units > 0 &&
-           header->units <= segment->units - offsetOf(segment, header) + 1;
-}
-
-// The segment of the tag in which `pointer` looks like a live block; null. Reads nothing outside of
-// it, so the pointer may be anything. What looks like a block may be an old header in free space.
-// Inline, with a short way for a tag of one segment: pools ask it of every element.
-inline Segment* segmentOfLiveBlock(void* pointer, Tag tag)
-{
-    if (tag < 0 || tag >= nTags || !isAligned(pointer)) {
-        return nullptr;
-    }
-    const BlockHeader* header = headerOf(pointer);
-    Segment* segment = tagTable[tag].segments;
-    if (segment == nullptr || !holds(segment, header)) {
-        segment = findInTag(tag, header);
-    }
-    return segment != nullptr && isLive(segment, header) ? segment : nullptr;
 }
 
 // --- check.cpp

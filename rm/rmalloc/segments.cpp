@@ -32,11 +32,6 @@
 
 using namespace rmalloc;
 
-namespace rmalloc
-{
-uint32_t segmentsReturned = 0;
-}  // namespace rmalloc
-
 namespace
 {
 // True when the header at `offset` is that of a free block of `units`, or of the anchor, whose
@@ -78,6 +73,19 @@ inline bool isUsable(const FreeBlock& free, uint32_t need)
     return header->units != need ||
            (isLink(free.map, free.offset, header->word1) &&
             blockAt(free.map->segment, freeBefore(free.map, free.offset))->word1 == free.offset);
+}
+
+const SegmentMap* mapOfTagHolding(Tag tag, const BlockHeader* header)
+{
+    const SegmentMap* map = mapHolding(header);
+    return map != nullptr && map->tag == tag ? map : nullptr;
+}
+
+// False when the header in the segment is no live block's, or its units lead out of the segment.
+bool looksLive(const SegmentMap* map, const BlockHeader* header)
+{
+    return header->word1 == kLiveMagic && header->units > 0 &&
+           header->units <= map->units - offsetOf(map->segment, header) + 1;
 }
 
 inline bool touchesPrevious(const LiveBlock& block)
@@ -262,8 +270,30 @@ void rmalloc::warnBadPointer(void* pointer)
 
 Segment* rmalloc::findInTag(Tag tag, const BlockHeader* header)
 {
-    const SegmentMap* map = mapHolding(header);
-    return map != nullptr && map->tag == tag ? map->segment : nullptr;
+    const SegmentMap* map = mapOfTagHolding(tag, header);
+    return map != nullptr ? map->segment : nullptr;
+}
+
+// With a short way for a tag of one segment: pools ask it of every element. A map that may have
+// been written over, that of a small segment, does not lead that way.
+Segment* rmalloc::segmentOfLiveBlock(void* pointer, Tag tag)
+{
+    if (tag < 0 || tag >= nTags || !isAligned(pointer)) {
+        return nullptr;
+    }
+    const BlockHeader* header = headerOf(pointer);
+    const Chain& chain = chains[tag];
+    const SegmentMap* map = chain.large == chain.segments ? chain.first : nullptr;
+    if (map == nullptr || !holds(map->segment, map->units, header)) {
+        map = mapOfTagHolding(tag, header);
+    }
+    return map != nullptr && looksLive(map, header) ? map->segment : nullptr;
+}
+
+bool rmalloc::isFreeable(void* pointer, Tag tag)
+{
+    const LiveBlock block = liveBlockAt(pointer);
+    return block.map != nullptr && isInUse(tag) && block.map->tag == tag && chainAgrees(block);
 }
 
 void* rmalloc::allocBlock(uint32_t size, Tag tag)
@@ -286,7 +316,6 @@ void rmalloc::giveBack(void* pointer, Tag tag)
 void rmalloc::returnSegment(SegmentMap* map)
 {
     memused -= map->units * kUnit + kSegmentHeader;
-    ++segmentsReturned;
     removeFromPageTable(map);
     freeSegment(map);
 }

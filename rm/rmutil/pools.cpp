@@ -11,8 +11,9 @@
 // and no link is followed before it is known to lead to a live block of the tag.
 //
 // Locks: the pool's own sync object, around changes of the free list. Elements are allocated and
-// grown outside, and warnings written: neither need come back. Freeing a pool gives its memory back
-// inside, so that nobody takes an element meanwhile.
+// grown outside, and lines written: neither need come back. Freeing a pool gives its memory back
+// inside, so that nobody takes an element meanwhile; the lock is left for a block that cannot be
+// given back without a line.
 //
 // Fatal: no memory; a failure of the sync object.
 #include "rm/rmalloc/rmalloc.h"
@@ -86,6 +87,21 @@ void warn(PoolElement* bad)
     if (bad != nullptr) {
         rmalloc::warnBadPointer(dataOf(bad));
     }
+}
+
+// Frees an element of a pool whose lock is held. What has been written over around it keeps it
+// where it is, and a line says so, with the lock left: that may not come back. False when the lock
+// could not be entered again in time.
+bool giveBack(RmPool* pool, PoolElement* element)
+{
+    if (rmalloc::isFreeable(element, pool->tag)) {
+        rm_freeMemory(element, pool->tag);
+        return true;
+    }
+    element->next = nullptr;  // or a list that leads around would not end
+    leave(pool);
+    rm_freeMemory(element, pool->tag);
+    return enter(pool);
 }
 
 // The element with room for `bytes`, or one in its place. Deliberate: what its last user left in it
@@ -177,13 +193,22 @@ int rm_zFreePool(RmPool** pool)
     PoolElement* bad = nullptr;
     for (PoolElement* element = takeFirst(gone, &bad); element != nullptr;
          element = takeFirst(gone, &bad)) {
-        rm_freeMemory(element, gone->tag);
+        if (!giveBack(gone, element)) {
+            return RM_TIMEOUT;
+        }
     }
     *pool = nullptr;
-    rm_freeMemory(gone, gone->tag);
+    const Tag tag = gone->tag;
+    const bool stays = !rmalloc::isFreeable(gone, tag);
+    if (!stays) {
+        rm_freeMemory(gone, tag);
+    }
     if (lock != RM_NONE) {
         rm_syncExitExcl(lock);
         rm_syncDelete(lock);
+    }
+    if (stays) {
+        rm_freeMemory(gone, tag);  // says why
     }
     warn(bad);
     return RM_SUCCESS;

@@ -168,7 +168,7 @@ class Damaged
     static Segment* segmentHolding(int16_t tag, const BlockHeader* header)
     {
         Segment* one = rmalloc::tagTable[tag].segments;
-        while (one != nullptr && !rmalloc::holds(one, header)) {
+        while (one != nullptr && !rmalloc::holds(one, one->units, header)) {
             one = one->next;
         }
         return one;

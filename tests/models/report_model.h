@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,11 +29,19 @@ class ReportModel
         bool live;
     };
 
+    // What the host has left of the first words of a segment.
+    struct Header {
+        uint32_t units;
+        uint32_t blocks;
+        bool leadsToNext;
+    };
+
     struct Segment {
-        uint64_t anchor;            // address of the first piece
-        uint32_t units;             // as stored
-        uint32_t blocks;            // as stored
-        std::vector<Piece> pieces;  // the anchor first
+        uint64_t anchor;                // address of the first piece
+        uint32_t units;                 // of the data area
+        uint32_t blocks;                // as the allocator has counted them
+        std::vector<Piece> pieces;      // the anchor first
+        std::optional<Header> found{};  // when it may say something else
     };
 
     struct Tag {
@@ -207,14 +216,23 @@ class ReportModel
             say("SEGMENT: " + sum.sentence(true));
             say("         " + sum.sentence(false));
         }
-        if (segment.blocks != sum.blocks[1]) {
-            say("WARNING: Segment block count, " + std::to_string(segment.blocks) +
-                " mismatch with counted blocks, " + std::to_string(sum.blocks[1]));
+        const Header header = segment.found.value_or(Header{segment.units, segment.blocks, true});
+        const uint32_t live = sum.blocks[1];
+        if (live != header.blocks || live != segment.blocks) {
+            say("WARNING: Segment block count, " +
+                std::to_string(live != header.blocks ? header.blocks : segment.blocks) +
+                " mismatch with counted blocks, " + std::to_string(live));
         }
         const uint32_t counted = sum.units[0] + sum.units[1];
-        if (counted != segment.units) {
+        if (counted != header.units || counted != segment.units) {
             say("WARNING: Segment unit count, " + std::to_string(counted) +
-                " mismatch with counted units, " + std::to_string(segment.units));
+                " mismatch with counted units, " +
+                std::to_string(counted != header.units ? header.units : segment.units));
+        }
+        if (!header.leadsToNext) {
+            say("WARNING: memory check: tag " + std::to_string(tag) + ", segment " +
+                address(segment.anchor - kAnchorInSegment) +
+                ": the chain of segments is not as it is kept");
         }
         return sum;
     }

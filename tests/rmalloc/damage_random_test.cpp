@@ -188,7 +188,7 @@ class DamageRun
     {
         for (Segment* segment = tagTable[tag].segments; segment != nullptr;
              segment = segment->next) {
-            if (rmalloc::holds(segment, static_cast<const BlockHeader*>(pointer))) {
+            if (rmalloc::holds(segment, segment->units, static_cast<const BlockHeader*>(pointer))) {
                 return segment;
             }
         }

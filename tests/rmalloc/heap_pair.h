@@ -165,8 +165,7 @@ class HeapPair
     };
 
     // Up to `mostBlocks` can be live at a time.
-    explicit HeapPair(uint32_t mostBlocks)
-        : blocks_(mostBlocks + 1), plain_(kRecord), returned_(rmalloc::segmentsReturned)
+    explicit HeapPair(uint32_t mostBlocks) : blocks_(mostBlocks + 1), plain_(kRecord)
     {
         for (uint32_t name = mostBlocks; name > 0; --name) {
             spare_.push_back(name);
@@ -432,10 +431,6 @@ class HeapPair
             fail("%d tags of %d, not %zu of %zu", rmalloc::nTags, rmalloc::tagTabSize,
                  plain_.tags(), plain_.capacity());
         }
-        if (rmalloc::segmentsReturned - returned_ != plainReturned_) {
-            fail("%u segments were given back, not %u", rmalloc::segmentsReturned - returned_,
-                 plainReturned_);
-        }
     }
 
     // The block that a call has given: where it is, and what the head of its segment says.
@@ -466,7 +461,7 @@ class HeapPair
         uint32_t number = 0;
         for (rmalloc::Segment* segment = rmalloc::tagTable[block.tag].segments; segment != nullptr;
              segment = segment->next) {
-            if (rmalloc::holds(segment, headerBefore(block.pointer))) {
+            if (rmalloc::holds(segment, segment->units, headerBefore(block.pointer))) {
                 const auto offset = static_cast<const char*>(block.pointer) -
                                     reinterpret_cast<const char*>(segment);
                 return "at " + std::to_string(offset) + " of segment " + std::to_string(number);
@@ -575,7 +570,6 @@ class HeapPair
     std::vector<uint32_t> live_;   // names with one
     PlainAllocator plain_;
     SegmentPairs segments_;
-    uint32_t returned_;           // segments that the library had given back before the run
     uint32_t plainReturned_ = 0;  // segments that were given back so far
     uint64_t plainGot_ = 0;       // segments that were got so far
     uint64_t calls_ = 0;

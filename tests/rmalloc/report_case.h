@@ -6,6 +6,7 @@
 #include "tests/rmalloc/heap.h"
 
 #include "rm.h"
+#include "rm/rmalloc/segments.h"
 
 #include <cstdint>
 #include <cstring>
@@ -117,12 +118,30 @@ inline ReportModel::Tag drawnTag(std::string_view text, Tag tag, const std::stri
     return described;
 }
 
+// The maps of a tag's segments: what stands in the segments does not lead to them.
+inline std::vector<const rmalloc::SegmentMap*> mapsOf(Tag tag)
+{
+    std::vector<const rmalloc::SegmentMap*> maps;
+    for (const rmalloc::SegmentMap* map = rmalloc::chains[tag].first; map != nullptr;
+         map = map->next) {
+        maps.push_back(map);
+    }
+    return maps;
+}
+
 // What a walk meets in a segment, whatever stands in its headers: the words are copied out and read
 // by their index.
-inline ReportModel::Segment foundSegment(const rmalloc::Segment* segment)
+inline ReportModel::Segment foundSegment(const rmalloc::SegmentMap* map)
 {
-    ReportModel::Segment found{anchorOf(segment), segment->units, segment->blocks, {}};
-    std::vector<uint32_t> words((std::size_t{segment->units} + 1) * 2);
+    const rmalloc::Segment* segment = map->segment;
+    const rmalloc::Segment* next = map->next == nullptr ? nullptr : map->next->segment;
+    ReportModel::Segment found{
+        anchorOf(segment),
+        map->units,
+        map->blocks,
+        {},
+        ReportModel::Header{segment->units, segment->blocks, segment->next == next}};
+    std::vector<uint32_t> words((std::size_t{map->units} + 1) * 2);
     std::memcpy(words.data(), &segment->anchor, words.size() * sizeof(uint32_t));
     for (uint64_t at = 0; at < words.size();) {
         const auto index = static_cast<std::size_t>(at);
@@ -144,8 +163,8 @@ inline ReportModel foundHeap()
                                .limit = record.limit,
                                .allocated = record.allocated,
                                .segments = {}};
-        for (const rmalloc::Segment* segment : segmentsOf(tag)) {
-            found.segments.push_back(foundSegment(segment));
+        for (const rmalloc::SegmentMap* map : mapsOf(tag)) {
+            found.segments.push_back(foundSegment(map));
         }
         tags.push_back(found);
     }

@@ -6,12 +6,13 @@
 #include "tests/rmalloc/report_case.h"
 
 #include "rm.h"
-#include "rm/rmalloc/rmalloc.h"
+#include "rm/rmalloc/segments.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <optional>
 #include <random>
 #include <string>
@@ -21,6 +22,7 @@ namespace
 {
 using rmalloc::BlockHeader;
 using rmalloc::Segment;
+using rmalloc::SegmentMap;
 using rmalloc::tagTable;
 using rmtest::draw;
 using rmtest::Drawn;
@@ -33,6 +35,7 @@ using rmtest::Lines;
 using rmtest::linesThatBegin;
 using rmtest::logLines;
 using rmtest::makeReport;
+using rmtest::mapsOf;
 using rmtest::pointerText;
 using rmtest::report;
 using rmtest::segmentsOf;
@@ -53,11 +56,12 @@ class ReportOfDamage : public rmtest::HeapTest
     void makeHeap(const char* drawing)
     {
         drawn_ = draw(drawing);
+        segments_ = segmentsOf(drawn_.tag);
         for (void* block : drawn_.live) {
             const uint32_t units = headerBefore(block)->units;
             std::memset(block, 0, (units - 1) * rmtest::kUnitBytes);
         }
-        for (const Segment* segment : segmentsOf(drawn_.tag)) {
+        for (const Segment* segment : segments_) {
             const auto* words = reinterpret_cast<const uint32_t*>(segment);
             saved_.emplace_back(words, words + 6 + std::size_t{segment->units} * 2);
         }
@@ -69,15 +73,14 @@ class ReportOfDamage : public rmtest::HeapTest
         if (drawn_.tag == -1) {
             return;
         }
-        const std::vector<Segment*> segments = segmentsOf(drawn_.tag);
-        for (std::size_t i = 0; i < segments.size(); ++i) {
-            std::memcpy(static_cast<void*>(segments[i]), saved_[i].data(),
+        for (std::size_t i = 0; i < segments_.size(); ++i) {
+            std::memcpy(static_cast<void*>(segments_[i]), saved_[i].data(),
                         saved_[i].size() * sizeof(uint32_t));
         }
         tagTable[drawn_.tag].allocated = allocated_;
     }
 
-    Segment* segment(std::size_t n = 0) const { return segmentsOf(drawn_.tag).at(n); }
+    Segment* segment(std::size_t n = 0) const { return segments_.at(n); }
 
     // The header at so many units from the anchor.
     BlockHeader* header(uint32_t units, std::size_t n = 0) const
@@ -105,6 +108,7 @@ class ReportOfDamage : public rmtest::HeapTest
 
   private:
     Drawn drawn_;
+    std::vector<Segment*> segments_;
     std::vector<std::vector<uint32_t>> saved_;
     uint32_t allocated_ = 0;
 };
@@ -311,6 +315,82 @@ TEST_F(ReportOfDamage, OfASegmentsUnitsNamesTheCountedOnesFirst)
     EXPECT_EQ(warnings(), Lines{"WARNING: Segment unit count, 10 mismatch with counted units, 8"});
 }
 
+TEST_F(ReportOfDamage, OfASegmentsUnitsDoesNotLeadTheWalk)
+{
+    makeHeap("2 [3] 1 [4] | [2]");
+    const Lines sizes = {"SEGMENT @ " + pointerText(segment(0)) + "   size=80",
+                         "SEGMENT @ " + pointerText(segment(1)) + "   size=16"};
+    for (const uint32_t units : {0U, 6U, 11U, 0x41414141U, 0xFFFFFFFFU}) {
+        segment()->units = units;
+        EXPECT_EQ(warnings(),
+                  Lines{"WARNING: Segment unit count, 10 mismatch with counted units, " +
+                        std::to_string(units)});
+        EXPECT_EQ(linesThatBegin(report(RM_REPORT_DETAIL), "SEGMENT @ "), sizes);
+    }
+}
+
+// Both have been written over, and say the same: what is known beside the segment does not.
+TEST_F(ReportOfDamage, OfASegmentsCountsThatIsLikeThatOfItsBlocksIsSeen)
+{
+    makeHeap(kDrawing);
+    header(7)->units = 9;
+    segment()->units = 15;
+    EXPECT_EQ(warnings(), (Lines{"WARNING: Segment unit count, 15 mismatch with counted units, 10",
+                                 "WARNING: Tag byte count, 56 mismatch with counted blocks, 96"}));
+    mend();
+    header(7)->word1 = 0;
+    segment()->blocks = 1;
+    EXPECT_EQ(warnings(), (Lines{"WARNING: Segment block count, 2 mismatch with counted blocks, 1",
+                                 "WARNING: Tag byte count, 56 mismatch with counted blocks, 24"}));
+}
+
+TEST_F(ReportOfDamage, OfTheNextSegmentIsSaidAndNotFollowed)
+{
+    makeHeap("[1] | [2] | [3]");
+    const Lines sound = report(RM_REPORT_SUMMARY);
+    auto* const nowhere = reinterpret_cast<Segment*>(uintptr_t{0x41414140});
+    const auto expectSaid = [&](std::size_t n) {
+        const std::string line = "WARNING: memory check: tag 1, segment " +
+                                 pointerText(segment(n)) +
+                                 ": the chain of segments is not as it is kept";
+        EXPECT_EQ(warnings(), Lines{line});
+        Lines lines = report(RM_REPORT_SUMMARY);
+        EXPECT_EQ(std::erase(lines, line), 1U);
+        EXPECT_EQ(lines, sound);
+    };
+    for (Segment* wrong : {static_cast<Segment*>(nullptr), segment(0), segment(2), nowhere}) {
+        segment(0)->next = wrong;
+        expectSaid(0);
+    }
+    mend();
+    for (Segment* wrong : {segment(0), segment(2), nowhere}) {
+        segment(2)->next = wrong;
+        expectSaid(2);
+    }
+}
+
+// The overrun for which a report is recommended: three headers are text.
+TEST_F(ReportOfAnyDamage, InFrontOfTheLowestBlockStaysInsideTheSegment)
+{
+    rmtest::GuardedMemory guard;
+    for (const uint32_t units : {3U, 200U}) {  // the map before the segment, and elsewhere
+        const Tag tag = rm_allocTag(nullptr, RM_NO_LIMIT);
+        rm_setTagAlloc(0, tag);
+        auto* block = static_cast<char*>(
+            std::memset(rm_getMemory(rmtest::bytesFor(units), tag), 0, rmtest::bytesFor(units)));
+        const std::string before(block - 24, 24);
+        std::memset(block - 24, 'A', 24);
+        EXPECT_EQ(linesThatBegin(report(RM_REPORT_TAG, tag), "WARNING: "),
+                  (Lines{"WARNING: Segment block count, 1094795585 mismatch with counted blocks, 0",
+                         "WARNING: Segment unit count, 1094795585 mismatch with counted units, " +
+                             std::to_string(units),
+                         "WARNING: Tag byte count, " + std::to_string(units * 8) +
+                             " mismatch with counted blocks, 0"}));
+        before.copy(block - 24, 24);
+    }
+    rm_freeall();
+}
+
 TEST_F(ReportOfDamage, OfATagsBytesNamesTheStoredOnesFirst)
 {
     makeHeap(kDrawing);
@@ -423,23 +503,95 @@ const uint32_t kWords[] = {0,          1,          2,          3,          7,
                            8,          kMagic,     0x1FFFFFFF, 0x20000000, 0x7FFFFFFF,
                            0x80000000, 0xE0000000, 0xFFFFFFF0, 0xFFFFFFFE, 0xFFFFFFFF};
 
-// Every word of the data area and the anchor, one after the other, at the end of a page.
+constexpr int kFlags = kEverything | RM_REPORT_FREE;
+
+// Writes each of them over each of the words, one after the other.
+void damageWords(uint32_t* words, std::size_t count, const std::function<void()>& look)
+{
+    for (std::size_t at = 0; at < count; ++at) {
+        const uint32_t before = words[at];
+        for (const uint32_t word : kWords) {
+            SCOPED_TRACE(std::to_string(at) + ": " + std::to_string(word));
+            words[at] = word;
+            look();
+        }
+        words[at] = before;
+    }
+}
+
+// Segments that share a row of slots, and one that is alone with it; with the maps before them and
+// elsewhere.
+std::vector<Tag> drawAlone()
+{
+    seg_alloc = 1;
+    return {draw("[2] | [1] | [80] | [6]").tag, draw("[3]").tag, draw("[70]").tag};
+}
+
+// The words of a segment, those of its header first, at the end of a page.
 TEST_F(ReportOfAnyDamage, OfOneWordStaysInsideTheSegment)
 {
     rmtest::GuardedMemory guard;
-    const Drawn drawn = draw("2 [3] 1 [4] | [1] | [2] 1");
-    for (Segment* segment : segmentsOf(drawn.tag)) {
-        auto* words = reinterpret_cast<uint32_t*>(&segment->anchor);
-        for (std::size_t at = 0; at < (std::size_t{segment->units} + 1) * 2; ++at) {
-            const uint32_t before = words[at];
-            for (const uint32_t word : kWords) {
-                words[at] = word;
-                constexpr int kFlags = kEverything | RM_REPORT_FREE;
-                ASSERT_EQ(report(kFlags), foundHeap().lines(kFlags, 0)) << at << ": " << word;
-            }
-            words[at] = before;
+    std::vector<Tag> tags = {draw("2 [3] 1 [4] | [1] | [2] 1 | 60 [5]").tag};
+    const std::vector<Tag> alone = drawAlone();
+    tags.insert(tags.end(), alone.begin(), alone.end());
+    constexpr int kOfTag = kFlags | RM_REPORT_TAG;
+    constexpr uint32_t kMost = 10;  // units: those behind them are like these
+    for (const Tag tag : tags) {
+        for (Segment* segment : segmentsOf(tag)) {
+            damageWords(reinterpret_cast<uint32_t*>(segment),
+                        6 + 2 * std::min(segment->units, kMost),
+                        [tag] { ASSERT_EQ(report(kOfTag, tag), foundHeap().lines(kOfTag, tag)); });
         }
     }
+    rm_freeall();
+}
+
+// Lines about segments, up to their addresses.
+Lines withoutSizes(Lines lines)
+{
+    for (std::string& line : lines) {
+        line.resize(line.find("   size="));
+    }
+    return lines;
+}
+
+// What stands before a segment that is a block's own, and says where it is and how far it reaches.
+// The report then does not know that, and reads only where there is a segment without doubt.
+TEST_F(ReportOfAnyDamage, OfOneWordOfAMapStaysInsideTheSegment)
+{
+    rmtest::GuardedMemory guard;
+    constexpr int kOfTag = kFlags | RM_REPORT_TAG;
+    for (const Tag tag : drawAlone()) {
+        const Lines segments = linesThatBegin(report(kOfTag, tag), "SEGMENT @ ");
+        for (Segment* segment : segmentsOf(tag)) {
+            if (!rmalloc::isSmall(segment->units)) {
+                continue;
+            }
+            auto* map = rmalloc::mapOfSmall(reinterpret_cast<uintptr_t>(segment));
+            damageWords(reinterpret_cast<uint32_t*>(map), rmalloc::kBeforeSmall / 4, [&] {
+                const Lines lines = report(kOfTag, tag);
+                ASSERT_EQ(withoutSizes(linesThatBegin(lines, "SEGMENT @ ")),
+                          withoutSizes(segments));
+                ASSERT_EQ(lines.back(), kReportDone);
+            });
+        }
+    }
+    rm_freeall();
+}
+
+TEST_F(ReportOfAnyDamage, OfTheMapOfASegmentIsSaid)
+{
+    rmtest::GuardedMemory guard;
+    seg_alloc = 1;
+    const Drawn drawn = draw("[2] | [6] | [3]");
+    auto* map = rmalloc::mapOfSmall(reinterpret_cast<uintptr_t>(segmentsOf(drawn.tag)[1]));
+    Segment* const before = map->segment;
+    map->segment = reinterpret_cast<Segment*>(uintptr_t{0x41414140});
+    EXPECT_EQ(linesThatBegin(report(0), "WARNING: "),
+              (Lines{"WARNING: Segment block count, 1 mismatch with counted blocks, 0",
+                     "WARNING: Segment unit count, 0 mismatch with counted units, 6",
+                     "WARNING: Tag byte count, 88 mismatch with counted blocks, 40"}));
+    map->segment = before;
     rm_freeall();
 }
 
@@ -447,19 +599,20 @@ TEST_F(ReportOfAnyDamage, OfOneWordStaysInsideTheSegment)
 TEST_F(ReportOfAnyDamage, OfAllWordsStaysInsideTheSegment)
 {
     rmtest::GuardedMemory guard;
-    const Drawn drawn = draw("[3] 9 [5] | [4]");
+    const Drawn drawn = draw("[3] 9 [5] | [4] | 50 [20]");
+    const std::vector<Segment*> segments = segmentsOf(drawn.tag);
     for (const uint32_t word1 : {0U, kMagic}) {
         for (uint32_t units = 0; units < 40; ++units) {
             std::vector<std::vector<BlockHeader>> saved;
-            for (Segment* segment : segmentsOf(drawn.tag)) {
-                BlockHeader* headers = &segment->anchor;
-                saved.emplace_back(headers, headers + segment->units + 1);
-                std::fill_n(headers, segment->units + 1, BlockHeader{word1, units});
+            for (Segment* segment : segments) {
+                auto* headers = reinterpret_cast<BlockHeader*>(segment);
+                saved.emplace_back(headers, headers + segment->units + 3);
+                std::fill_n(headers, saved.back().size(), BlockHeader{word1, units});
             }
-            constexpr int kFlags = kEverything | RM_REPORT_FREE;
             EXPECT_EQ(report(kFlags), foundHeap().lines(kFlags, 0)) << word1 << ", " << units;
             for (std::size_t i = 0; i < saved.size(); ++i) {
-                std::copy(saved[i].begin(), saved[i].end(), &segmentsOf(drawn.tag)[i]->anchor);
+                std::copy(saved[i].begin(), saved[i].end(),
+                          reinterpret_cast<BlockHeader*>(segments[i]));
             }
         }
     }
@@ -476,21 +629,19 @@ class Vandal
 
     void damage(Tag tag)
     {
-        const std::vector<Segment*> segments = segmentsOf(tag);
-        Segment* segment = segments[below(static_cast<uint32_t>(segments.size()))];
+        const std::vector<const SegmentMap*> maps = mapsOf(tag);
+        const SegmentMap* map = maps[below(static_cast<uint32_t>(maps.size()))];
+        auto* words = reinterpret_cast<uint32_t*>(map->segment);
         switch (below(12)) {
             case 0:
-                set(&segment->blocks, anyWord());
-                break;
             case 1:
-                set(&tagTable[tag].allocated, anyWord());
+                set(&words[below(6)], anyWord());  // of its header
                 break;
             case 2:
-                set(&segment->units, below(segment->units + 1));  // never more than there are
+                set(&tagTable[tag].allocated, anyWord());
                 break;
             default:
-                set(reinterpret_cast<uint32_t*>(&segment->anchor) + below((segment->units + 1) * 2),
-                    anyWord());
+                set(&words[6 + below(map->units * 2)], anyWord());
         }
     }
 
@@ -537,7 +688,10 @@ TEST_F(ReportOfAnyDamage, AtRandomStaysInsideTheSegmentsAndCountsWhatItMeets)
     const uint64_t seed = rmtest::seedOfThisRun(23);
     SCOPED_TRACE("RM_TEST_SEED=" + std::to_string(seed));
     rmtest::GuardedMemory guard;
-    const Tag tags[] = {draw("2 [3] 1 [4] | [1] | [2] 1").tag, draw("[5] 3 [1] 1 [2]").tag};
+    std::vector<Tag> tags = {draw("2 [3] 1 [4] | [1] | [2] 1").tag, draw("[5] 3 [1] 1 [2]").tag};
+    seg_alloc = 1;
+    tags.push_back(draw("[2] | [1]").tag);
+    tags.push_back(draw("[3]").tag);
     Vandal vandal(seed);
     const long damages = rmtest::operationsOfThisRun(100'000);
     constexpr long kChunk = 5000;  // damages; the lines about them are compared together
@@ -546,10 +700,10 @@ TEST_F(ReportOfAnyDamage, AtRandomStaysInsideTheSegmentsAndCountsWhatItMeets)
         const std::string text = rmtest::captureStderr([&] {
             for (long i = 0; i < kChunk;) {
                 for (uint32_t n = vandal.below(4); n < 4; ++n, ++i) {
-                    vandal.damage(tags[vandal.below(2)]);
+                    vandal.damage(tags[vandal.below(static_cast<uint32_t>(tags.size()))]);
                 }
                 const int flags = static_cast<int>(vandal.below(0x10000));
-                const int tag = static_cast<int>(vandal.below(3));
+                const int tag = static_cast<int>(vandal.below(5));
                 makeReport(flags, tag);
                 expected.push_back(foundHeap().lines(flags, tag));
                 vandal.mend();

@@ -7,7 +7,7 @@
 
 #include "rm.h"
 #include "rm/file/file.h"
-#include "rm/rmalloc/rmalloc.h"
+#include "rm/rmalloc/segments.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -117,6 +118,41 @@ TEST_F(ReportLosesOneSegment, AndGoesOnInTheOneThatItStandsIn)
     EXPECT_EQ(linesThatBegin(lines, end), linesThatBegin(whole, end));
     EXPECT_EQ(linesThatBegin(lines, "    0x"), linesThatBegin(whole, "    0x"));
     EXPECT_EQ(lines.back(), kReportDone);
+}
+
+// So many go that the slots of those that are left move together.
+TEST_F(ReportLosesOneSegment, AndFindsItWhereItHasMoved)
+{
+    const Tag tag = rm_allocTag(nullptr, RM_NO_LIMIT);
+    std::vector<void*> blocks(200);
+    for (void*& block : blocks) {
+        block = rm_getMemory(10, tag);
+    }
+    const uint32_t slots = rmalloc::chains[tag].bounds.length;
+    constexpr int kFlagsOfTag = RM_REPORT_DETAIL | RM_REPORT_TAG;
+    const Lines whole = report(kFlagsOfTag, tag);
+    const std::string third = "SEGMENT @ " + pointerText(segmentsOf(tag).at(197));
+    const auto begin = std::find_if(whole.begin(), whole.end(), [&](const std::string& line) {
+        return line.starts_with(third);
+    });
+    ASSERT_NE(begin, whole.end());
+    ScopedFault fault(
+        {.call = Call::kFwrite,
+         .skip = static_cast<int>(begin - whole.begin()),
+         .when = [](const CallRecord& call) { return call.pointer<FILE>(3) == stderr; },
+         .action =
+             [&](const CallRecord& call) {
+                 rmtest::meetFaults([&] {
+                     for (std::size_t i = 0; i < 197; ++i) {
+                         rm_freeMemory(blocks[i], tag);
+                     }
+                 });
+                 return passThrough(call);
+             }});
+    EXPECT_EQ(linesThatBegin(report(kFlagsOfTag, tag), "SEGMENT @ "),
+              linesThatBegin(whole, "SEGMENT @ "));
+    EXPECT_EQ(fault.hits(), 1);
+    EXPECT_LT(rmalloc::chains[tag].bounds.length, slots);
 }
 
 // The closing line is written whatever comes of the log file.

@@ -3,7 +3,11 @@
 // to two users.
 #include "tests/rmutil/pool_case.h"
 
+#include "rm/file/file.h"
+
+#include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 
 using namespace pooltest;
 
@@ -62,6 +66,43 @@ class PoolDamage : public PoolTest
     RmPool* pool_ = nullptr;
     RmPool* other_ = nullptr;  // of the same tag
     std::vector<void*> elements_;
+};
+
+// An element lies on the free list of a pool with a lock, and a user has written over the free
+// block in front of its own: it cannot be given back, and a line says so.
+class PoolBesideDamage : public PoolTest
+{
+  protected:
+    void SetUp() override
+    {
+        PoolTest::SetUp();
+        rm_syncCreate("other");  // the set outlives the pool
+        pool_ = locked(1000);
+        elements_.push_back(rm_getFromPool(16, pool_));
+        rm_getMemory(6000, tag_);
+        // The other one lies in a segment of its own, above the rest of a large block.
+        void* large = rm_extendMemory(rm_getMemory(20'000, tag_), 12'000, tag_);
+        elements_.push_back(rm_getFromPool(4000, pool_));
+        below_ = rmalloc::headerOf(large) + rmalloc::headerOf(large)->units;
+        rm_putInPool(elements_[0], pool_);
+        rm_putInPool(elements_[1], pool_);
+        whole_ = *below_;
+        below_->units = 0x5A5A'5A5A;
+    }
+
+    void TearDown() override
+    {
+        *below_ = whole_;
+        PoolTest::TearDown();
+    }
+
+    // What the second element's block brings.
+    Lines refused() const { return {rmtest::corruptedChain(blockOf(elements_[1]))}; }
+
+    RmPool* pool_ = nullptr;
+    std::vector<void*> elements_;
+    rmalloc::BlockHeader* below_ = nullptr;
+    rmalloc::BlockHeader whole_ = {};
 };
 
 // --- Twice
@@ -451,6 +492,96 @@ TEST_F(PoolDamage, IsLoggedWhenTheLockHasBeenLeft)
         rm_getFromPool(16, pool);
     });
     EXPECT_EQ(value, 1);
+}
+
+// --- Bytes written over the memory around an element
+
+TEST_F(PoolBesideDamage, KeepsWhatCannotBeFreedAndFreesTheRest)
+{
+    const SyncHandle lock = pool_->lock;
+    std::vector<int> values;
+    const ScopedFault watch({.call = Call::kTime,
+                             .when =
+                                 [&](const CallRecord& /*record*/) {
+                                     values.push_back(rmtest::semValue(os::iSem, lock));
+                                     return false;
+                                 },
+                             .action = nullptr});
+    const uint32_t before = rmtest::allocated(tag_);
+    EXPECT_EQ(linesOf([&] { EXPECT_EQ(rm_zFreePool(&pool_), 0); }), refused());
+    EXPECT_THAT(values, ElementsAre(1)) << "the lock is left for the line";
+    EXPECT_EQ(pool_, nullptr);
+    EXPECT_LT(rmtest::allocated(tag_), before);
+    EXPECT_EQ(rmalloc::headerOf(blockOf(elements_[1]))->word1, rmalloc::kLiveMagic);
+    EXPECT_NE(rmalloc::headerOf(blockOf(elements_[0]))->word1, rmalloc::kLiveMagic);
+}
+
+// The line cannot be written, and the call does not come back. What has not been freed is still the
+// pool's.
+TEST_F(PoolBesideDamage, LeavesTheLockWhenTheLineEndsTheCall)
+{
+    std::filesystem::create_directory("logs");
+    sysfile = rm_fileOpen("logs/log", RM_O_WRONLY | RM_O_CREAT, FILE_STREAM | FILE_FATAL, 0, 0);
+    ASSERT_NE(sysfile, RM_NONE);
+    file::usedEntry(sysfile)->recentlyUsed = 0;
+    file::lruNext = sysfile;
+    file::closeOneOpenFile();
+    std::filesystem::rename("logs", "gone");
+    rm_systemLog(2);
+    linesOf([&] { EXPECT_EQ(catchFatal([&] { rm_zFreePool(&pool_); }), 1); });
+    rm_systemLog(0);
+    ASSERT_NE(pool_, nullptr);
+    EXPECT_EQ(lockOf(pool_), 1);
+    EXPECT_THAT(freeElements(pool_), ElementsAre(elements_[0]));
+    EXPECT_THAT(linesOf([&] { EXPECT_EQ(rm_zFreePool(&pool_), 0); }), IsEmpty());
+    EXPECT_EQ(pool_, nullptr);
+    rm_systemLogClose();
+}
+
+// Somebody else has the lock when the line has been written.
+TEST_F(PoolBesideDamage, EndsWithATimeoutAndAPoolThatCanBeFreedLater)
+{
+    const ScopedFault held({.call = Call::kSemtimedop, .error = EAGAIN, .skip = 1});
+    EXPECT_EQ(linesOf([&] { EXPECT_EQ(rm_zFreePool(&pool_), 1); }), refused());
+    ASSERT_NE(pool_, nullptr);
+    EXPECT_THAT(freeElements(pool_), ElementsAre(elements_[0]));
+    EXPECT_THAT(linesOf([&] { EXPECT_EQ(rm_zFreePool(&pool_), 0); }), IsEmpty());
+    EXPECT_EQ(pool_, nullptr);
+}
+
+TEST_F(PoolBesideDamage, EndsOnAListThatLeadsAround)
+{
+    blockOf(elements_[1])->next = blockOf(elements_[1]);
+    Lines twice = refused();
+    twice.push_back(twice.front());
+    EXPECT_EQ(linesOf([&] { EXPECT_EQ(rm_zFreePool(&pool_), 0); }), twice);
+    EXPECT_EQ(pool_, nullptr);
+}
+
+// The record is the block that cannot be given back; the lock has gone when a line says so.
+TEST_F(PoolDamage, OfTheRecordIsSaidWhenTheLockHasGone)
+{
+    rm_syncCreate("other");  // the set outlives the pool
+    RmPool* pool = locked();
+    RmPool* record = pool;
+    rm_getMemory(16, tag_);  // the record is not the block that was taken last
+    rmalloc::Segment* segment = rmtest::segmentsOf(tag_).at(0);
+    const uint32_t before = segment->anchor.word1;
+    segment->anchor.word1 = 0x5A5A'5A5A;
+    int locks = -1;
+    const ScopedFault watch({.call = Call::kTime,
+                             .when =
+                                 [&](const CallRecord& /*record*/) {
+                                     locks = os::nSems;
+                                     return false;
+                                 },
+                             .action = nullptr});
+    EXPECT_EQ(linesOf([&] { EXPECT_EQ(rm_zFreePool(&pool), 0); }),
+              Lines{rmtest::corruptedChain(record)});
+    segment->anchor.word1 = before;
+    EXPECT_EQ(pool, nullptr);
+    EXPECT_EQ(locks, 1) << "only the other one is left";
+    EXPECT_EQ(rmalloc::headerOf(record)->word1, rmalloc::kLiveMagic);
 }
 
 }  // namespace

@@ -74,6 +74,31 @@ TEST_F(PoolUnits, BeyondTheEndEndTheFreeingOfThePool)
     EXPECT_EQ(pool_, nullptr);
 }
 
+// The segment's own word, which is as easily written over, leads to nothing outside of it.
+TEST_F(PoolUnits, OfTheSegmentMakeNothingBehindItAnElement)
+{
+    for (const bool alone : {false, true}) {
+        seg_alloc = alone ? 1 : 0;
+        RmPool* pool = rm_allocPool(0, rm_allocTag(nullptr, RM_NO_LIMIT), nullptr, 0);
+        void* element = rm_getFromPool(16, pool);
+        for (rmalloc::Segment* segment : rmtest::segmentsOf(pool->tag)) {
+            const uint32_t before = segment->units;
+            for (const uint32_t units : {0U, before + 100, 0x5A5A'5A5AU, 0xFFFF'FFFFU}) {
+                segment->units = units;
+                const uintptr_t far = uintptr_t{units / 2} * rmalloc::kUnit;
+                void* claimed =
+                    reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(element) + far + kLink);
+                EXPECT_EQ(linesOf([&] { EXPECT_EQ(rm_putInPool(claimed, pool), 0); }),
+                          (Lines{badPointer(claimed)}));
+                EXPECT_THAT(linesOf([&] { EXPECT_EQ(rm_putInPool(element, pool), 0); }), IsEmpty());
+                EXPECT_EQ(rm_getFromPool(16, pool), element);
+            }
+            segment->units = before;
+        }
+    }
+    seg_alloc = 0;
+}
+
 // Nothing that is known of a block speaks against it.
 TEST_F(PoolUnits, ThatReachTheEndAreThoseOfAnElement)
 {
