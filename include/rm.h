@@ -522,10 +522,14 @@ RM_API int16_t rm_getDiskFull(void);
  * - Blocks are aligned to 8 bytes. Each costs a header of 8 bytes, and sizes round up to 8.
  * - Blocks are carved from segments, and a segment goes back to the platform as soon as its last
  *   block is freed. With the environment variable `SEG_ALLOC` set to a number other than 0, every
- *   block is a segment of its own, which shows overruns to a memory checker.
+ * new segment is exactly as large as the block that it is made for, which shows overruns to a
+ * memory checker. Free space that is there already, such as the rest of a block that has shrunk, is
+ * used first.
  * - Memory is never short in a way that a caller could see: a request that cannot be met is fatal.
  *
- * Bad pointers and tags are logged and ignored, except where a call must return memory.
+ * Bad pointers and tags are logged and ignored, except that rm_getMemory() and what is
+ * built on it, rm_setTagName(), rm_setTagAlloc() and rm_resetTag() end fatally for a tag that is
+ * not in use. rm_setTagAlloc() says nothing of 0 and of numbers that were never given out.
  *
  * @par Example
  * @include memory.c
@@ -534,8 +538,8 @@ RM_API int16_t rm_getDiskFull(void);
 
 #define RM_NO_LIMIT 0xFFFFFFFFU /**< a tag without a limit */
 
-/** Nonzero: every block is a segment of its own. Initially 0; read from the variable `SEG_ALLOC`,
- * local environment first, whenever the table of tags is made. */
+/** Nonzero: every new segment is as large as the one block that it is made for. Initially 0; read
+ * from the variable `SEG_ALLOC`, local environment first, whenever the table of tags is made. */
 extern RM_API int16_t seg_alloc;
 
 /** Limit in bytes that tag 1 gets when the first allocation makes it. Initially ::RM_NO_LIMIT; set
@@ -680,8 +684,9 @@ RM_API void rm_zFreeMemory(void* pointerAddress, int16_t tag);
  * @param pointer the block; or null, which makes this rm_getMemory()
  * @param newSize bytes
  * @param tag the tag under which the block was allocated
- * @return the block, possibly moved; or null, with nothing changed, when the pointer is no live
- *         block of the tag or the tag is not in use
+ * @return the block, possibly moved; or null, with nothing changed and the old block still the
+ *         caller's, when the pointer is no live block of the tag, the tag is not in use, or the
+ * free blocks beside it were written over
  * @fatal memory
  * @memory the caller's, under `tag`; the old address is no longer valid
  * @log as rm_freeMemory(), with "Invalid tag %d supplied to rm_extendMemory"; "Out of memory!"
@@ -697,7 +702,9 @@ RM_API void* rm_extendMemory(void* pointer, uint32_t newSize, int16_t tag);
  *                looked at
  * @param size bytes
  * @param tag the tag under which the block was allocated. A block of another tag that
- *            is large enough is returned; a smaller one stays, with a line, and a new one is taken.
+ *            is large enough is returned; a smaller one stays, with two lines, and a
+ *            new one is taken. So does, with one line, a smaller block whose neighbours were
+ * written over.
  * @return the block or a new one; null when the tag is not in use, as all are before the first
  *         allocation, or the pointer is no live block
  * @fatal memory
@@ -817,10 +824,12 @@ RM_API int rm_putInPool(void* element, RmPool* pool);
  *
  * @param[in,out] pool address of the pointer to the pool, which becomes null; null, or the address
  *                     of a null pointer, does nothing
- * @return 0; ::RM_TIMEOUT when the lock was not free in time: nothing was done
- * @fatal never without a lock; with one, syscall
+ * @return 0; ::RM_TIMEOUT when the lock was not free in time: nothing was done; or, in a damaged
+ * heap, not again after a line: call it again, the pool has the elements that are left
+ * @fatal with a lock, syscall; as rm_systemLogWrite() for the lines about a damaged heap
  * @locks the pool's
- * @log as rm_getFromPool(), and as rm_syncDelete()
+ * @log "WARNING: attempting to free bad pointer, %p" and "WARNING: corrupted free chain searching
+ * for %p" for what was written over: it stays in the tag; as rm_syncDelete()
  */
 RM_API int rm_zFreePool(RmPool** pool);
 
@@ -880,8 +889,10 @@ RM_API int rm_zFreePool(RmPool** pool);
  *   segments, in the order in which it got them.
  * - The first line gives the number, name, limit (-1 for none) and bytes of a tag; a number that is
  *   not in use is left out. **Without DETAIL a tag that was released counts as an empty one**, and
- *   with ::RM_REPORT_TAG so does any number.
- * - The size of a segment is that without its header of 24 bytes.
+ * with ::RM_REPORT_TAG so does any number, once there is a tag: before the first allocation and
+ * after rm_freeall() there is no line for any.
+ * - The size of a segment is that without its header of 24 bytes, whatever stands in that header; 0
+ *   when what is kept of it was written over, too.
  * - A block has the address of its header, its bytes and its tag. The first of the free ones is the
  *   anchor that their list begins with, of 0 bytes; it is not counted.
  * - The last figure of the last SUMMARY line is the number of tags, like that of active tags.
@@ -892,6 +903,8 @@ RM_API int rm_zFreePool(RmPool** pool);
  * - "WARNING: Segment block count, %u mismatch with counted blocks, %lu"
  * - "WARNING: Segment unit count, %lu mismatch with counted units, %lu": units of 8 bytes, **the
  *   counted ones first**
+ * - "WARNING: memory check: tag %d, segment %p: the chain of segments is not as it is kept", when
+ * the header of a segment leads elsewhere
  * - "WARNING: Tag byte count, %lu mismatch with counted blocks, %lu"
  *
  * A header that was written over is never followed out of its segment.
