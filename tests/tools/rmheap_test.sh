@@ -388,6 +388,21 @@ WarningsOfTheLibraryAreDamage() {
     expect_json '.damage#=3'
 }
 
+ASegmentThatDoesNotLeadToTheNextIsDamage() {
+    heading
+    log 'TAG 1(  sessions): limit=-1, allocated=24' 'SEGMENT @ 0x1000   size=200' \
+        'SEGMENT: 24 allocated bytes in 1 block' '         176 free bytes in 1 block' \
+        'WARNING: memory check: tag 1, segment 0x1000: the chain of segments is not as it is kept'
+    closing
+    run f.log
+    expect_status 3
+    expect_line '^DAMAGED: '
+    expect_line '^  tag 1 \(sessions\), segment 0x1000: its header does not lead to the next segment$'
+    run --json f.log
+    expect_status 3
+    expect_json '.damage#=1'
+}
+
 WarningsBelongToTheRowBehindThem() {
     heading
     log '       allocated/blocks     freed/blocks  segs' \

@@ -166,8 +166,25 @@ Line classifySegment(Scanner scanner)
     return line;
 }
 
+// "memory check: tag 3, segment 0x7f0123456000: the chain of segments is not as it is kept"
+Line classifyMemoryCheck(Scanner scanner)
+{
+    Line line;
+    uint64_t tag = 0;
+    if (scanner.number(tag) && tag <= INT16_MAX && scanner.literal(", segment ") &&
+        scanner.address(line.address) &&
+        scanner.rest == ": the chain of segments is not as it is kept") {
+        line.kind = Kind::kChainBroken;
+        line.tag = static_cast<int>(tag);
+    }
+    return line;
+}
+
 Line classifyWarning(Scanner scanner)
 {
+    if (scanner.literal("memory check: tag ")) {
+        return classifyMemoryCheck(scanner);
+    }
     Line line;
     Kind kind = Kind::kBlockMismatch;
     std::string_view middle = " mismatch with counted blocks, ";

@@ -26,6 +26,7 @@ enum class Kind {
     kBlockMismatch,  // first: stored, second: found
     kUnitMismatch,
     kByteMismatch,
+    kChainBroken,  // tag, address of the segment
     kDone,
     kTagBroken,  // tag, name: a line of a tag without its end
 };

@@ -238,6 +238,9 @@ void Reader::applyToSegment(const Line& line)
         case Kind::kByteMismatch:
             takeMismatch(line);
             break;
+        case Kind::kChainBroken:
+            takeWarning({Mismatch::kChain, line.tag, line.address, 0, 0});
+            break;
         default:
             applyTotals(line);
             break;
@@ -462,12 +465,17 @@ void Reader::takeFree(const Line& line)
     }
 }
 
-void Reader::takeMismatch(const Line& line)
+void Reader::takeWarning(const Warning& warning)
 {
     if (report_.warnings.size() >= kMostWarnings) {
         ++report_.moreWarnings;
-        return;
+    } else {
+        report_.warnings.push_back(warning);
     }
+}
+
+void Reader::takeMismatch(const Line& line)
+{
     Warning warning = {};
     warning.kind = line.kind == Kind::kBlockMismatch  ? Mismatch::kSegmentBlocks
                    : line.kind == Kind::kUnitMismatch ? Mismatch::kSegmentBytes
@@ -485,7 +493,7 @@ void Reader::takeMismatch(const Line& line)
                               ? segment->address
                               : uint64_t{0};
     }
-    report_.warnings.push_back(warning);
+    takeWarning(warning);
 }
 
 }  // namespace rmheap

@@ -49,6 +49,7 @@ class Reader
     void takeBlock(const Line& line);
     void takeFree(const Line& line);
     void takeMismatch(const Line& line);
+    void takeWarning(const Warning& warning);
     void takeTitle(const Message& message);
 
     std::function<void(Report&&)> take_;

@@ -58,9 +58,10 @@ struct Tag {
     std::vector<Segment> segments;
 };
 
-enum class Mismatch { kSegmentBlocks, kSegmentBytes, kTagBytes };
+enum class Mismatch { kSegmentBlocks, kSegmentBytes, kTagBytes, kChain };
 
-// Where the library says that what it has counted is not what it has found.
+// Where the library says that what it has counted is not what it has found, or that a segment does
+// not lead to the next one.
 struct Warning {
     Mismatch kind;
     int tag;           // kNoTag: not said

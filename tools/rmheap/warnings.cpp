@@ -187,7 +187,9 @@ void findDamage(const Report& report, Analysis& analysis)
         }
         text += warning.segment != 0 ? ", segment " + hexadecimal(warning.segment)
                                      : std::string(", a segment");
-        if (warning.kind == Mismatch::kSegmentBlocks) {
+        if (warning.kind == Mismatch::kChain) {
+            text += ": its header does not lead to the next segment";
+        } else if (warning.kind == Mismatch::kSegmentBlocks) {
             text += ": " + counted(warning.stored, "block") + " should be in use, " +
                     grouped(warning.found) + " can be found";
         } else {
