@@ -314,7 +314,7 @@ extern RM_API int16_t syslogon;
  * hands that file over with it. It is closed, and this reset to -1, by rm_systemLogClose(), the
  * first rm_exit(), rm_freeall() and a failed growth; also when its handle is given up in another
  * way. After a fatal error out of writing a line into it that file is left alone until it is
- * closed; another one that the host sets gets the lines.
+ * closed; another one that the host sets gets the lines, unless it fails, too.
  */
 extern RM_API int16_t sysfile;
 
@@ -529,7 +529,7 @@ RM_API int16_t rm_getDiskFull(void);
  *
  * Bad pointers and tags are logged and ignored, except that rm_getMemory() and what is
  * built on it, rm_setTagName(), rm_setTagAlloc() and rm_resetTag() end fatally for a tag that is
- * not in use. rm_setTagAlloc() says nothing of 0 and of numbers that were never given out.
+ * not in use. rm_setTagAlloc() says nothing of 0 and of numbers that are no tag's, released or not.
  *
  * @par Example
  * @include memory.c
@@ -686,7 +686,7 @@ RM_API void rm_zFreeMemory(void* pointerAddress, int16_t tag);
  * @param tag the tag under which the block was allocated
  * @return the block, possibly moved; or null, with nothing changed and the old block still the
  *         caller's, when the pointer is no live block of the tag, the tag is not in use, or the
- * free blocks beside it were written over
+ *         free blocks beside it were written over
  * @fatal memory
  * @memory the caller's, under `tag`; the old address is no longer valid
  * @log as rm_freeMemory(), with "Invalid tag %d supplied to rm_extendMemory"; "Out of memory!"
@@ -704,7 +704,7 @@ RM_API void* rm_extendMemory(void* pointer, uint32_t newSize, int16_t tag);
  * @param tag the tag under which the block was allocated. A block of another tag that
  *            is large enough is returned; a smaller one stays, with two lines, and a
  *            new one is taken. So does, with one line, a smaller block whose neighbours were
- * written over.
+ *            written over.
  * @return the block or a new one; null when the tag is not in use, as all are before the first
  *         allocation, or the pointer is no live block
  * @fatal memory
@@ -825,11 +825,11 @@ RM_API int rm_putInPool(void* element, RmPool* pool);
  * @param[in,out] pool address of the pointer to the pool, which becomes null; null, or the address
  *                     of a null pointer, does nothing
  * @return 0; ::RM_TIMEOUT when the lock was not free in time: nothing was done; or, in a damaged
- * heap, not again after a line: call it again, the pool has the elements that are left
+ *         heap, not again after a line: call it again, the pool has the elements that are left
  * @fatal with a lock, syscall; as rm_systemLogWrite() for the lines about a damaged heap
  * @locks the pool's
  * @log "WARNING: attempting to free bad pointer, %p" and "WARNING: corrupted free chain searching
- * for %p" for what was written over: it stays in the tag; as rm_syncDelete()
+ *      for %p" for what was written over: it stays in the tag; as rm_syncDelete()
  */
 RM_API int rm_zFreePool(RmPool** pool);
 
@@ -904,7 +904,7 @@ RM_API int rm_zFreePool(RmPool** pool);
  * - "WARNING: Segment unit count, %lu mismatch with counted units, %lu": units of 8 bytes, **the
  *   counted ones first**
  * - "WARNING: memory check: tag %d, segment %p: the chain of segments is not as it is kept", when
- * the header of a segment leads elsewhere
+ *   the header of a segment leads elsewhere
  * - "WARNING: Tag byte count, %lu mismatch with counted blocks, %lu"
  *
  * A header that was written over is never followed out of its segment.
@@ -1267,9 +1267,9 @@ RM_API void catchAlarm(int signalNumber);
  * @param[out] address where the object is attached in this process; aligned to a page, and good
  *             until the process ends, even when the object is deleted
  * @return the handle, 0 to 19, lowest free slot first. After "shmget() failure" and "shmat()
- * failure" the slot is kept until it is deleted or, without another object, until the next
- * creation; a segment that it had got then stays in the system, as it may be another process's.
- * After any other failure there is nothing to delete.
+ *         failure" the slot is kept until it is deleted or, without another object, until the next
+ *         creation; a segment that it had got then stays in the system, as it may be another
+ *         process's. After any other failure there is nothing to delete.
  * @fatal syscall, memory
  * @memory the name's copy is the library's, under tag 0. rm_freeall(), or a release of tag 0,
  *         forgets the objects without removing them: delete them first.
@@ -1331,8 +1331,8 @@ RM_API int16_t rm_gshmTerminate(void);
  * @param name **kept as a pointer, not copied**: it must stay as it is for as long as the queue
  *             exists, so give a literal. Null counts as an empty one.
  * @return the handle, 0 to 4, lowest free slot first. After "msgget() failure" the slot is kept
- * until it is deleted; without memory until then or, when no other queue exists, until the next
- *         creation. After any other failure there is nothing to delete.
+ *         until it is deleted; without memory until then or, when no other queue exists, until the
+ * next creation. After any other failure there is nothing to delete.
  * @fatal syscall, memory
  * @memory the buffer of 32 KiB is the library's, under tag 0. rm_freeall(), or a release of tag 0,
  *         forgets the queues without removing them: delete them first.
@@ -1947,8 +1947,8 @@ RM_API uint32_t rm_fileSeek(int16_t handle, uint32_t offset);
  * @param format printf format
  * @param ... the arguments of the format
  * @return bytes written, the low 16 bits of the number; 0 for an invalid handle and when the write
- * failed, which is neither logged nor fatal, whatever the mode; what the system took before it
- * refused the rest stays in the file
+ *         failed, which is neither logged nor fatal, whatever the mode; what the system took before
+ *         it refused the rest stays in the file
  * @fatal lock, syscall, mode; also for a file without a stream, and while no file at all is open
  * @locks #fileSem; #growSem when a reopened file is extended
  * @log "rm_filePrintf: invalid handle %d";
@@ -2154,7 +2154,7 @@ RM_API void rm_fileCounts(uint32_t* open, uint32_t* parked, uint32_t* parkings, 
  *
  * **Success does not mean that all bytes arrived**: failed reads and writes are in the log and
  * nowhere else. A read that fails ends the copy; after a write that fails it goes on, as far as the
- * source reached then (a pipe, which has no length, to its end), and the copy lacks those bytes.
+ * source reached then (a pipe or a device has no length: the copy ends), and lacks those bytes.
  * Who has to know compares lengths, or uses rm_fileMove(), which does know.
  *
  * @param source path of the file; a directory is copied as an empty file
@@ -2182,8 +2182,8 @@ RM_API int32_t rm_fileCopy(const char* source, const char* destination);
  * @param destination its new path; a file there is removed first, or replaced by the renaming
  * @return 0, also when both paths are the same text: then nothing is done; ::RM_COPY_FAILED when it
  *         could be neither renamed nor copied whole, or when the copy was removed or replaced
- * meanwhile. Then the source is still there, and at the destination may be a part of it. **Two
- * spellings of one path lose the file**: as the destination it is removed first.
+ *         meanwhile. Then the source is still there, and at the destination may be a part of it.
+ *         **Two spellings of one path lose the file**: as the destination it is removed first.
  * @fatal lock, memory, syscall
  * @locks #fileSem, when it copies
  * @log as rm_fileCopy() and rm_fileSync()
@@ -3118,8 +3118,8 @@ RM_API int strnicmp(const char* a, const char* b, uint32_t n);
 /**
  * Splits a text into words at white space. There is no quoting: every other byte is part of a word.
  *
- * @param[in,out] text the text; zeros are written over its white space, and its words stay
- *                     where they are: it must outlive the array
+ * @param[in,out] text the text; zeros are written over the white space around its words, which
+ *                     stay where they are: it must outlive the array
  * @param[out] count number of words
  * @param[out] argv array of `count` pointers to the words, without a null behind them; null when
  *                  there is no word
@@ -3176,7 +3176,7 @@ RM_API char* StrncpyZ(char* destination, const char* source, int n);
  * Reads a line without its newline. Of a line that does not fit, the rest is read and dropped.
  * Standard output is flushed first, so that a prompt is seen.
  *
- * @param[out] buffer `size` bytes; behind the terminator it stays as it is
+ * @param[out] buffer `size` bytes; behind the terminator of a line it stays as it is
  * @param size bytes of the buffer; a line of `size` - 1 bytes fits. With 1 the text is empty and
  *             the line is dropped; with 0 or less nothing is written at all.
  * @param stream an open stream

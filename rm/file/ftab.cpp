@@ -25,6 +25,7 @@
 // time-out; no memory; an open in fatal mode.
 #include "rm/file/file.h"
 #include "rm/rmsrv/rmsrv.h"
+#include "rm/rmutil/rmutil.h"
 #include "rm/unix/unix.h"
 
 #include <algorithm>
@@ -137,14 +138,15 @@ int16_t closeDescriptor(FileEntry* entry)
 
 void freeSlot(FileEntry* entry)
 {
-    // A later file may get this handle, and with it neither the log's lines nor the distrust in a
-    // log that has failed.
+    // A later file may get this handle, and with it neither the log's lines, nor the distrust in a
+    // log that has failed, nor an end by who has noted it.
     if (entry == usedEntry(rmsrv::failedLogFile)) {
         rmsrv::trustLogFile();
     }
     if (entry == usedEntry(sysfile)) {
-        sysfile = RM_NONE;
+        rmsrv::forgetLogFile();
     }
+    rmutil::forgetAbandoned(entry);
     if (entry->fd != -1) {
         closeDescriptor(entry);
     }
@@ -456,6 +458,7 @@ void file::forgetTable()
     }
     if (ftab != nullptr) {
         rmsrv::forgetLogFile();
+        rmsrv::trustLogFile();
     }
     ftab = nullptr;
     ftabSize = 0;

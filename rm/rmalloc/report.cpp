@@ -143,15 +143,20 @@ bool enterFrom(Position* place, uint32_t slot)
 bool isThere(Position* place)
 {
     const SegmentMap* map = place->map;
+    const Chain* chain = &chains[place->tag];
     const uint32_t slots = slotsOf(place->tag);
-    if (place->slot < slots && enterSlot(place, place->slot) && place->map == map) {
-        return true;
+    uint32_t slot = place->slot;
+    if (slot >= slots || mapInSlot(chain, slot) != map) {
+        slot = 0;
+        while (slot < slots && mapInSlot(chain, slot) != map) {
+            ++slot;
+        }
     }
-    uint32_t slot = 0;
-    while (slot < slots && mapInSlot(&chains[place->tag], slot) != map) {
-        ++slot;
+    if (slot == slots) {
+        return false;
     }
-    return slot < slots && enterSlot(place, slot);
+    enterSlot(place, slot);
+    return true;
 }
 
 void add(Counts* sum, const Counts& counts)

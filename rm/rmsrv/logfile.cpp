@@ -42,8 +42,10 @@ void keepPrevious(const char* path)
 
 void rmsrv::forgetLogFile()
 {
+    if (failedLogFile == sysfile || failedLogFile == kEveryLogFile) {
+        trustLogFile();
+    }
     sysfile = RM_NONE;
-    trustLogFile();
 }
 
 void rm_systemLogOpen(const char* path)

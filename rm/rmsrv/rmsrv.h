@@ -51,6 +51,9 @@ constexpr std::size_t kLogMessageSize = 260;  // bytes of one message, terminato
 extern int32_t writingLogFile;  // the re-entry flag: 1 while a line goes into the log file
 extern int16_t failedLogFile;   // the handle of a log file that gets no lines; RM_NONE for none
 
+// In place of that handle: two have failed, and the next one may be the first of them again.
+constexpr int16_t kEveryLogFile = -2;
+
 // Called when frames are abandoned. A line that was on its way into the log file has failed it:
 // until that file is closed, lines go to standard error only, unless the host has set another one.
 // A host that logs in its shutdown processing would else come back to it for ever.

@@ -97,7 +97,8 @@ void formatLine(Line* line, const char* format, va_list arguments)
 void rmsrv::abandonLogLine()
 {
     if (writingLogFile != 0 && sysfile != RM_NONE) {
-        failedLogFile = sysfile;
+        const bool first = failedLogFile == RM_NONE || failedLogFile == sysfile;
+        failedLogFile = first ? sysfile : kEveryLogFile;
     }
     writingLogFile = 0;
 }
@@ -131,7 +132,7 @@ void rm_systemLogWrite(const char* format, ...)
     std::fflush(stdout);
 
     if (rmsrv::writingLogFile == 0 && syslogon >= kLevelWithLogFile && sysfile != RM_NONE &&
-        sysfile != rmsrv::failedLogFile) {
+        sysfile != rmsrv::failedLogFile && rmsrv::failedLogFile != rmsrv::kEveryLogFile) {
         rmsrv::writingLogFile = 1;
         rm_filePrintf(sysfile, "%s", line.text);
         rmsrv::writingLogFile = 0;

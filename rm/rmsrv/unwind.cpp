@@ -13,7 +13,7 @@ void rmsrv::unwindTo(jmp_buf env, int value)
 {
     file::abandonOperations();
     rmutil::abandonRewrite();
-    rmutil::forgetGoneHandles();
+    rmutil::abandonOwnFiles();
     abandonLogLine();
     leaveFatalPath();
     longjmp(env, value);

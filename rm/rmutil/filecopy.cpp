@@ -20,7 +20,6 @@
 #include "rm/unix/unix.h"
 
 #include <cstring>
-#include <limits>
 
 using namespace rmutil;
 
@@ -84,14 +83,6 @@ bool writeWhole(FileHandle handle, const char* bytes, uint32_t count)
     return true;
 }
 
-// Where reading ends once a write has failed: the source may be the log file, which grows with each
-// of them. What gives bytes and has no length, as a pipe, ends by itself.
-uint32_t endOf(FileHandle source)
-{
-    const uint32_t length = rm_fileLength(source);
-    return length != 0 ? length : std::numeric_limits<uint32_t>::max();
-}
-
 // Copies what there is between two open files. A read that fails ends the copy; after a write that
 // fails it goes on, and the destination lacks those bytes.
 Arrival transfer(FileHandle source, FileHandle destination)
@@ -104,7 +95,9 @@ Arrival transfer(FileHandle source, FileHandle destination)
     while (count != 0) {
         if (!writeWhole(destination, buffer, count) && arrival == Arrival::kWritten) {
             arrival = Arrival::kUnknown;
-            end = endOf(source);
+            // The source may be the log file, which grows with every write that fails; what has no
+            // length may give bytes for ever.
+            end = rm_fileLength(source);
         }
         if (arrival == Arrival::kUnknown && rm_filePosition(source) >= end) {
             break;

@@ -4,9 +4,9 @@
 // neither replace nor remove those files any more. So they are noted here, and the next call of the
 // kind closes them.
 //
-// A handle is a small number, and the host's own file may have it by then. So a note is forgotten
-// with the table; and when a handle has vanished, on the way out of the call, before the host can
-// open anything.
+// A handle is a small number, and the host's own file may have it by then. So the note of a call
+// that did not come back is forgotten when its handle has vanished, or does later, and with the
+// whole table.
 //
 // Owns: the notes, one for each place in which a call has a file open. Calls of one kind do not
 // nest.
@@ -25,9 +25,10 @@ namespace
 struct Note {
     FileStream* stream;  // null when there is none
     FileHandle handle;   // RM_NONE when there is none
+    bool abandoned;      // the call did not come back
 };
 
-constexpr Note kNothing = {nullptr, RM_NONE};
+constexpr Note kNothing = {nullptr, RM_NONE, false};
 
 Note notes[] = {kNothing, kNothing, kNothing, kNothing};  // by OwnFile
 
@@ -46,7 +47,7 @@ FileStream* rmutil::openOwnStream(OwnFile which, const char* path, const char* m
 {
     file::enterFileSem("fileSem timeout in rm_fileOpen");
     FileStream* stream = rm_fileStreamOpen(path, mode);
-    notes[which] = {stream, stream != nullptr ? stream->handle : int16_t{RM_NONE}};
+    notes[which] = {stream, stream != nullptr ? stream->handle : int16_t{RM_NONE}, false};
     file::leaveFileSem();
     return stream;
 }
@@ -59,7 +60,7 @@ FileHandle rmutil::openOwn(OwnFile which, const char* path, uint32_t openFlags,
     if (handle == 0) {
         handle = RM_NONE;  // Deliberate: a failure to who copies, and stays open
     }
-    notes[which].handle = handle;
+    notes[which] = {nullptr, handle, false};
     file::leaveFileSem();
     return handle;
 }
@@ -96,10 +97,20 @@ void rmutil::forgetOwnHandles()
     }
 }
 
-void rmutil::forgetGoneHandles()
+void rmutil::abandonOwnFiles()
 {
     for (Note& note : notes) {
+        note.abandoned = true;
         if (file::usedEntry(note.handle) == nullptr) {
+            forgetHandle(&note);
+        }
+    }
+}
+
+void rmutil::forgetAbandoned(const file::FileEntry* entry)
+{
+    for (Note& note : notes) {
+        if (note.abandoned && file::usedEntry(note.handle) == entry) {
             forgetHandle(&note);
         }
     }

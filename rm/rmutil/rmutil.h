@@ -17,6 +17,11 @@
 #include <span>
 #include <string_view>
 
+namespace file
+{
+struct FileEntry;
+}  // namespace file
+
 namespace rmutil
 {
 constexpr uint32_t kStreamBlock = 512;  // bytes
@@ -134,8 +139,11 @@ void closeOwn(OwnFile which);
 void forgetOwnStreams();
 void forgetOwnHandles();
 
-// Forgets the handles that are free by now, when the frames that used them are abandoned.
-void forgetGoneHandles();
+// The frames that used them are abandoned. Forgets the handles that are free by now.
+void abandonOwnFiles();
+
+// Forgets an abandoned handle: its slot is about to be free.
+void forgetAbandoned(const file::FileEntry* entry);
 
 // --- iniread.cpp
 

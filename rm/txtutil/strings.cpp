@@ -97,7 +97,7 @@ std::size_t readLine(char* buffer, std::size_t most, FILE* stream)
     int c = 0;
     flockfile(stream);  // for the whole line: threads that read one stream do not mix theirs
     while (count < most && c != '\n' && c != EOF) {
-        c = getc_unlocked(stream);
+        c = getc(stream);
         if (c != EOF) {
             buffer[count++] = static_cast<char>(c);
         }

@@ -158,7 +158,6 @@ constexpr std::array kTable = {
     CallRow{"fwrite", Call::kFwrite, nullptr, Own::kNone, 0, kFwrite, {}, kNothing},
     CallRow{"vfprintf", Call::kVfprintf, nullptr, Own::kNone, -1, kPrint, {}, kNothing},
     CallRow{"printf", Call::kNone, nullptr, Own::kPrintf, -1, kPrint, {}, kNothing},
-    CallRow{"fgets", Call::kNone, nullptr, Own::kFgets, 0, kGets, {}, kNothing},
     CallRow{"getc", Call::kNone, nullptr, Own::kGetc, kEof, kGets, {}, kNothing},
     CallRow{"semget", Call::kSemget, nullptr, Own::kNone, -1, kSemget, kSemgetEnds, kNothing},
     CallRow{"semop", Call::kSemop, mayWait, Own::kNone, -1, kWaitingSemop, kSemopEnds, kNothing},

@@ -31,7 +31,7 @@ struct Outcome {
 std::string nameOf(const Outcome& outcome);
 
 // Calls that tests/support does not wrap; this program does.
-enum class Own : uint8_t { kNone, kFgets, kGetc, kPrintf };
+enum class Own : uint8_t { kNone, kGetc, kPrintf };
 
 // What a failure may leave behind when it comes from the call that was to remove it.
 enum Leaves : uint8_t {

@@ -464,8 +464,6 @@ void __gcov_dump(void) __attribute__((weak));  // only in a build that counts co
 
 [[noreturn]] void __real__exit(int status);
 [[noreturn]] void __wrap__exit(int status);
-char* __real_fgets(char* buffer, int size, FILE* stream);
-char* __wrap_fgets(char* buffer, int size, FILE* stream);
 int __real_getc(FILE* stream);
 int __wrap_getc(FILE* stream);
 int __real_vfprintf(FILE* stream, const char* format, va_list arguments);
@@ -489,11 +487,6 @@ void __wrap__exit(int status)
         __gcov_dump();
     }
     __real__exit(status);
-}
-
-char* __wrap_fgets(char* buffer, int size, FILE* stream)
-{
-    return fails(Own::kFgets) ? nullptr : __real_fgets(buffer, size, stream);
 }
 
 int __wrap_getc(FILE* stream)

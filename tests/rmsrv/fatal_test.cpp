@@ -1052,7 +1052,7 @@ TEST_F(ExitOnce, AStepThatFailsComesBackToTheFatalTarget)
     const int set = os::iSem;
     Outcome outcome;
     {
-        ScopedFault fault({.call = Call::kSemctl, .error = EIDRM});
+        ScopedFault fault({.call = Call::kSemctl, .error = EACCES});
         outcome = outcomeOf([] { rm_exit(5); });
     }
     EXPECT_EQ(outcome.jumped, 1);

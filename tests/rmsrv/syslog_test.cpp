@@ -769,6 +769,38 @@ TEST_F(LogFileFails, AfterAFatalOneItIsLeftAloneThoughAnotherHasStoodInForIt)
     EXPECT_EQ(readFile(kLogPath), "");
 }
 
+TEST_F(LogFileFails, AfterAFatalOneItIsLeftAloneThoughTheLogWasClosedWithAnother)
+{
+    openLog();
+    failTheLog();
+    const int16_t failed = sysfile;
+    sysfile = openForTheLog("other.log");
+    rm_systemLogClose();
+    rm_systemLog(2);
+    sysfile = failed;
+    captureStderr([] { rm_systemLogWrite("nowhere"); });
+    EXPECT_EQ(readFile(kLogPath), "");
+}
+
+TEST_F(LogFileFails, AfterTwoNoneIsTrustedUntilOneIsClosed)
+{
+    openLog();
+    failTheLog();
+    const int16_t failed = sysfile;
+    const int16_t other = openForTheLog("other.log");
+    sysfile = other;
+    failTheLog();
+    for (const int16_t log : {failed, other, openForTheLog("third.log")}) {
+        sysfile = log;
+        captureStderr([] { rm_systemLogWrite("nowhere"); });
+    }
+    EXPECT_EQ(readFile(kLogPath) + readFile("other.log") + readFile("third.log"), "");
+    rm_fileClose(sysfile);
+    sysfile = openForTheLog("fourth.log");
+    captureStderr([] { rm_systemLogWrite("there"); });
+    EXPECT_THAT(logLines(readFile("fourth.log")), ElementsAre("there"));
+}
+
 TEST_F(LogFileFails, AfterAFatalOneTheNextFileWithItsHandleIsTrusted)
 {
     openLog();

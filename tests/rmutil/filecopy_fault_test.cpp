@@ -223,23 +223,14 @@ TEST_F(CopyFault, OfAWriteEndsTheCopyWhereTheSourceEndedThen)
     EXPECT_EQ(readFile("dst"), block('b') + block('c'));
 }
 
-// What has no length is read to its end all the same.
-TEST_F(CopyFault, OfOneWriteFromAPipeLosesOneStep)
+// It may give bytes for ever.
+TEST_F(CopyFault, OfAWriteEndsTheCopyOfWhatHasNoLength)
 {
-    std::filesystem::remove("src");
-    ASSERT_EQ(mkfifo("src", 0600), 0);
-    rmtest::Peer peer([](rmtest::Peer::Channel&) {
-        const int pipe = ::open("src", O_WRONLY | O_CLOEXEC);
-        for (const char letter : {'a', 'b', 'c', 'd'}) {
-            EXPECT_EQ(::write(pipe, block(letter).data(), kStep), static_cast<ssize_t>(kStep));
-        }
-        close(pipe);
+    under(failing(Call::kWrite, EIO), [] {
+        EXPECT_THAT(linesOf([] { EXPECT_EQ(rm_fileCopy("/dev/zero", "dst"), RM_SUCCESS); }),
+                    ElementsAre(cannotWrite(EIO)));
     });
-    const ScopedFault fault(failing(Call::kWrite, EIO, 1));
-    EXPECT_THAT(linesOf([] { EXPECT_EQ(rm_fileCopy("src", "dst"), RM_SUCCESS); }),
-                ElementsAre(cannotWrite(EIO)));
-    EXPECT_EQ(peer.wait().status, 0);
-    EXPECT_EQ(readFile("dst"), block('a') + block('c') + block('d'));
+    EXPECT_EQ(readFile("dst"), "");
 }
 
 // --- No memory, and no lock: fatal
@@ -353,6 +344,14 @@ TEST_F(CopyLeft, IsClosedByTheNextMove)
     EXPECT_EQ(readFile("dst"), block('a') + block('b') + block('c'));
     EXPECT_FALSE(isThere("src"));
     EXPECT_EQ(file::nHandles, 1);
+}
+
+TEST_F(CopyLeft, IsNoHandleThatTheHostHasClosed)
+{
+    abandonACopy();
+    rm_fileClose(1);
+    rm_fileClose(2);
+    expectFilesOfTheHostStay();
 }
 
 TEST_F(CopyLeft, OfAnOpeningIsClosedByTheNextCopy)
