@@ -1,6 +1,7 @@
 // Sync objects between processes: exclusion, events, time-outs, and what one process does to the
 // others when it dies, exits or deletes. Peers are forked after the objects were made, as workers
 // of a server are, unless the case says otherwise.
+#include "tests/support/printed.h"
 #include "tests/support/support.h"
 
 #include "rm.h"
@@ -33,13 +34,11 @@ namespace
 using rmtest::Call;
 using rmtest::callCount;
 using rmtest::callTrace;
-using rmtest::captureStderr;
-using rmtest::captureStdout;
-using rmtest::catchFatal;
 using rmtest::ChildResult;
 using rmtest::ipcObjects;
 using rmtest::logLines;
 using rmtest::Peer;
+using rmtest::printedBy;
 using rmtest::resetCalls;
 using rmtest::runChild;
 using rmtest::semValue;
@@ -58,16 +57,6 @@ std::string failure(const char* function, const char* message, int error)
     std::snprintf(line.data(), line.size(), "**** %s() %s, errno=%d (%s)\n", function, message,
                   error, std::strerror(error));
     return line.data();
-}
-
-// What `body`, which must end in the fatal path, prints on the way.
-std::string printedBy(const std::function<void()>& body)
-{
-    int jumped = 0;
-    std::string out;
-    captureStderr([&] { out = captureStdout([&] { jumped = catchFatal(body); }); });
-    EXPECT_EQ(jumped, 1) << "no fatal error";
-    return out;
 }
 
 double secondsSince(Clock::time_point start)

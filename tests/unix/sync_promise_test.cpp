@@ -1,5 +1,6 @@
 // Sync objects at the places where two rules meet: the errno of a handle that is none, the order of
 // flag, handler and alarm, waits that end fatally, and a set that no object uses.
+#include "tests/support/printed.h"
 #include "tests/support/support.h"
 
 #include "rm.h"
@@ -27,25 +28,13 @@ using rmtest::Call;
 using rmtest::callCount;
 using rmtest::CallRecord;
 using rmtest::callTrace;
-using rmtest::captureStderr;
-using rmtest::captureStdout;
-using rmtest::catchFatal;
 using rmtest::failure;
+using rmtest::printedBy;
 using rmtest::resetCalls;
 using rmtest::ScopedFault;
 using rmtest::semValue;
 
 constexpr const char* kToken = ".ZNT.RM.SEM";
-
-// What `body`, which must end in the fatal path, prints on the way.
-std::string printedBy(const std::function<void()>& body)
-{
-    int jumped = 0;
-    std::string out;
-    captureStderr([&] { out = captureStdout([&] { jumped = catchFatal(body); }); });
-    EXPECT_EQ(jumped, 1) << "no fatal error";
-    return out;
-}
 
 class SyncPromiseCase : public rmtest::RmTest
 {

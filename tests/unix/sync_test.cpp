@@ -1,6 +1,7 @@
 // Sync objects within one process: the table, the set and its token file, locks, events, time-outs
 // and the system calls that each operation makes. What takes several processes is tested in
 // tests/multiprocess, what takes a failing system call in sync_fault_test.cpp.
+#include "tests/support/printed.h"
 #include "tests/support/support.h"
 
 #include "rm.h"
@@ -38,9 +39,9 @@ using rmtest::callCount;
 using rmtest::CallRecord;
 using rmtest::callTrace;
 using rmtest::captureStderr;
-using rmtest::captureStdout;
 using rmtest::catchFatal;
 using rmtest::kForever;
+using rmtest::printedBy;
 using rmtest::readFile;
 using rmtest::resetCalls;
 using rmtest::ScopedFault;
@@ -145,16 +146,6 @@ std::string failure(const char* function, const char* message, int error)
     std::snprintf(line.data(), line.size(), "**** %s() %s, errno=%d (%s)\n", function, message,
                   error, std::strerror(error));
     return line.data();
-}
-
-// What `body`, which must end in the fatal path, prints on the way.
-std::string printedBy(const std::function<void()>& body)
-{
-    int jumped = 0;
-    std::string out;
-    captureStderr([&] { out = captureStdout([&] { jumped = catchFatal(body); }); });
-    EXPECT_EQ(jumped, 1) << "no fatal error";
-    return out;
 }
 
 int valueOf(int16_t handle)
