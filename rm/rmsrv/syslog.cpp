@@ -97,8 +97,7 @@ void formatLine(Line* line, const char* format, va_list arguments)
 void rmsrv::abandonLogLine()
 {
     if (writingLogFile != 0 && sysfile != RM_NONE) {
-        const bool first = failedLogFile == RM_NONE || failedLogFile == sysfile;
-        failedLogFile = first ? sysfile : kEveryLogFile;
+        failedLogFile = failedLogFile == RM_NONE ? sysfile : kEveryLogFile;
     }
     writingLogFile = 0;
 }

@@ -29,7 +29,8 @@ class Freeable : public rmtest::HeapTest
     }
 };
 
-constexpr const char* kHeaps[] = {"[1] [3] 4 [1] 2 [2]", "3 [2] [1] 5 [1]", "[2] 4 [1] 3", "[4]"};
+constexpr const char* kHeaps[] = {"[1] [3] 4 [1] 2 [2]", "3 [2] 2 [1] 5 [1]", "3 [2] [1] 5 [1]",
+                                  "[2] 4 [1] 3", "[4]"};
 
 // What may come to stand in a word: flags of blocks, links and counts, right and wrong.
 const uint32_t kWords[] = {0, 1, 2, 3, 4, 5, 9, 10, 12, 13, 0xFFEEDDCC, 0x41414141, 0xFFFFFFFF};
