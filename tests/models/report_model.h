@@ -216,6 +216,13 @@ class ReportModel
             say("SEGMENT: " + sum.sentence(true));
             say("         " + sum.sentence(false));
         }
+        compare(segment, tag, sum);
+        return sum;
+    }
+
+    // The header, and what is kept beside the segment, against what was found.
+    void compare(const Segment& segment, int tag, const Sum& sum)
+    {
         const Header header = segment.found.value_or(Header{segment.units, segment.blocks, true});
         const uint32_t live = sum.blocks[1];
         if (live != header.blocks || live != segment.blocks) {
@@ -234,7 +241,6 @@ class ReportModel
                 address(segment.anchor - kAnchorInSegment) +
                 ": the chain of segments is not as it is kept");
         }
-        return sum;
     }
 
     void sayTotals()

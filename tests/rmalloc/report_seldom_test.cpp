@@ -125,8 +125,14 @@ TEST_F(ReportLosesOneSegment, AndGoesOnInTheOneThatItStandsIn)
 TEST_F(ReportLosesOneSegment, AndFindsItWhereItHasMoved)
 {
     constexpr std::size_t kSegments = 200;
-    for (const auto& [first, last] : {std::pair<std::size_t, std::size_t>(197, 199), {2, 20}}) {
-        SCOPED_TRACE(first);
+
+    struct Kept {
+        std::size_t first;
+        std::size_t last;
+    };
+
+    for (const Kept kept : {Kept{197, 199}, Kept{2, 20}}) {
+        SCOPED_TRACE(kept.first);
         const Tag tag = rm_allocTag(nullptr, RM_NO_LIMIT);
         std::vector<void*> blocks(kSegments);
         for (void*& block : blocks) {
@@ -136,7 +142,7 @@ TEST_F(ReportLosesOneSegment, AndFindsItWhereItHasMoved)
         const uint32_t slots = rmalloc::chains[tag].bounds.length;
         constexpr int kFlagsOfTag = RM_REPORT_DETAIL | RM_REPORT_TAG;
         const Lines whole = report(kFlagsOfTag, tag);
-        const std::string stands = "SEGMENT @ " + pointerText(segments.at(first));
+        const std::string stands = "SEGMENT @ " + pointerText(segments.at(kept.first));
         const auto begin = std::find_if(whole.begin(), whole.end(), [&](const std::string& line) {
             return line.starts_with(stands);
         });
@@ -149,7 +155,7 @@ TEST_F(ReportLosesOneSegment, AndFindsItWhereItHasMoved)
                  [&](const CallRecord& call) {
                      rmtest::meetFaults([&] {
                          for (std::size_t i = 0; i < kSegments; ++i) {
-                             if (i < first || i > last) {
+                             if (i < kept.first || i > kept.last) {
                                  rm_freeMemory(blocks[i], tag);
                              }
                          }
@@ -157,7 +163,7 @@ TEST_F(ReportLosesOneSegment, AndFindsItWhereItHasMoved)
                      return passThrough(call);
                  }});
         Lines expected;
-        for (std::size_t i = 0; i <= last; ++i) {
+        for (std::size_t i = 0; i <= kept.last; ++i) {
             expected.push_back("SEGMENT @ " + pointerText(segments.at(i)));
         }
         Lines told = linesThatBegin(report(kFlagsOfTag, tag), "SEGMENT @ ");

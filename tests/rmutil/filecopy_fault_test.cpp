@@ -393,9 +393,9 @@ TEST_F(CopyLeft, HasNoBufferAfterTheReleaseOfItsTag)
 {
     abandonACopy();
     rm_freeTagMemory(0, 0);
-    std::vector<void*> blocks;
-    for (int n = 0; n < 20; ++n) {
-        blocks.push_back(rm_getMemory(kStep, 0));
+    std::vector<void*> blocks(20);
+    for (void*& block : blocks) {
+        block = rm_getMemory(kStep, 0);
     }
     EXPECT_EQ(rm_fileCopy("src", "dst"), RM_SUCCESS);
     EXPECT_EQ(file::nHandles, 1);
