@@ -2,6 +2,7 @@
 // reaches both places without a wait, whatever lock they hold and whoever is parked; and an open
 // that cannot get its memory or its locks ends at once, with the same lines in both places.
 #include "tests/file/fault_case.h"
+#include "tests/support/slowness.h"
 
 #include <signal.h>
 #include <sys/ipc.h>
@@ -20,14 +21,14 @@ constexpr const char* kOwnLog = "own.log";
 
 // Seconds within which something has happened at once. The locks are waited for fourteen.
 #ifdef __SANITIZE_ADDRESS__
-constexpr double kAtOnce = 4.0;
+const double kAtOnce = rmtest::atOnce(4.0);
 #else
-constexpr double kAtOnce = 1.0;
+const double kAtOnce = rmtest::atOnce(1.0);
 #endif
 
 // Seconds that are no wait for a lock, however busy the machine is: for sweeps of hundreds of
 // processes, whose mean has to be at once.
-constexpr double kNoWait = 7.0;
+const double kNoWait = rmtest::atOnce(7.0);
 
 void openServerLog()
 {

@@ -156,6 +156,8 @@ inline Drawn draw(std::string_view text, Tag tag)
         rmalloc::tagTable[tag].segmentSize = units * kUnitBytes + kHeader;
         for (auto token = tokens.rbegin(); token != tokens.rend(); ++token) {
             token->pointer = rm_getMemory(bytesFor(token->units), tag);
+            // Who reads a damaged heap comes by what the host has in its blocks.
+            std::memset(token->pointer, 0xA5, bytesFor(token->units));
         }
         all.insert(all.end(), tokens.begin(), tokens.end());
         tokens.clear();

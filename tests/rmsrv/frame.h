@@ -3,6 +3,7 @@
 #ifndef RM_TESTS_RMSRV_FRAME_H
 #define RM_TESTS_RMSRV_FRAME_H
 
+#include "tests/support/slowness.h"
 #include "tests/support/support.h"
 
 #include "rm.h"
@@ -37,9 +38,9 @@ constexpr const char* kSemToken = ".ZNT.RM.SEM";
 // Seconds within which a process has ended that waits for nobody. The lock that a test holds
 // against it is waited for fourteen. An instrumented process is slower in everything.
 #ifdef __SANITIZE_ADDRESS__
-constexpr double kAtOnce = 4.0;
+const double kAtOnce = rmtest::atOnce(4.0);
 #else
-constexpr double kAtOnce = 1.0;
+const double kAtOnce = rmtest::atOnce(1.0);
 #endif
 
 // Opens the log file, as a host does at its start.

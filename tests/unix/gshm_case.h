@@ -3,6 +3,7 @@
 #ifndef RM_TESTS_UNIX_GSHM_CASE_H
 #define RM_TESTS_UNIX_GSHM_CASE_H
 
+#include "tests/support/slowness.h"
 #include "tests/support/support.h"
 
 #include "rm.h"
@@ -32,7 +33,7 @@ constexpr const char* kToken = ".ZNT.RM.MEM";
 constexpr const char* kShmctl = "shmctl() failure";
 constexpr const char* kTooMany = "Deleted too many global shared memory objects";
 
-constexpr double kAtOnce = 10.0;  // seconds; less than any lock is waited for
+const double kAtOnce = rmtest::atOnce(10.0);  // seconds; less than any lock is waited for
 
 using Lines = std::vector<std::string>;
 

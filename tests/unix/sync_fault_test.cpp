@@ -1,6 +1,7 @@
 // Sync objects whose system calls fail: once and for ever after, with each errno that the call
 // documents. A failure is never returned: what is logged and printed, what state is left, and that
 // the process can still end in order and leave nothing behind is looked at for each.
+#include "tests/support/slowness.h"
 #include "tests/support/support.h"
 
 #include "rm.h"
@@ -53,7 +54,8 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 constexpr const char* kToken = ".ZNT.RM.SEM";
-constexpr double kAtOnce = 1.0;  // seconds; a process that must not wait for anything is gone then
+const double kAtOnce =
+    rmtest::atOnce(1.0);  // seconds; a process that must not wait for anything is gone then
 
 // What the process knows of its objects.
 struct State {
