@@ -512,37 +512,30 @@ TEST_F(FatalWorker, WithTargetIsMarkedAsUnwinding)
     EXPECT_EQ(child.out, "2");
 }
 
+// What the process is marked with when a fatal error writes its first line.
+void expectTermAtFirstLine(int16_t term, const std::function<void()>& end)
+{
+    static int16_t atFirstLine = -1;
+    const ScopedFault watch({.call = Call::kFwrite, .when = [](const CallRecord&) {
+                                 if (atFirstLine == -1) {
+                                     atFirstLine = rm_getOSTerm();
+                                 }
+                                 return false;
+                             }});
+    EXPECT_EQ(catchFatal(end), 1);
+    EXPECT_EQ(atFirstLine, term);
+}
+
 TEST_F(FatalWorker, IsMarkedBeforeTheBanner)
 {
     ASSERT_EQ(rm_foregroundThread(), 1);
-    EXPECT_EQ(runChild([] {
-                  static int16_t atFirstLine = -1;
-                  ScopedFault watch({.call = Call::kFwrite, .when = [](const CallRecord&) {
-                                         if (atFirstLine == -1) {
-                                             atFirstLine = rm_getOSTerm();
-                                         }
-                                         return false;
-                                     }});
-                  EXPECT_EQ(catchFatal([] { rm_errorExit(); }), 1);
-                  EXPECT_EQ(atFirstLine, 2);
-              }).status,
-              0);
+    EXPECT_EQ(runChild([] { expectTermAtFirstLine(2, [] { rm_errorExit(); }); }).status, 0);
 }
 
 TEST_F(FatalWorker, IsMarkedAfterItsOwnLines)
 {
     ASSERT_EQ(rm_foregroundThread(), 1);
-    EXPECT_EQ(runChild([] {
-                  static int16_t atFirstLine = -1;
-                  ScopedFault watch({.call = Call::kFwrite, .when = [](const CallRecord&) {
-                                         if (atFirstLine == -1) {
-                                             atFirstLine = rm_getOSTerm();
-                                         }
-                                         return false;
-                                     }});
-                  EXPECT_EQ(catchFatal([] { fatalRMExit("a problem"); }), 1);
-                  EXPECT_EQ(atFirstLine, 0);
-              }).status,
+    EXPECT_EQ(runChild([] { expectTermAtFirstLine(0, [] { fatalRMExit("a problem"); }); }).status,
               0);
 }
 

@@ -744,12 +744,17 @@ TEST_F(LogFileFails, AfterAFatalOneTheFileIsLeftAlone)
     EXPECT_EQ(readFile(kLogPath), "");
 }
 
-TEST_F(LogFileFails, AfterAFatalOneAnotherFileOfTheHostIsTrusted)
+// A log has failed, and the host has set another file, "other.log", in its place. Gives its handle.
+int16_t replaceAFailedLog()
 {
     openLog();
     failTheLog();
-    const int16_t failed = sysfile;
-    sysfile = openForTheLog("other.log");
+    return std::exchange(sysfile, openForTheLog("other.log"));
+}
+
+TEST_F(LogFileFails, AfterAFatalOneAnotherFileOfTheHostIsTrusted)
+{
+    const int16_t failed = replaceAFailedLog();
     rm_fileClose(failed);
     captureStderr([] { rm_systemLogWrite("there"); });
     EXPECT_THAT(logLines(readFile("other.log")), ElementsAre("there"));
@@ -758,10 +763,7 @@ TEST_F(LogFileFails, AfterAFatalOneAnotherFileOfTheHostIsTrusted)
 
 TEST_F(LogFileFails, AfterAFatalOneItIsLeftAloneThoughAnotherHasStoodInForIt)
 {
-    openLog();
-    failTheLog();
-    const int16_t failed = sysfile;
-    sysfile = openForTheLog("other.log");
+    const int16_t failed = replaceAFailedLog();
     rm_fileClose(sysfile);
     EXPECT_EQ(sysfile, RM_NONE);
     sysfile = failed;
@@ -771,10 +773,7 @@ TEST_F(LogFileFails, AfterAFatalOneItIsLeftAloneThoughAnotherHasStoodInForIt)
 
 TEST_F(LogFileFails, AfterAFatalOneItIsLeftAloneThoughTheLogWasClosedWithAnother)
 {
-    openLog();
-    failTheLog();
-    const int16_t failed = sysfile;
-    sysfile = openForTheLog("other.log");
+    const int16_t failed = replaceAFailedLog();
     rm_systemLogClose();
     rm_systemLog(2);
     sysfile = failed;
@@ -803,10 +802,7 @@ TEST_F(LogFileFails, AfterTwoNoneIsTrustedUntilOneIsClosed)
 
 TEST_F(LogFileFails, AfterAFatalOneTheNextFileWithItsHandleIsTrusted)
 {
-    openLog();
-    failTheLog();
-    const int16_t failed = sysfile;
-    sysfile = openForTheLog("other.log");
+    const int16_t failed = replaceAFailedLog();
     rm_fileClose(failed);
     const int16_t next = openForTheLog("next.log");
     ASSERT_EQ(next, failed);
