@@ -1,7 +1,7 @@
 // The main function of every test program. With RM_CASES_APART in the environment each case runs in
 // a child of its own, as it does where the runner starts the program once a case, but the program
-// is started and, where something translates it, translated once only: for valgrind, where a start
-// takes longer than most cases.
+// is started and, where something translates it, translated once only: for valgrind and the
+// sanitizers, where a start takes longer than most cases.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
