@@ -26,7 +26,8 @@ trap cleanup EXIT
 trap 'exit 130' INT TERM
 export TMPDIR=$scratch
 
-# search_one TARGET SECONDS: its output to build/fuzz/TARGET.log, its status to TARGET.status
+# search_one TARGET SECONDS: its output to build/fuzz/TARGET.log, its status to TARGET.status, and the
+# time that it and its children had a processor to TARGET.times
 search_one() {
     local target=$1 seconds=$2 status=0 options=() dictionary program
     dictionary=tests/fuzz/dictionaries/${target%%_*}.dict
@@ -39,6 +40,7 @@ search_one() {
     trap 'kill "$program"' TERM
     wait "$program" || status=$?
     echo "$status" >"$build/$target.status"
+    times | tail -n 1 >"$build/$target.times"
 }
 
 # last_number TARGET PATTERN: the last number in the log that follows the pattern, or -
@@ -48,15 +50,20 @@ last_number() {
     echo "${found:--}"
 }
 
+# processor_seconds TARGET: of "1m2.5s 0m3.1s", as the shell has written it
+processor_seconds() {
+    tr 'ms' '  ' <"$build/$1.times" | awk '{ printf "%.0f", $1 * 60 + $2 + $3 * 60 + $4 }'
+}
+
 # report TARGET: its line of the summary; fails when something was found
 report() {
     local target=$1 status find
     status=$(cat "$build/$target.status")
     find=$(grep -aoE 'Test unit written to .*' "$build/$target.log" | tail -n 1 || true)
     find=${find#Test unit written to }
-    printf '%-13s %10s executions, %7s a second, corpus %4s, %5s edges, %s finds\n' "$target" \
+    printf '%-13s %4s s of processor, %10s executions, corpus %4s, %5s edges, %s finds\n' "$target" \
+        "$(processor_seconds "$target")" \
         "$(last_number "$target" 'stat::number_of_executed_units:')" \
-        "$(last_number "$target" 'stat::average_exec_per_sec:')" \
         "$(last_number "$target" 'corp:')" "$(last_number "$target" 'cov:')" \
         "$([ "$status" -eq 0 ] && echo 0 || echo 1)"
     [ "$status" -ne 0 ] || return 0
