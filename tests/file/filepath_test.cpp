@@ -188,6 +188,7 @@ TEST_F(FileTempName, IsANewOneInEveryProcess)
     const std::string here = name(nullptr);
     const rmtest::ChildResult child =
         rmtest::runChild([] { std::printf("%s", name(nullptr).c_str()); });
+    EXPECT_EQ(child.status, 0);
     EXPECT_NE(child.out, here);
 }
 

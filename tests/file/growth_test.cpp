@@ -611,7 +611,7 @@ TEST_F(FailedGrowth, IsSeenTwiceByAnotherProcess)
     openStepped(1000);
     ScopedFault fault(failedGrowth(ENOSPC));
     fatalEnd([] { seekWrite(0, 0, "x"); });
-    rmtest::runChild([] {
+    rmtest::inChild([] {
         EXPECT_EQ(rm_syncEnterExcl(growSem, RM_WAIT_FOREVER), 0);
         EXPECT_EQ(rm_syncEnterExcl(growSem, RM_WAIT_FOREVER), 0);
         EXPECT_EQ(growSemValue(), 0);

@@ -35,6 +35,7 @@ using rmtest::Call;
 using rmtest::callCount;
 using rmtest::callTrace;
 using rmtest::ChildResult;
+using rmtest::inChild;
 using rmtest::ipcObjects;
 using rmtest::logLines;
 using rmtest::Peer;
@@ -860,7 +861,7 @@ class SyncGone : public SyncProcessCase
         for (const char* name : {"a", "b", "c"}) {
             rm_syncCreate(name);
         }
-        runChild([] { rm_exit(0); });
+        inChild([] { rm_exit(0); });
     }
 
     static void expectForgotten()
@@ -929,7 +930,7 @@ TEST_F(SyncGone, IsForgottenByAnExitThatArrivesAtTheFatalTarget)
 TEST_F(SyncStranger, KeepsItsSetAndTokenFileWhenOneTerminatesThatHadASetBefore)
 {
     rm_syncCreate("lock");
-    runChild([] { rm_exit(0); });
+    inChild([] { rm_exit(0); });
     EXPECT_EQ(create(), "0");
     printedBy([] { rm_syncTerminate(); });
     EXPECT_EQ(rm_syncCreate("lock"), 0);

@@ -21,7 +21,7 @@ namespace
 using rmtest::callCount;
 using rmtest::CallRecord;
 using rmtest::callTrace;
-using rmtest::runChild;
+using rmtest::inChild;
 
 constexpr const char* kText = "[a]\nk=1\n";
 constexpr const char* kChanged = "[a]\nk=2\n";
@@ -108,7 +108,7 @@ TEST_F(IniRewrite, InADirectoryThatMayNotBeWrittenChangesNothing)
     chmod("d/x.ini", 0666);
     chmod("d", 0555);
     chmod(".", 0755);
-    runChild([] {
+    inChild([] {
         if (geteuid() == 0) {
             ASSERT_EQ(setgid(kNobody), 0);
             ASSERT_EQ(setuid(kNobody), 0);
@@ -124,7 +124,7 @@ TEST_F(IniRewrite, OfAFileThatMayNotBeReadChangesNothing)
 {
     chmod(kFile, 0);
     chmod(".", 0777);
-    runChild([] {
+    inChild([] {
         if (geteuid() == 0) {
             ASSERT_EQ(setgid(kNobody), 0);
             ASSERT_EQ(setuid(kNobody), 0);
@@ -336,7 +336,7 @@ TEST_F(IniRewrite, WorksWithOneDescriptorForAFileThatMayNotBeWritten)
 {
     chmod(kFile, 0444);
     chmod(".", 0777);
-    runChild([] {
+    inChild([] {
         if (geteuid() == 0) {
             ASSERT_EQ(setgid(kNobody), 0);
             ASSERT_EQ(setuid(kNobody), 0);

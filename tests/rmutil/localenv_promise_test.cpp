@@ -13,8 +13,8 @@ namespace
 {
 using rmtest::Call;
 using rmtest::callCount;
+using rmtest::inChild;
 using rmtest::resetCalls;
-using rmtest::runChild;
 
 constexpr const char* kName = "RM_TEST_VARIABLE";  // a name that no environment has
 
@@ -62,7 +62,7 @@ TEST_F(LocalEnvBeside, AsksTheProcessOnceForWhatItDoesNotKnow)
 TEST_F(LocalEnvBeside, IsInheritedByAChildAndNotSharedWithIt)
 {
     rm_putLocalEnv("INHERITED=parent");
-    runChild([] {
+    inChild([] {
         EXPECT_STREQ(rm_getenv("inherited"), "PARENT");
         rm_putLocalEnv("INHERITED=child");
         rm_putLocalEnv("NEW=child");

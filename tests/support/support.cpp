@@ -392,6 +392,18 @@ ChildResult runChild(const std::function<void()>& body, Milliseconds limit)
     return result;
 }
 
+void inChild(const std::function<void()>& body)
+{
+    const ChildResult result = runChild(body);
+    const bool reported = result.exited && result.status == kChildTestFailed;
+    if (!reported && (!result.exited || result.status != 0)) {
+        ADD_FAILURE() << "a child has ended before its time, "
+                      << (result.exited ? "status " : "signal ")
+                      << (result.exited ? result.status : result.signal) << '\n'
+                      << result.out << result.err;
+    }
+}
+
 void Peer::Channel::say(std::string_view line)
 {
     std::string text(line);

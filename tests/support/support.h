@@ -72,6 +72,10 @@ struct ChildResult {
 // fails here too, with the child's output. Over the limit the child and its children are killed.
 ChildResult runChild(const std::function<void()>& body, Milliseconds limit = kLimit);
 
+// The same for a body that has to come to its end: a child that ends with another status than 0, or
+// by a signal, fails the test.
+void inChild(const std::function<void()>& body);
+
 // Another process that is driven step by step, a line of text at a time.
 //
 //     Peer peer([](Peer::Channel& ch) { lock(); ch.say("held"); ch.hear(); unlock(); });

@@ -32,6 +32,7 @@ using rmtest::callCount;
 using rmtest::CallRecord;
 using rmtest::callTrace;
 using rmtest::ChildResult;
+using rmtest::inChild;
 using rmtest::kForever;
 using rmtest::Peer;
 using rmtest::resetCalls;
@@ -110,7 +111,7 @@ TEST(SupportFixtureEnd, FailsWhenAnIpcObjectOfAChildIsLeft)
 {
     static Untidy untidy;
     untidy.begin();
-    runChild([] { static_cast<void>(semget(IPC_PRIVATE, 1, 0600)); });
+    inChild([] { static_cast<void>(semget(IPC_PRIVATE, 1, 0600)); });
     EXPECT_NONFATAL_FAILURE(untidy.end(), "an IPC object is left: s id");
 }
 
@@ -186,6 +187,13 @@ TEST_F(SupportChildren, KillsAChildThatIsOverTheLimit)
     EXPECT_EQ(child.signal, SIGKILL);
     EXPECT_TRUE(child.timedOut);
     EXPECT_GE(child.seconds, 0.05);
+}
+
+TEST_F(SupportChildren, ThatEndsBeforeItsTimeFailsTheTest)
+{
+    EXPECT_NONFATAL_FAILURE(inChild([] { _exit(3); }), "before its time, status 3");
+    EXPECT_NONFATAL_FAILURE(inChild([] { raise(SIGKILL); }), "before its time, signal 9");
+    inChild([] {});
 }
 
 TEST_F(SupportChildren, AFailedExpectationInTheChildFailsTheTest)
@@ -632,7 +640,7 @@ TEST_F(SupportFaults, TheTraceMarksWhatAFaultAnswered)
 TEST_F(SupportFaults, AreArmedInAChildToo)
 {
     ScopedFault fault({.call = Call::kAccess, .error = EIO, .times = kForever});
-    runChild([] { EXPECT_EQ(access(".", F_OK), -1); });
+    inChild([] { EXPECT_EQ(access(".", F_OK), -1); });
     EXPECT_EQ(fault.hits(), 0);
 }
 

@@ -26,6 +26,7 @@ using rmtest::callTrace;
 using rmtest::captureStderr;
 using rmtest::catchExit;
 using rmtest::ChildResult;
+using rmtest::inChild;
 using rmtest::kForever;
 using rmtest::logLines;
 using rmtest::openDescriptors;
@@ -466,7 +467,7 @@ TEST_F(GshmDelete, LeavesTheMemoryAttached)
 TEST_F(GshmDelete, LetsTheSystemRemoveTheSegmentWhenTheProcessEnds)
 {
     int* id = static_cast<int*>(static_cast<void*>(make("id").address));
-    runChild([=] {
+    inChild([=] {
         make();
         *id = idOf(1);
         rm_gshmDelete(1);
@@ -594,7 +595,7 @@ TEST_F(GshmTerminate, IsPartOfTheEndOfTheProcess)
 
 TEST_F(GshmTerminate, ByTheExitHasRunWhenControlIsBackAtTheHost)
 {
-    runChild([] {
+    inChild([] {
         const Object object = make();
         object.address[0] = 'k';
         EXPECT_EQ(catchExit([] { rm_exit(4); }), 4);

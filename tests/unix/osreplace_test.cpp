@@ -233,16 +233,16 @@ TEST_F(LockFile, ExcludesAChildUntilItIsGivenBack)
 {
     const int32_t lock = os::lockFile(kPath, 0);
     ASSERT_GE(lock, 0);
-    rmtest::runChild([] { EXPECT_EQ(os::lockFile(kPath, 0), os::kFileBusy); });
+    rmtest::inChild([] { EXPECT_EQ(os::lockFile(kPath, 0), os::kFileBusy); });
     os::unlockFile(lock);
-    rmtest::runChild([] { EXPECT_GE(os::lockFile(kPath, 0), 0); });
+    rmtest::inChild([] { EXPECT_GE(os::lockFile(kPath, 0), 0); });
 }
 
 TEST_F(LockFile, LeavesOtherFilesFree)
 {
     const int32_t lock = os::lockFile(kPath, 0);
     ASSERT_GE(lock, 0);
-    rmtest::runChild([] { EXPECT_GE(os::lockFile("other", 0), 0); });
+    rmtest::inChild([] { EXPECT_GE(os::lockFile("other", 0), 0); });
     os::unlockFile(lock);
 }
 

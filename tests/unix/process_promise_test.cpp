@@ -14,8 +14,8 @@
 namespace
 {
 using rmtest::callTrace;
+using rmtest::inChild;
 using rmtest::resetCalls;
-using rmtest::runChild;
 
 class ProcessState : public rmtest::RmTest
 {
@@ -42,7 +42,7 @@ TEST_F(ProcessState, ABeginningThreadIsNoProcessEither)
 TEST_F(ProcessState, AThreadThatBeginsInAChildLeavesTheForegroundToTheParent)
 {
     ASSERT_EQ(rm_threadBegin(), 1);
-    runChild([] {
+    inChild([] {
         EXPECT_EQ(rm_threadBegin(), 1);
         EXPECT_EQ(os::ForegroundThreadID, getppid());
         EXPECT_EQ(rm_foregroundThread(), 0);
@@ -52,9 +52,9 @@ TEST_F(ProcessState, AThreadThatBeginsInAChildLeavesTheForegroundToTheParent)
 TEST_F(ProcessState, AChildOfAChildIsInTheForegroundOfNobody)
 {
     ASSERT_EQ(rm_foregroundThread(), 1);
-    runChild([] {
+    inChild([] {
         EXPECT_EQ(rm_setForegroundThread(), static_cast<int16_t>(getpid()));
-        runChild([] { EXPECT_EQ(rm_foregroundThread(), 0); });
+        inChild([] { EXPECT_EQ(rm_foregroundThread(), 0); });
         EXPECT_EQ(rm_foregroundThread(), 1);
     });
 }
@@ -62,7 +62,7 @@ TEST_F(ProcessState, AChildOfAChildIsInTheForegroundOfNobody)
 TEST_F(ProcessState, IsTheChildsOwn)
 {
     rm_threadDefaultPriority(3);
-    runChild([] {
+    inChild([] {
         EXPECT_EQ(os::DefaultPriority, 3);
         rm_threadDefaultPriority(4);
         rm_setOSTerm(2);

@@ -24,8 +24,8 @@ namespace
 using rmtest::Call;
 using rmtest::CallRecord;
 using rmtest::callTrace;
+using rmtest::inChild;
 using rmtest::resetCalls;
-using rmtest::runChild;
 using rmtest::ScopedFault;
 
 // What the process began with, before any case could change it.
@@ -112,7 +112,7 @@ TEST_F(Foreground, AForkedChildIsNot)
 {
     EXPECT_EQ(rm_foregroundThread(), 1);
     const pid_t parent = getpid();
-    runChild([parent] {
+    inChild([parent] {
         EXPECT_EQ(rm_foregroundThread(), 0);
         EXPECT_EQ(os::ForegroundThreadID, parent);
     });
@@ -120,14 +120,14 @@ TEST_F(Foreground, AForkedChildIsNot)
 
 TEST_F(Foreground, AChildForkedBeforeAnybodyAskedIsItsOwn)
 {
-    runChild([] { EXPECT_EQ(rm_foregroundThread(), 1); });
+    inChild([] { EXPECT_EQ(rm_foregroundThread(), 1); });
     EXPECT_EQ(os::ForegroundThreadID, -1);
 }
 
 TEST_F(Foreground, AChildBecomesItWhenItSaysSo)
 {
     EXPECT_EQ(rm_foregroundThread(), 1);
-    runChild([] {
+    inChild([] {
         EXPECT_EQ(rm_setForegroundThread(), static_cast<int16_t>(getpid()));
         EXPECT_EQ(rm_foregroundThread(), 1);
         EXPECT_EQ(os::ForegroundThreadID, getpid());
@@ -374,7 +374,7 @@ TEST_F(Termination, IsTheExportedVariable)
 TEST_F(Termination, IsInheritedByAChildAndThenItsOwn)
 {
     rm_setOSTerm(2);
-    runChild([] {
+    inChild([] {
         EXPECT_EQ(rm_getOSTerm(), 2);
         rm_setOSTerm(3);
     });

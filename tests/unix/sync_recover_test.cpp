@@ -36,6 +36,7 @@ using rmtest::captureStderr;
 using rmtest::captureStdout;
 using rmtest::catchFatal;
 using rmtest::ChildResult;
+using rmtest::inChild;
 using rmtest::kForever;
 using rmtest::logLines;
 using rmtest::Peer;
@@ -332,7 +333,7 @@ TEST_F(SyncRecover, LeavesALockThatAChildHolds)
 TEST_F(SyncRecover, LeavesALockThatTheParentHolds)
 {
     rm_syncEnterExcl(lock_, RM_WAIT_FOREVER);
-    runChild([this] { EXPECT_EQ(recoverQuietly(), 0); });
+    inChild([this] { EXPECT_EQ(recoverQuietly(), 0); });
     EXPECT_EQ(value(), 0);
 }
 
