@@ -40,7 +40,7 @@ search_one() {
     trap 'kill "$program"' TERM
     wait "$program" || status=$?
     echo "$status" >"$build/$target.status"
-    times | tail -n 1 >"$build/$target.times"
+    times >"$build/$target.times"
 }
 
 # last_number TARGET PATTERN: the last number in the log that follows the pattern, or -
@@ -50,9 +50,9 @@ last_number() {
     echo "${found:--}"
 }
 
-# processor_seconds TARGET: of "1m2.5s 0m3.1s", as the shell has written it
+# processor_seconds TARGET: of "1m2.5s 0m3.1s", which the shell has written for its children
 processor_seconds() {
-    tr 'ms' '  ' <"$build/$1.times" | awk '{ printf "%.0f", $1 * 60 + $2 + $3 * 60 + $4 }'
+    tr 'ms' '  ' <"$build/$1.times" | awk 'END { printf "%.0f", $1 * 60 + $2 + $3 * 60 + $4 }'
 }
 
 # report TARGET: its line of the summary; fails when something was found
