@@ -12,7 +12,6 @@
 //     RM_TEST_SEED=123            repeats a run; a failure prints its seed
 //     RM_TEST_OPERATIONS=1000000  makes longer ones: the number of calls in each case
 #include "tests/rmalloc/heap.h"
-#include "tests/support/faults.h"
 
 #include "rm.h"
 #include "rm/rmalloc/rmalloc.h"
@@ -760,26 +759,13 @@ class DamageRandom : public rmtest::HeapTest, public ::testing::WithParamInterfa
 {
 };
 
-// Memory of segments comes written: a walk along a damaged header may read any byte of it, and a
-// memory checker would take each that was never written for a fault of the walk.
-int64_t writtenMemory(const rmtest::CallRecord& call)
-{
-    const int64_t memory = rmtest::passThrough(call);
-    if (memory != 0) {
-        std::memset(reinterpret_cast<void*>(static_cast<intptr_t>(memory)), 0x5a,
-                    static_cast<std::size_t>(call.args[0]));
-    }
-    return memory;
-}
-
 TEST_P(DamageRandom, IsRefusedOrDoesNotMatterAndCanBePutRight)
 {
     const Mix& mix = GetParam();
     const auto seed = static_cast<uint32_t>(rmtest::seedOfThisRun(mix.seed));
     const auto operations =
         static_cast<uint64_t>(rmtest::operationsOfThisRun(static_cast<long>(mix.operations)));
-    const rmtest::ScopedFault written(
-        {.call = rmtest::Call::kMalloc, .times = rmtest::kForever, .action = writtenMemory});
+    const rmtest::WrittenMemory written{};
     DamageRun run(mix, seed);
     EXPECT_TRUE(run.make(operations))
         << run.story() << "\nRM_TEST_SEED=" << seed << " RM_TEST_OPERATIONS=" << operations;

@@ -220,6 +220,7 @@ class PoolRandom : public PoolTest
     std::array<Tag, 3> tags_ = {};
     std::array<Pair, kPools> pairs_;
     std::array<std::vector<PoolModel::Element>, 3> held_;
+    rmtest::WrittenMemory written_;
     std::mt19937_64 random_{rmtest::seedOfThisRun()};
     uint64_t outside_ = 0;
 };
