@@ -321,25 +321,6 @@ inline std::vector<int64_t> outstanding()
     return held;
 }
 
-// As long as one lives, memory of segments comes written: a damaged header, or a pointer that is
-// none of the library's, may lead to any byte of it, and a memory checker would take one that was
-// never written for a fault of who looks there.
-class WrittenMemory
-{
-  private:
-    static int64_t write(const CallRecord& call)
-    {
-        const int64_t memory = passThrough(call);
-        if (memory != 0) {
-            std::memset(reinterpret_cast<void*>(static_cast<intptr_t>(memory)), 0x5a,
-                        static_cast<std::size_t>(call.args[0]));
-        }
-        return memory;
-    }
-
-    ScopedFault fault_{{.call = Call::kMalloc, .times = kForever, .action = write}};
-};
-
 // --- The fixture
 
 // Cases start without SEG_ALLOC, whatever the environment of the run says, and must leave a heap

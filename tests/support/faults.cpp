@@ -605,6 +605,16 @@ int64_t passThrough(const CallRecord& record)
     return record.real(record);
 }
 
+int64_t WrittenMemory::write(const CallRecord& call)
+{
+    const int64_t memory = passThrough(call);
+    if (memory != 0) {
+        std::memset(reinterpret_cast<void*>(static_cast<intptr_t>(memory)), 0x5a,
+                    static_cast<std::size_t>(call.args[0]));
+    }
+    return memory;
+}
+
 void meetFaults(const std::function<void()>& body)
 {
     insideFault = false;

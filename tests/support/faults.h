@@ -177,6 +177,17 @@ class ScopedFault
     int hits_ = 0;
 };
 
+// As long as one lives, memory from malloc comes written. For cases with damaged headers, or with
+// pointers that are none of the library's: they lead to any byte of a segment, and a memory checker
+// would take one that was never written for a fault of who looks there.
+class WrittenMemory
+{
+  private:
+    static int64_t write(const CallRecord& call);
+
+    ScopedFault fault_{{.call = Call::kMalloc, .times = kForever, .action = write}};
+};
+
 // Takes all faults away. For a process that ends with some of them in its frames: what runs after
 // the frames are gone, the counters of a coverage build for one, meets the system as it is.
 void disarmFaults();

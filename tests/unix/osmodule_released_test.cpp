@@ -85,6 +85,8 @@ class OsModuleReleased : public rmtest::ModuleTest
         EXPECT_EQ(rm_OSemLoad(name, &module), 0);
         return module;
     }
+
+    rmtest::WrittenMemory written_;  // the segments are compared as a whole
 };
 
 TEST_F(OsModuleReleased, ByItsConstructorIsNotWrittenTo)
