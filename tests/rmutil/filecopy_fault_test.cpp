@@ -367,6 +367,27 @@ TEST_F(CopyLeft, OfAnOpeningIsClosedByTheNextCopy)
     EXPECT_EQ(file::nHandles, 1);
 }
 
+// The table's lock is left behind each step: a file that was opened meanwhile is open by then.
+TEST_F(CopyLeft, OfALockThatFailsIsClosedByTheNextCopy)
+{
+    int failed = 0;
+    for (int skip = 0, hits = 1; hits > 0 && !HasFailure(); ++skip) {
+        SCOPED_TRACE("call " + std::to_string(skip));
+        {
+            const ScopedFault fault(
+                {.call = Call::kSemop, .also = Call::kSemtimedop, .error = EACCES, .skip = skip});
+            const bool jumped = fatalEnd([] { rm_fileCopy("src", "dst"); }).jumped;
+            hits = fault.hits();
+            EXPECT_EQ(jumped, hits > 0);
+        }
+        failed += hits;
+        EXPECT_EQ(rm_fileCopy("src", "dst"), RM_SUCCESS);
+        EXPECT_EQ(readFile("dst").size(), 3 * kStep);
+        EXPECT_EQ(file::nHandles, 1);
+    }
+    EXPECT_GT(failed, 20);
+}
+
 TEST_F(CopyLeft, GoesWithAllMemory)
 {
     abandonACopy();

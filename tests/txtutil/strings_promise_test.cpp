@@ -5,7 +5,9 @@
 #include "rm.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -345,6 +347,37 @@ TEST_F(LineInput, IsNobodyElsesUntilTheLineIsRead)
     EXPECT_EQ(refusals, 1);
     std::thread(tryFromAnotherThread).join();
     EXPECT_EQ(refusals, 1) << "it is free again";
+}
+
+// Whoever waits for the stream gets it behind the line, and not between two of its parts.
+TEST_F(LineInput, IsNobodyElsesBetweenItsParts)
+{
+    constexpr int16_t kParts = 32;
+    std::FILE* stream = nullptr;
+    std::thread other;
+    std::atomic<bool> others = false;
+    int given = 0;
+    int early = 0;
+    const Source input([&](std::string* bytes) {
+        if (given == 0) {
+            other = std::thread([&] {
+                flockfile(stream);
+                others = true;
+                funlockfile(stream);
+            });
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // the other one waits by now
+        early += others ? 1 : 0;
+        *bytes = std::string(1000, 'x') + (++given == kParts ? "\n" : "");
+        return true;
+    });
+    stream = input.stream();
+    std::vector<char> buffer(kParts * 1000 + 2);
+    EXPECT_EQ(FgetsTrim(buffer.data(), kParts * 1000 + 2, stream), buffer.data());
+    other.join();
+    EXPECT_EQ(std::strlen(buffer.data()), kParts * 1000U);
+    EXPECT_EQ(early, 0) << "of " << kParts << " parts";
+    EXPECT_TRUE(others);
 }
 
 TEST_F(LineInput, OfTwoStreamsIsKeptApart)
