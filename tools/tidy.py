@@ -30,7 +30,7 @@ def clang_tidy(arguments):
 
 
 def flags_of(build):
-    """{source: (directory, flags)} of what the build compiles."""
+    """{source: its flags} of what the build compiles."""
     flags = {}
     for command in json.loads((build / "compile_commands.json").read_text()):
         words = shlex.split(command["command"])[1:]

@@ -30,7 +30,7 @@ END
 chmod +x bin/clang-tidy
 PATH=$work/bin:$PATH
 
-# The first two stand beside others; the last two never do.
+# The first three stand beside each other; the last two are read alone.
 sources=(tests/thing/a_test.cpp tests/thing/b_test.cpp tests/thing/c_test.cpp rm/thing.cpp
     tests/thing/macro_test.cpp)
 
